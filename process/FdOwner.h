@@ -1,0 +1,58 @@
+// FdOwner and PipeOwner: one open descriptor, and the two of a pipe, each with exactly one owner.
+// Borrowers take a plain int and never close it.
+#pragma once
+
+#include <utility>
+
+namespace zorvo::process {
+
+/// close(2), repeated while it is interrupted. Returns 0, or -1 with errno. A repetition that finds the
+/// descriptor already gone counts as success: Linux releases it even when the call was interrupted.
+/// Async-signal-safe.
+int closeRetrying(int fd) noexcept;
+
+/// Owns one descriptor; -1 when empty. Move-only.
+class FdOwner {
+public:
+    FdOwner() noexcept = default;
+    explicit FdOwner(int fd) noexcept : fd_(fd) {}
+    FdOwner(FdOwner&& other) noexcept : fd_(other.release()) {}
+    FdOwner& operator=(FdOwner&& other) noexcept; ///< Closes what it held.
+    ~FdOwner();                                   ///< Closes silently and keeps errno.
+
+    /// Borrowed: valid until this is closed, moved from or destroyed.
+    int get() const noexcept { return fd_; }
+    bool isOpen() const noexcept { return fd_ >= 0; }
+
+    /// Gives the descriptor to the caller, who closes it; -1 when empty.
+    [[nodiscard]] int release() noexcept { return std::exchange(fd_, -1); }
+
+    /// Closes and leaves -1 behind, also on failure: then throws SystemError with `label`.
+    void close(const char* label);
+
+    /// Closes, ignoring failures and keeping errno, and leaves -1 behind. Async-signal-safe.
+    void close_nothrow() noexcept;
+
+private:
+    int fd_ = -1;
+};
+
+/// Owns both ends of one pipe(2); closed on exec, and never numbered 0, 1 or 2.
+class PipeOwner {
+public:
+    PipeOwner() noexcept = default;
+    PipeOwner(PipeOwner&&) noexcept = default;
+    PipeOwner& operator=(PipeOwner&&) noexcept = default;
+
+    /// Closes both ends. A failure throws SystemError ("pipe read-end close", "pipe write-end close") unless an
+    /// exception is in flight.
+    ~PipeOwner() noexcept(false);
+
+    /// Makes the pipe. Throws SystemError with `label`.
+    void open(const char* label);
+
+    FdOwner readEnd;
+    FdOwner writeEnd;
+};
+
+} // namespace zorvo::process
