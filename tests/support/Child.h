@@ -1,0 +1,78 @@
+// Child: running test code in a process of its own, for what changes or ends a process.
+#pragma once
+
+#include "support/Capture.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <exception>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+namespace support {
+
+/// waitpid(2) for one child, retried while interrupted; the wait status.
+inline int waitFor(pid_t child)
+{
+    int status = -1;
+    while (::waitpid(child, &status, 0) == -1)
+        if (errno != EINTR)
+            throw std::runtime_error("cannot wait for a child process");
+    return status;
+}
+
+/// Forks a child that runs `body` and leaves with its result through _exit(2): no destructors, no atexit
+/// functions. An escaping exception gives status 255.
+inline pid_t forkChild(const std::function<int()>& body)
+{
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    if (child == -1)
+        throw std::runtime_error("cannot fork");
+    if (child != 0)
+        return child;
+    int status = 255;
+    try {
+        status = body();
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "escaped: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "escaped: an unknown exception\n");
+    }
+    std::cout.flush();
+    std::clog.flush();
+    std::fflush(nullptr);
+    ::_exit(status);
+}
+
+/// What a finished child left: wait status and both streams.
+struct ChildResult {
+    int status = -1;
+    std::string out;
+    std::string err;
+
+    bool exitedWith(int code) const { return WIFEXITED(status) && WEXITSTATUS(status) == code; }
+};
+
+/// Runs `body` in a child to its end. Its streams are captured, so nothing of it reaches the test's output.
+inline ChildResult runInChild(const std::function<int()>& body)
+{
+    Capture capture;
+    ChildResult result;
+    result.status = waitFor(forkChild(body));
+    result.out = capture.out();
+    result.err = capture.err();
+    return result;
+}
+
+/// True when this process has no child left, running or unreaped. Reaps nothing.
+inline bool hasNoChildren()
+{
+    siginfo_t info{};
+    return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == -1 && errno == ECHILD;
+}
+
+} // namespace support
