@@ -18,9 +18,9 @@
 int fork_execv_log(const char* path, char* const argv[], int quiet);
 int fork_execl_log(int quiet, const char* path, ...);
 
-/// Runs `path` with standard output and error captured into new NUL-terminated malloc'd buffers for the caller
-/// to free; null where nothing was written. Standard input is inherited. When the child ends while a process
-/// it left behind keeps the pipes open, returns within about a second; what comes later is lost.
+/// Runs `path` with standard output and error captured into new NUL-terminated malloc'd buffers for the
+/// caller to free; null where nothing was written. Standard input is inherited. When the child ends while a
+/// process it left behind keeps the pipes open, returns within about a second; what comes later is lost.
 int fork_execv_getouterr(char** out, char** err, const char* path, char* const argv[]);
 int fork_execl_getouterr(char** out, char** err, const char* path, ...);
 
@@ -29,20 +29,22 @@ int fork_execv_getout(char** out, const char* path, char* const argv[]);
 int fork_execl_getout(char** out, const char* path, ...);
 
 /// Forks and executes `path` with the given descriptors as 0, 1 and 2 (-1: /dev/null; 0, 1, 2 in their own
-/// place: inherited). Returns the pid at once; the caller waits. The descriptors stay open in the parent.
+/// place: inherited). One descriptor may be given twice. Returns the pid at once; the caller waits. The
+/// descriptors stay open in the parent.
 pid_t fork_execv_pipes(int in, int out, int err, const char* path, char* const argv[]);
 pid_t fork_execl_pipes(int in, int out, int err, const char* path, ...);
 
-/// Runs `path` with `fd_in` and `fd_out` as standard input and output, waits. 0, 1 and 2 are refused. Failures
-/// are reported on standard error. -1 for every end but an exit, and when the program could not be executed.
+/// Runs `path` with `fd_in` and `fd_out` as standard input and output (-1: /dev/null), waits. 0, 1 and 2 are
+/// refused. Failures are reported on standard error. -1 for every end but an exit, and when the program could
+/// not be executed.
 int fork_execv_fd(int fd_in, int fd_out, const char* path, char* const argv[]);
 
 /// Runs `path` with standard input from /dev/null, waits.
 int fork_execv(const char* path, char* const argv[]);
 
-/// Waits for `pid` (also for a stop) and translates: the exit code; -1 for a kill, a stop, a negative pid or a
-/// failed wait, each of them logged with `name` (null: "<unknown>"). `status` gets the raw wait status unless
-/// null.
+/// Waits for `pid` (also for a stop) and translates: the exit code; -1 for a kill, a stop, a negative pid or
+/// a failed wait, each of them logged with `name` (null: "<unknown>"). `status` gets the raw wait status
+/// unless null.
 int fork_exec_waitpid(pid_t pid, const char* name, int* status);
 
 /// -1 for a `pid` of -1, else fork_exec_waitpid(pid, name, NULL).
@@ -65,10 +67,12 @@ int util_exec(const char* name, ...);
 int util_exec_args(const char* name, char* const args[]);
 int util_libexec(const char* name, ...);
 
-/// Runs a command line with /bin/sh (popen(3)), waits. Returns its exit code, or -1 when it could not be run or
-/// was killed; a result other than 0 is reported through messlog2. popen_exec ignores its output,
+/// Runs a command line with /bin/sh -c, waits. Returns its exit code, or -1 when it could not be run or was
+/// killed; a result other than 0 is reported through messlog2. popen_exec drops its output,
 /// popen_exec_getoutput puts it into a new NUL-terminated malloc'd buffer for the caller (null: nothing was
-/// written), popen_exec_with_input writes `size` bytes of `input` to its standard input.
+/// written); both stop reading as fork_execv_getouterr does. popen_exec_with_input writes `size` bytes of
+/// `input` to its standard input; a command that exits with 0 without having taken them all is reported and
+/// -1.
 int popen_exec(const char* command);
 int popen_exec_getoutput(const char* command, char** output);
 int popen_exec_with_input(const char* command, const char* input, size_t size);
@@ -77,15 +81,15 @@ int popen_exec_with_input(const char* command, const char* input, size_t size);
 /// status 1 and "Unable to fork".
 int do_exec(const char* path, char* const argv[]);
 
-/// In a child: makes `in`, `out` and `err` its descriptors 0, 1 and 2 and closes all others.
-/// Returns 0, or -1 with errno.
+/// In a child: makes `in`, `out` and `err` its descriptors 0, 1 and 2 and closes all others. Returns 0, or -1
+/// with errno; -1 is no descriptor here (EBADF).
 int prepare_fds_to_exec(int in, int out, int err);
 
 /// Closes every descriptor from `lowfd` upwards. Takes the place of the C library's function of this name.
 extern "C" void closefrom(int lowfd) noexcept;
 
-/// The two strategies of closefrom: by the names in /proc/self/fd, 0 or -1 when that cannot be relied upon; and
-/// by number, from the size of the descriptor table down. The latter keeps errno.
+/// The two strategies of closefrom: by the names in /proc/self/fd, 0, or -1 when that cannot be relied upon
+/// (some may be closed already then); and by number, which keeps errno.
 int closefrom_through_proc(int lowfd) noexcept;
 void closefrom_max(int lowfd) noexcept;
 
