@@ -26,6 +26,11 @@ public:
     int code() const noexcept { return code_; }
 
 private:
+    struct Code {
+        int value;
+    };
+    SystemError(Code code, const std::string& message);
+
     int code_;
     mutable std::string fullText_;
 };

@@ -40,7 +40,8 @@ int zorvo_log_get_opts();
 
 /// The console back end.
 void _zorvo_utility_log(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void _zorvo_utility_logv(int priority, const char* format, va_list args) __attribute__((format(printf, 2, 0)));
+void _zorvo_utility_logv(int priority, const char* format, va_list args)
+    __attribute__((format(printf, 2, 0)));
 
 /// The syslog back end. With a trace id lines are cut at 8191 bytes.
 void _zorvo_utility_syslog(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));

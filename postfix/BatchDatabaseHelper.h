@@ -1,5 +1,5 @@
-// BatchDatabaseHelper: gathers changes of lookup tables so that each table costs one postmap(1) run, or passes
-// each change straight on. What is still gathered when it is destroyed is dropped.
+// BatchDatabaseHelper: gathers changes of lookup tables so that each table costs one postmap(1) run, or
+// passes each change straight on. What is still gathered when it is destroyed is dropped.
 #pragma once
 
 #include "postfix/DatabaseHelper.h"

@@ -60,8 +60,8 @@ struct continuous_spaces_parser : classic::grammar<continuous_spaces_parser> {
     struct definition {
         explicit definition(const continuous_spaces_parser&)
         {
-            start_ = empty_line_p >> !comments_p >>
-                     !(lf_p >> *(empty_line_p >> !comments_p >> lf_p) >> +swsp_p);
+            start_ =
+                empty_line_p >> !comments_p >> !(lf_p >> *(empty_line_p >> !comments_p >> lf_p) >> +swsp_p);
         }
         const classic::rule<Scanner>& start() const { return start_; }
 

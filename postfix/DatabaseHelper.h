@@ -1,7 +1,7 @@
 // DatabaseHelper: changes Postfix lookup tables through postmap(1); never reads one.
 //
-// A table is named as in main.cf, "hash:/path"; the path behind the first colon is its source file, the key of
-// the lock under which every change runs. A record's text is "KEY VALUE\n"; nothing is quoted or checked.
+// A table is named as in main.cf, "hash:/path"; the path behind the first colon is its source file, the key
+// of the lock under which every change runs. A record's text is "KEY VALUE\n"; nothing is quoted or checked.
 #pragma once
 
 #include "common/AutocleanOFStream.h"
@@ -31,17 +31,19 @@ public:
     template <class RecordIterator>
     static void addRecords(const std::string& table, RecordIterator first, RecordIterator last);
 
-    /// `postmap -d key table`. A key that is not there is no error. Throws PostfixDatabaseError with the tool's
-    /// standard error as it is when the tool was killed, or failed and reports an error (see checkOutput).
+    /// `postmap -d key table`. A key that is not there is no error. Throws PostfixDatabaseError with the
+    /// tool's standard error as it is when the tool was killed, or failed and reports an error (see
+    /// checkOutput).
     static void removeRecord(const std::string& table, const std::string& key);
 
-    /// `postmap -d - table` with the keys on standard input; else as removeRecord. An empty range does nothing.
+    /// `postmap -d - table` with the keys on standard input; else as removeRecord. An empty range does
+    /// nothing.
     template <class KeyIterator>
     static void removeRecords(const std::string& table, KeyIterator first, KeyIterator last);
 
-    /// Makes the records the table's whole content: writes the source file, runs `postmap -r table`, removes the
-    /// source file again, whatever happened. An empty range empties the table. Throws as addRecords, and the
-    /// stream's failure when the source file cannot be written. The database file of an "lmdb:" table is
+    /// Makes the records the table's whole content: writes the source file, runs `postmap -r table`, removes
+    /// the source file again, whatever happened. An empty range empties the table. Throws as addRecords, and
+    /// the stream's failure when the source file cannot be written. The database file of an "lmdb:" table is
     /// removed first.
     template <class RecordIterator>
     static void replaceRecords(const std::string& table, RecordIterator first, RecordIterator last);
@@ -92,7 +94,8 @@ void DatabaseHelper::removeRecords(const std::string& table, KeyIterator first, 
     if (first == last)
         return;
     const MKLock lock(getSourceFilename(table), HashedName, Blocking);
-    runRemove(table, "-", boost::bind(&printKey<KeyIterator>, boost::placeholders::_1, boost::ref(first), last));
+    runRemove(table, "-",
+              boost::bind(&printKey<KeyIterator>, boost::placeholders::_1, boost::ref(first), last));
 }
 
 template <class RecordIterator>

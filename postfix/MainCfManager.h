@@ -60,8 +60,8 @@ public:
     /// is then written back all the same, to make a default explicit.
     void appendStringValue(const std::string& name, const std::string& value);
 
-    /// Adds the element "key value" unless it is there already; elements are separated by commas alone here, so
-    /// they may hold several words. The same key with another value does not count.
+    /// Adds the element "key value" unless it is there already; elements are separated by commas alone here,
+    /// so they may hold several words. The same key with another value does not count.
     void appendCompoundStringValue(const std::string& name, const std::string& key, const std::string& value);
 
     /// Shows every comma-separated element, trimmed, to filter(element); then filter.finish(list) may add to
@@ -102,7 +102,10 @@ public:
 
     bool found() const noexcept { return found_; }       ///< The compound element was there.
     bool appended() const noexcept { return appended_; } ///< It was added.
-    bool keySeen() const noexcept { return keySeen_; }   ///< An element began with the key; for callers' interest.
+    bool keySeen() const noexcept
+    {
+        return keySeen_;
+    } ///< An element began with the key; for callers' interest.
 
 private:
     std::string compound() const;

@@ -11,8 +11,8 @@
 
 namespace zorvo::mail::postfix {
 
-/// Lines are kept as read. A service that spans several physical lines is one raw line here. Services are told
-/// apart by name and type together.
+/// Lines are kept as read. A service that spans several physical lines is one raw line here. Services are
+/// told apart by name and type together.
 class MasterCfContent {
 public:
     MasterCfContent() = default;
@@ -27,7 +27,8 @@ public:
 
     /// The service and its text, valid until it is changed or removed.
     /// Throws std::out_of_range "no such module NAME".
-    std::pair<const ModuleInfo&, const std::string&> getModule(const std::string& name, ModuleType type) const;
+    std::pair<const ModuleInfo&, const std::string&> getModule(const std::string& name,
+                                                               ModuleType type) const;
 
     /// Removes the service and its line. False when there is none.
     bool removeModule(const std::string& name, ModuleType type);

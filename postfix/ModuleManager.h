@@ -27,8 +27,8 @@ public:
     ModuleManager(const ModuleManager&) = delete;
     ModuleManager& operator=(const ModuleManager&) = delete;
 
-    /// Reads both files, unless they are loaded and `force` is false. A disabled-services file that is absent or
-    /// empty leaves those in memory. Throws as loadMasterCf.
+    /// Reads both files, unless they are loaded and `force` is false. A disabled-services file that is absent
+    /// or empty leaves those in memory. Throws as loadMasterCf.
     void loadModules(bool force);
 
     /// Writes those of the two files whose services were changed; with `force` both, the disabled one where
@@ -64,9 +64,10 @@ public:
     /// readable regular file or empty, and "unable to parse PATH: syntax error at position N near 'TEXT'".
     static void loadMasterCf(const std::string& path, MasterCfContent& content);
 
-    /// Replaces one file with the content's lines without empty ones at the end, mode 0644. The new file is on
-    /// the disk before it takes the name. After any failure the old one is whole and no other is left. Throws
-    /// SystemError (lock, temporary file), std::ios_base::failure (write), std::filesystem::filesystem_error
+    /// Replaces one file with the content's lines without empty ones at the end, mode 0644. The new file is
+    /// on the disk before it takes the name. After any failure the old one is whole and no other is left.
+    /// Throws SystemError (lock, temporary file), std::ios_base::failure (write),
+    /// std::filesystem::filesystem_error
     /// ("chmod", "fsync") or FSError ("rename").
     static void storeMasterCf(const std::string& path, const MasterCfContent& content);
 

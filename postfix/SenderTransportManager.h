@@ -1,5 +1,5 @@
-// SenderTransportManager: binds one mail domain to one sender-dependent transport: the service in master.cf and
-// the record that leads the domain's senders to it.
+// SenderTransportManager: binds one mail domain to one sender-dependent transport: the service in master.cf
+// and the record that leads the domain's senders to it.
 #pragma once
 
 #include "postfix/SenderTransport.h"
@@ -15,8 +15,8 @@ class BaseSenderTransportManager {
 public:
     virtual ~BaseSenderTransportManager() = default;
 
-    /// Adds the service to master.cf (in place where it is there already) and the record to the table, both at
-    /// once on disk. Throws SystemError with the current errno, before any change, "Empty domain name
+    /// Adds the service to master.cf (in place where it is there already) and the record to the table, both
+    /// at once on disk. Throws SystemError with the current errno, before any change, "Empty domain name
     /// specified" or "You should specify at least one non-empty ip adress"; else what ModuleManager and
     /// DatabaseHelper throw.
     virtual void addDomainToSenderTransport() = 0;
@@ -43,8 +43,7 @@ public:
     void removeSenderTransport() override;
 
 private:
-    T& transport(); ///< Made on first need.
-    bool ownsService(const std::string& name);
+    const T& transport(); ///< Made on first need.
 
     std::string domain_;
     std::string ip4_;

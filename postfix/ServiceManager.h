@@ -4,8 +4,8 @@
 
 #include <string>
 
-/// Run the panel's service script with a service and an action; 0 or its exit code, -1 when it was killed. The
-/// first is silent about a failure, the second reports it with the script's output.
+/// Run the panel's service script with a service and an action; 0 or its exit code, -1 when it was killed.
+/// The first is silent about a failure, the second reports it with the script's output.
 int invoke_zorvorc(const char* service, const char* action);
 int invoke_zorvorc_keep_fail_msg(const char* service, const char* action);
 
@@ -18,8 +18,8 @@ int print_status(int status);
 
 namespace zorvo::mail::postfix {
 
-/// Every operation returns 0 for success or "running". Those that start Postfix wait up to five seconds for its
-/// queue manager. None throws.
+/// Every operation returns 0 for success or "running". Those that start Postfix wait up to five seconds for
+/// its queue manager. None throws.
 class ServiceManager {
 public:
     static int startServer();   ///< Nothing to do when it runs.

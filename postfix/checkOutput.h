@@ -5,8 +5,8 @@
 
 namespace zorvo::mail::postfix {
 
-/// True when `output` holds no error diagnostic: no line "NAME: LEVEL TEXT" whose level is "panic:", "fatal:" or
-/// "error:" (with `strict`, none with another level than "warning:") and is followed by a further colon.
+/// True when `output` holds no error diagnostic: no line "NAME: LEVEL TEXT" whose level is "panic:", "fatal:"
+/// or "error:" (with `strict`, none with another level than "warning:") and is followed by a further colon.
 /// Lines of another form never count.
 bool checkOutput(const std::string& output, bool strict);
 

@@ -2,14 +2,13 @@
 // Borrowers take a plain int and never close it.
 #pragma once
 
+#include "common/closeRetrying.h"
+
 #include <utility>
 
 namespace zorvo::process {
 
-/// close(2), repeated while it is interrupted. Returns 0, or -1 with errno. A repetition that finds the
-/// descriptor already gone counts as success: Linux releases it even when the call was interrupted.
-/// Async-signal-safe.
-int closeRetrying(int fd) noexcept;
+using zorvo::closeRetrying;
 
 /// Owns one descriptor; -1 when empty. Move-only.
 class FdOwner {
@@ -37,6 +36,10 @@ private:
     int fd_ = -1;
 };
 
+/// Gives a descriptor numbered 0, 1 or 2 a higher number, so that a child's standard descriptors can be laid
+/// over these. Keeps it closed on exec. Throws SystemError with `label`.
+void moveAboveStandard(FdOwner& fd, const char* label);
+
 /// Owns both ends of one pipe(2); closed on exec, and never numbered 0, 1 or 2.
 class PipeOwner {
 public:
@@ -44,8 +47,8 @@ public:
     PipeOwner(PipeOwner&&) noexcept = default;
     PipeOwner& operator=(PipeOwner&&) noexcept = default;
 
-    /// Closes both ends. A failure throws SystemError ("pipe read-end close", "pipe write-end close") unless an
-    /// exception is in flight.
+    /// Closes both ends. A failure throws SystemError ("pipe read-end close", "pipe write-end close") unless
+    /// an exception is in flight.
     ~PipeOwner() noexcept(false);
 
     /// Makes the pipe. Throws SystemError with `label`.

@@ -10,6 +10,9 @@
 
 #include <boost/function.hpp>
 
+#include <cstddef>
+#include <string>
+
 namespace zorvo::process {
 
 /// What a child's standard descriptor becomes; 0 or more is a caller's descriptor, duplicated and left open.
@@ -24,12 +27,12 @@ enum DescriptorSelector {
 class ProcessLaunch {
 public:
     /// Forks and starts `file` with `argv` (null-terminated). `cwd` (null: the parent's) becomes the working
-    /// directory; `envp` (null: the parent's) the environment, with execve(2); without it `searchPath` chooses
-    /// between execvp(3) and execv(3). `closeOtherFds` closes all descriptors from 3 on, `newSession` calls
-    /// setsid(2), `childHook` (may be empty) runs in the child right before exec.
-    /// The child gets the signal mask and dispositions of StartState.h.
-    /// Throws std::invalid_argument "invalid FD for stdin", "... stdout", "... stderr", and SystemError
-    /// "stdin /dev/null open", "stdin pipe", "stdout ...", "stderr ...", "pipe", "fork", "close".
+    /// directory; `envp` (null: the parent's) the environment, with execve(2); without it `searchPath`
+    /// chooses between execvp(3) and execv(3). `closeOtherFds` closes all descriptors from 3 on, `newSession`
+    /// calls setsid(2), `childHook` (may be empty) runs in the child right before exec. The child gets the
+    /// signal mask and dispositions of StartState.h. Throws std::invalid_argument "invalid FD for stdin",
+    /// "... stdout", "... stderr", and SystemError "stdin /dev/null open", "stdin pipe", "stdout ...",
+    /// "stderr ...", "pipe", "fork", "close".
     ProcessLaunch(const char* const* argv, const char* file, const char* cwd, const char* const* envp,
                   bool closeOtherFds, bool searchPath, bool newSession,
                   const boost::function<void()>& childHook, int stdinFd, int stdoutFd, int stderrFd);
@@ -37,8 +40,9 @@ public:
     ProcessLaunch& operator=(const ProcessLaunch&) = delete;
 
     /// Blocks until the child executes its program, or throws what the child threw: SystemError,
-    /// std::runtime_error or std::exception, its text being the child's what(). SystemError "control pipe read"
-    /// when the report cannot be read. Does not reap the child: after a failure waitExit() still has to.
+    /// std::runtime_error or std::exception, its text being the child's what(). SystemError "control pipe
+    /// read" when the report cannot be read. Does not reap the child: after a failure waitExit() still has
+    /// to.
     void waitExec();
 
     /// Blocks until the child ends and returns its raw wait status (waitpid(2)).
@@ -53,8 +57,10 @@ public:
     FdOwner& stderrPipe() noexcept { return stderr_; }
 
 private:
-    struct ChildSide;
-    [[noreturn]] void runChild(ChildSide& side) noexcept;
+    struct Standard;
+    struct Program;
+    [[noreturn]] void runChild(Standard& standard, const Program& program) noexcept;
+    void prepareChild(Standard& standard, const Program& program);
 
     int pid_ = -1;
     FdOwner stdin_;
@@ -63,15 +69,16 @@ private:
     PipeOwner control_;
 };
 
-/// Throws the failure that the records of `report` describe, as ProcessLaunch::waitExec() does; returns where
-/// they describe none. Each record ends with a NUL, the last one also at the end. A record without a known
-/// tag goes to std::clog. Throws boost::bad_lexical_cast for a code that is no number.
+/// The reading side of the control pipe: NUL-terminated records of a tag and a text, "ET: " for the type of
+/// the exception, "EM: " for its what(), "EC: " for its errno value. Any other record goes to std::clog.
 class LaunchReport {
 public:
     /// Takes the next bytes of the report; records may be split anywhere.
+    /// Throws boost::bad_lexical_cast for a code that is no number.
     void feed(const char* bytes, size_t size);
 
-    /// Takes the unterminated rest as a last record, then throws as described, or returns.
+    /// Takes an unterminated rest as a last record. Returns when no exception was reported, else throws it:
+    /// SystemError, std::runtime_error or a plain std::exception.
     void finish();
 
 private:

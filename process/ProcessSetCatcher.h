@@ -27,18 +27,18 @@ public:
     ProcessSetCatcher(const ProcessSetCatcher&) = delete;
     ProcessSetCatcher& operator=(const ProcessSetCatcher&) = delete;
 
-    /// remove(true) when an exception is propagating, else remove(false), which may throw; so may the closing
-    /// of the control pipe (SystemError "close").
+    /// remove(true) when an exception is propagating, else remove(false), whose exceptions leave; the handler
+    /// is taken off in any case.
     ~ProcessSetCatcher() noexcept(false);
 
-    /// Installs the handler and makes the control pipe. Throws std::logic_error "ProcessSetCatcher instance has
-    /// been installed already" and SystemError "sigaction", "process set catcher control pipe" or
+    /// Installs the handler and makes the control pipe. Throws std::logic_error "ProcessSetCatcher instance
+    /// has been installed already" and SystemError "sigaction", "process set catcher control pipe" or
     /// "control pipe fcntl"; after any of these nothing is installed.
     void install();
 
-    /// Closes the control pipe, forgets all children and puts the old disposition back. Does nothing when no
-    /// catcher is installed. Throws std::logic_error "there're some child processes still running" unless
-    /// `force` (the catcher stays installed, without its pipe), and SystemError "restore sigaction".
+    /// Closes the control pipe, forgets all children and puts the old disposition back. Does nothing when
+    /// this catcher is not installed. Throws std::logic_error "there're some child processes still running"
+    /// unless `force` (the catcher stays installed, without its pipe), and SystemError "restore sigaction".
     void remove(bool force);
 
     /// Empties the control pipe and returns the number of bytes that were in it. Keeps errno.

@@ -1,0 +1,28 @@
+// main: makes the process fit to work, runs the utility, turns an exception into a message and an exit
+// status.
+#include "app/do_main.h"
+#include "common/UtilityErrorStream.h"
+#include "common/ZorvoUtilException.h"
+#include "common/reportException.h"
+#include "process/StartState.h"
+
+#include <exception>
+#include <iostream>
+
+int main(int argc, char* argv[])
+{
+    try {
+        zorvo::process::ensureStandardDescriptors();
+        zorvo::process::takeOverSignals();
+        return do_main(argc, argv);
+    } catch (const zorvo::ZorvoUtilException& e) {
+        std::cerr << e.what() << std::endl;
+        return 1;
+    } catch (const std::exception& e) {
+        zorvo::reportException<std::exception>(e);
+        return 1;
+    } catch (...) {
+        zorvo::uerr << "UNSPECIFIED ERROR OCCURED" << std::endl;
+        return 2;
+    }
+}

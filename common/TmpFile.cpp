@@ -1,0 +1,75 @@
+// TmpFile: see the header.
+#include "common/TmpFile.h"
+
+#include "common/SystemError.h"
+#include "common/retryOnEintr.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace zorvo {
+
+namespace {
+
+constexpr size_t bufferSize = 2048;
+
+std::pair<std::string, int> init_tmp(const std::string& prefix)
+{
+    std::string path;
+    // A fresh template every time: the call that failed may have changed it.
+    const int fd = retryOnEintr([&] {
+        path = prefix + "XXXXXX";
+        return ::mkostemp(path.data(), O_CLOEXEC);
+    });
+    if (fd == -1)
+        throwSystemError("mkstemp() failed: ", errno);
+    return {path, fd};
+}
+
+} // namespace
+
+TmpFileBase::Data::Data(const std::pair<std::string, int>& pathAndDescriptor)
+    : path(pathAndDescriptor.first), buffer(pathAndDescriptor.second, std::ios::out, bufferSize)
+{
+}
+
+TmpFileBase::TmpFileBase(const std::string& prefix) : data_(init_tmp(prefix)) {}
+
+TmpFile::TmpFile(const std::string& prefix, bool autoclean)
+    : TmpFileBase(prefix), std::ostream(&data_.buffer), autoclean_(autoclean)
+{
+}
+
+TmpFile::~TmpFile()
+{
+    if (autoclean_ && retryOnEintr([&] { return ::unlink(data_.path.c_str()); }) != 0 && errno != ENOENT)
+        std::fprintf(stderr, "TmpFile autoclean failed: %s\n", std::strerror(errno));
+}
+
+int TmpFile::chmod(unsigned mode) noexcept
+{
+    return retryOnEintr([&] { return ::fchmod(data_.buffer.fd(), mode); });
+}
+
+int TmpFile::sync()
+{
+    if (data_.buffer.pubsync() != 0)
+        return -1;
+    return retryOnEintr([&] { return ::fsync(data_.buffer.fd()); });
+}
+
+int TmpFile::close()
+{
+    if (data_.buffer.pubsync() != 0)
+        return -1;
+    // Everything is written by now, and Linux has released the descriptor of an interrupted close(2).
+    return data_.buffer.close() != nullptr || errno == EINTR ? 0 : -1;
+}
+
+} // namespace zorvo

@@ -1,0 +1,83 @@
+// Traceback: see the header.
+#include "common/Traceback.h"
+
+#include "common/demangle.h"
+
+#include <execinfo.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <ostream>
+#include <string>
+
+namespace zorvo {
+
+namespace {
+
+/// "program(_ZN3fooEv+0x1a) [0x4011f6]" with the symbol between "(" and "+" made readable.
+std::string readableFrame(const std::string& line)
+{
+    const std::string::size_type open = line.find('(');
+    if (open == std::string::npos)
+        return line;
+    const std::string::size_type plus = line.find('+', open);
+    if (plus == std::string::npos)
+        return line;
+    const std::string symbol = line.substr(open + 1, plus - open - 1);
+    return line.substr(0, open + 1) + demangle(symbol) + line.substr(plus);
+}
+
+} // namespace
+
+Traceback::Traceback(unsigned long skip) noexcept : frames_(), count_(0), skip_(0), symbols_(nullptr)
+{
+    count_ = static_cast<unsigned long>(std::max(0, ::backtrace(frames_, maxFrames)));
+    skip_ = std::min(skip, count_);
+}
+
+// The symbol table is not copied: the copy makes its own when it is printed.
+Traceback::Traceback(const Traceback& other) noexcept
+    : frames_(), count_(other.count_), skip_(other.skip_), symbols_(nullptr)
+{
+    std::copy(other.frames_, other.frames_ + maxFrames, frames_);
+}
+
+Traceback& Traceback::operator=(const Traceback& other) noexcept
+{
+    if (this != &other) {
+        std::copy(other.frames_, other.frames_ + maxFrames, frames_);
+        count_ = other.count_;
+        skip_ = other.skip_;
+        std::free(symbols_);
+        symbols_ = nullptr;
+    }
+    return *this;
+}
+
+Traceback::~Traceback()
+{
+    std::free(symbols_);
+}
+
+void Traceback::resolveSymbols() const noexcept
+{
+    if (symbols_ == nullptr)
+        symbols_ = ::backtrace_symbols(frames_, static_cast<int>(count_));
+}
+
+std::ostream& operator<<(std::ostream& out, const Traceback& trace)
+{
+    trace.resolveSymbols();
+    if (trace.symbols_ != nullptr && trace.skip_ < trace.count_) {
+        out << "Traceback:\n";
+        for (unsigned long i = trace.skip_; i < trace.count_; ++i)
+            out << '\t' << readableFrame(trace.symbols_[i]) << std::endl;
+    } else {
+        out << "Traceback addresses:\n";
+        for (unsigned long i = trace.skip_; i < trace.count_; ++i)
+            out << '\t' << trace.frames_[i] << '\n';
+    }
+    return out;
+}
+
+} // namespace zorvo

@@ -1,0 +1,34 @@
+// UtilityErrorStream and its one instance, uerr: see the header.
+#include "common/UtilityErrorStream.h"
+
+#include <iostream>
+
+namespace zorvo {
+
+UtilityErrorStreamBuf::int_type UtilityErrorStreamBuf::overflow(int_type c)
+{
+    if (traits_type::eq_int_type(c, traits_type::eof()))
+        return c;
+    const char character = traits_type::to_char_type(c);
+    std::cerr << character;
+    pending_ += character;
+    return c;
+}
+
+int UtilityErrorStreamBuf::sync()
+{
+    std::cerr.flush();
+    std::cout << pending_ << std::flush;
+    pending_.clear();
+    return 0;
+}
+
+UtilityErrorStream::UtilityErrorStream() : std::ostream(nullptr)
+{
+    // The base is built before the buffer exists.
+    rdbuf(&buffer_);
+}
+
+UtilityErrorStream uerr;
+
+} // namespace zorvo

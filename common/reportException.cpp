@@ -1,0 +1,20 @@
+// reportException: see the header.
+#include "common/reportException.h"
+
+#include "common/Traceback.h"
+#include "common/UtilityErrorStream.h"
+#include "common/demangle.h"
+
+#include <typeinfo>
+
+namespace zorvo {
+
+template <>
+void reportException<std::exception>(const std::exception& e)
+{
+    uerr << "Fatal error: " << demangle(typeid(e).name()) << '(' << e.what() << ')' << std::endl;
+    if (const auto* trace = dynamic_cast<const Traceback*>(&e))
+        uerr << *trace;
+}
+
+} // namespace zorvo

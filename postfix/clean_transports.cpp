@@ -1,0 +1,29 @@
+// clean_transports: see the header.
+#include "postfix/clean_transports.h"
+
+#include "postfix/DatabaseHelper.h"
+#include "postfix/MainCfManager.h"
+#include "postfix/ModuleManager.h"
+#include "postfix/SenderTransport.h"
+
+#include <boost/algorithm/string/predicate.hpp>
+
+using namespace zorvo::mail::postfix;
+
+void clean_transports()
+{
+    MainCfManager& mainCf = MainCfManager::getInstance();
+    mainCf.removeKey("smtp_bind_address");
+    mainCf.removeKey("smtp_bind_address6");
+
+    const RecordList none;
+    DatabaseHelper::replaceRecords(senderTransportTable, none.begin(), none.end());
+
+    ModuleManager& modules = ModuleManager::getInstance();
+    modules.loadModules(false);
+    for (const ModuleInfo& service : modules.enabledContent().modules()) {
+        if (service.type == ModuleType::Unix && boost::algorithm::starts_with(service.name, generatedPrefix))
+            modules.removeModule(service.name, ModuleType::Unix);
+    }
+    modules.storeModules(false);
+}

@@ -1,0 +1,30 @@
+// SigBlocker: see the header.
+#include "process/SigBlocker.h"
+
+#include "common/SystemError.h"
+#include "common/retryOnEintr.h"
+
+#include <cerrno>
+#include <exception>
+
+namespace zorvo::process {
+
+SigBlocker::SigBlocker(int signal) : oldMask_()
+{
+    if (retryOnEintr([&] { return ::sigprocmask(SIG_SETMASK, nullptr, &oldMask_); }) != 0)
+        throw SystemError("get sigprocmask", errno);
+    sigset_t mask = oldMask_;
+    if (::sigaddset(&mask, signal) != 0)
+        throw SystemError("sigaddset", errno);
+    if (retryOnEintr([&] { return ::sigprocmask(SIG_SETMASK, &mask, nullptr); }) != 0)
+        throw SystemError("set sigprocmask", errno);
+}
+
+SigBlocker::~SigBlocker() noexcept(false)
+{
+    if (retryOnEintr([&] { return ::sigprocmask(SIG_SETMASK, &oldMask_, nullptr); }) != 0 &&
+        std::uncaught_exceptions() == 0)
+        throw SystemError("restore sigprocmask", errno);
+}
+
+} // namespace zorvo::process

@@ -1,0 +1,87 @@
+// StartState: see the header.
+#include "process/StartState.h"
+
+#include "common/SystemError.h"
+#include "common/retryOnEintr.h"
+#include "process/FdOwner.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace zorvo::process {
+
+namespace {
+
+/// What a launched program is to start with.
+struct SignalState {
+    sigset_t mask;
+    struct sigaction child;
+    struct sigaction pipe;
+};
+
+SignalState recorded;
+bool isRecorded = false;
+
+bool record() noexcept
+{
+    isRecorded = retryOnEintr([] { return ::sigprocmask(SIG_SETMASK, nullptr, &recorded.mask); }) == 0 &&
+                 retryOnEintr([] { return ::sigaction(SIGCHLD, nullptr, &recorded.child); }) == 0 &&
+                 retryOnEintr([] { return ::sigaction(SIGPIPE, nullptr, &recorded.pipe); }) == 0;
+    return isRecorded;
+}
+
+void setDisposition(int signal, void (*handler)(int))
+{
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    if (retryOnEintr([&] { return ::sigaction(signal, &action, nullptr); }) != 0)
+        throw SystemError("sigaction", errno);
+}
+
+} // namespace
+
+void ensureStandardDescriptors()
+{
+    FdOwner fd;
+    do {
+        fd = FdOwner(retryOnEintr([] { return ::open("/dev/null", O_RDWR); }));
+        if (!fd.isOpen())
+            throw SystemError("/dev/null open", errno);
+        if (fd.get() <= STDERR_FILENO)
+            (void)fd.release(); // it is a standard descriptor now and stays open
+    } while (!fd.isOpen());
+}
+
+void takeOverSignals()
+{
+    if (!record())
+        throw SystemError("sigaction", errno);
+    sigset_t mask = recorded.mask;
+    ::sigdelset(&mask, SIGCHLD);
+    ::sigdelset(&mask, SIGPIPE);
+    setDisposition(SIGCHLD, SIG_DFL);
+    setDisposition(SIGPIPE, SIG_IGN);
+    if (retryOnEintr([&] { return ::sigprocmask(SIG_SETMASK, &mask, nullptr); }) != 0)
+        throw SystemError("sigprocmask", errno);
+}
+
+LaunchSignals::LaunchSignals() noexcept : active_(!isRecorded && record()) {}
+
+LaunchSignals::~LaunchSignals()
+{
+    if (active_)
+        isRecorded = false;
+}
+
+void restoreStartSignals() noexcept
+{
+    if (!isRecorded)
+        return;
+    retryOnEintr([] { return ::sigaction(SIGCHLD, &recorded.child, nullptr); });
+    retryOnEintr([] { return ::sigaction(SIGPIPE, &recorded.pipe, nullptr); });
+    retryOnEintr([] { return ::sigprocmask(SIG_SETMASK, &recorded.mask, nullptr); });
+}
+
+} // namespace zorvo::process
