@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
@@ -49,14 +50,23 @@ bool nextFourIds(const std::string& text, size_t& position, unsigned (&ids)[4])
 
 bool parseProcStat(const std::string& text, std::string& command, int& parentPid)
 {
-    char word[4097];
-    int parent = -1;
-    if (std::sscanf(text.c_str(), "%*d (%4096s %*c %d", word, &parent) < 1)
+    char word[4096 + 1];
+    int behindState = -1;
+    if (std::sscanf(text.c_str(), "%*d (%4096s %*c%n", word, &behindState) < 1)
         return false;
     command = word;
     if (!command.empty() && command.back() == ')')
         command.pop_back();
-    parentPid = parent;
+    parentPid = -1;
+    if (behindState != -1) { // strtol(3) rather than "%d", which has no answer to a number out of range
+        const int error = errno;
+        const char* const start = text.c_str() + behindState;
+        char* end = nullptr;
+        const long parent = std::strtol(start, &end, 10);
+        if (end != start && parent >= INT_MIN && parent <= INT_MAX)
+            parentPid = static_cast<int>(parent);
+        errno = error;
+    }
     return true;
 }
 
