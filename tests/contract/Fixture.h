@@ -1,0 +1,178 @@
+// Fixture: runs the whole program in a small world of its own and shows what it did.
+//
+// Every test starts with nothing in /etc/postfix, /var/spool/postfix, /run/lock/files and /usr/local/maru but
+// stand-ins of postconf, postmap and the service script at their paths, a small master.cf, and a running
+// "qmgr" whose parent is named in Postfix's pid file. All this is done to the real paths: scripts/sandbox has
+// to make them private first.
+#pragma once
+
+#include "standin/Records.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <iosfwd>
+#include <map>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace contract {
+
+constexpr char masterCfPath[] = "/etc/postfix/master.cf";
+constexpr char disabledPath[] = "/var/spool/postfix/zorvo/master.cf.disabled";
+constexpr char tableSourcePath[] = "/var/spool/postfix/zorvo/sdd_transport_maps";
+constexpr char pidFilePath[] = "/var/spool/postfix/pid/master.pid";
+constexpr char lockDirectory[] = "/run/lock/files";
+constexpr char inputPath[] = "/run/sandbox/input";
+
+// Lock files are named by the MD5 of the path that they protect.
+constexpr char mainCfLock[] = "7963c3b4b0754641744c1ae241e19575";
+constexpr char tableLock[] = "3f2d29bd9506937ccda01890b1c213f1";
+constexpr char masterCfLock[] = "b4b19c3e41d17f125e8aaa4dfa930c93";
+constexpr char disabledLock[] = "63ced3ea9ba1d8f2d9ac2336aa17d593";
+
+// Every command that the program runs.
+extern const Command askDirectory;
+extern const Command askDefaultDirectory;
+extern const Command removeAddress4;
+extern const Command removeAddress6;
+extern const Command emptyTable;
+extern const Command addRecord;
+extern const Command restart;
+Command setParameter(const std::string& assignment);
+
+/// The commands of a run that wipes what earlier runs left, then runs `further`.
+std::vector<Command> afterWipe(const std::vector<Command>& further);
+
+/// The master.cf that a test starts with.
+extern const char plainServices[];
+
+/// How a run ended: raw wait status and everything on both output streams.
+struct End {
+    int waitStatus = 0;
+    std::string out;
+    std::string err;
+
+    bool operator==(const End& other) const
+    {
+        return waitStatus == other.waitStatus && out == other.out && err == other.err;
+    }
+};
+std::ostream& operator<<(std::ostream& stream, const End& end);
+
+/// Status 0 without a word.
+End success();
+
+/// Status 1 and "Fatal error: DESCRIPTION" once on each stream, behind `earlier` on each.
+End failure(const std::string& description, const std::string& earlier = std::string());
+
+/// failure() for a request that cannot be parsed, with the reader's text.
+End badRequest(const std::string& reason);
+
+/// One ended run of the program.
+struct Outcome {
+    End end;
+    int pid = 0;
+    std::vector<Call> calls; ///< The tools that this run ran, in order.
+    int leftProcesses = 0;   ///< Children that this run left behind, ended or not; daemons do not count.
+
+    std::vector<Command> commands() const;
+
+    /// What the runs of `addRecord` got on standard input.
+    std::vector<std::string> records() const;
+
+    /// The first run of that command. Throws std::out_of_range when there was none.
+    const Call& call(const Command& command) const;
+};
+
+/// One run of the program, with a pipe, empty unless pipe() fills it, as standard input; with no signal
+/// ignored or blocked.
+class Program {
+public:
+    explicit Program(std::vector<std::string> arguments);
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+    ~Program();
+
+    // Standard input with these bytes, as...
+    Program& pipe(const std::string& bytes);
+    Program& file(const std::string& bytes); ///< ...the regular file at inputPath.
+    Program& socket(const std::string& bytes);
+    Program& terminal(const std::string& bytes);
+
+    /// Standard input: whatever is at this path.
+    Program& device(const std::string& path);
+
+    /// The environment, in place of this process's.
+    Program& environment(std::vector<std::string> variables);
+
+    /// Called in the child right before the program is executed.
+    Program& before(std::function<void()> action);
+
+    /// Starts it; returns its pid. What goes into the pipe is written by finish().
+    pid_t start();
+
+    /// Waits for the end of the run; ends it by force when nothing comes from it for a minute.
+    Outcome finish();
+
+    Outcome run();
+
+    /// How far the program, or a tool it ran, has read in the file given with file().
+    off_t inputPosition() const;
+
+private:
+    void transfer();
+
+    std::vector<std::string> arguments_;
+    std::vector<std::string> variables_;
+    bool inheritVariables_ = true;
+    std::function<void()> before_;
+    std::string toWrite_;
+    int input_ = -1;  ///< The program's standard input.
+    int feeder_ = -1; ///< The end at which it is fed.
+    int output_ = -1; ///< The ends at which its output arrives.
+    int error_ = -1;
+    Outcome outcome_;
+    size_t callsBefore_ = 0;
+};
+
+/// One element of "domains".
+struct Binding {
+    std::string domain;
+    std::string ip4;
+    std::string ip6;
+};
+
+/// The request document for these domains.
+std::string request(const std::vector<Binding>& domains);
+
+/// Everything below the directories that the program may change: path, then type, mode, inode and bytes, so
+/// that a file that was merely replaced differs, too.
+typedef std::map<std::string, std::string> World;
+
+World world();
+
+/// Makes a stand-in answer so from now on.
+void answer(const Answer& answer);
+
+void writeMasterCf(const std::string& bytes);
+std::string masterCf();
+
+Outcome runDomainIp(const std::vector<Binding>& domains);
+Outcome runDomainName(const std::vector<Binding>& domains);
+
+/// A run that binds all traffic to 192.0.2.1.
+Outcome runExplicitIp();
+
+class ContractTest : public testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    /// From now on no "qmgr" is to be found.
+    static void stopMailServer();
+};
+
+} // namespace contract
