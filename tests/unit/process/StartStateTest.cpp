@@ -162,6 +162,7 @@ TEST(TakeOverSignalsTest, EachFailingCallThrowsItsName)
         int failed = 0;
         for (const Call call : {Call::sigprocmask, Call::sigaction}) {
             for (int nth = 1;; ++nth) {
+                SCOPED_TRACE(nth);
                 const FailingCall failing(call, nth, EINVAL);
                 const std::string thrown = thrownBy(takeOverSignals);
                 if (!failing.happened())
