@@ -1,6 +1,7 @@
 // AutocleanOFStream: see the header.
 #include "common/AutocleanOFStream.h"
 
+#include "common/openRetrying.h"
 #include "common/retryOnEintr.h"
 
 #include <unistd.h>
@@ -11,11 +12,7 @@ namespace zorvo {
 
 AutocleanOFStream::AutocleanOFStream(const std::string& path) : path_(path)
 {
-    errno = 0;
-    do {
-        clear();
-        open(path_, std::ios::out);
-    } while (!is_open() && errno == EINTR);
+    openRetrying(*this, path_, std::ios::out);
 }
 
 AutocleanOFStream::~AutocleanOFStream()

@@ -1,10 +1,10 @@
 // ServiceManager: see the header.
 #include "postfix/ServiceManager.h"
 
+#include "common/openRetrying.h"
+#include "common/retryOnEintr.h"
 #include "process/exec_helpers.h"
 #include "process/iterateProcesses.h"
-
-#include "common/retryOnEintr.h"
 
 #include <cerrno>
 #include <cstring>
@@ -80,7 +80,8 @@ void sleepOneSecond()
 
 int ServiceManager::getMasterPid()
 {
-    std::ifstream file(masterPidPath);
+    std::ifstream file;
+    openRetrying(file, masterPidPath, std::ios::in);
     int pid = -1;
     return file >> pid ? pid : -1;
 }

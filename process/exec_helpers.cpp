@@ -93,14 +93,12 @@ bool placeDescriptors(const std::array<int, standardDescriptors>& passed) noexce
 void execute(const char* path, char* const argv[]) noexcept
 {
     restoreStartSignals();
-    ::execv(path, argv);
+    retryOnEintr([&] { return ::execv(path, argv); });
 }
 
-/// Ends the child as exit(-1) would, but leaves the exit handlers and unwritten output to the parent, whose
-/// they are: they would remove its files and print its text a second time.
 [[noreturn]] void failChild() noexcept
 {
-    ::_exit(childFailureStatus);
+    std::exit(childFailureStatus);
 }
 
 [[noreturn]] void runChild(int in, int out, int err, const char* path, char* const argv[]) noexcept
@@ -275,7 +273,7 @@ int runUtility(const char* directoryFormat, const char* directory, const char* n
 pid_t startShell(const char* command, int in, int out)
 {
     const char* const argv[] = {"sh", "-c", command, nullptr};
-    const pid_t pid = ::fork();
+    const pid_t pid = retryOnEintr([] { return ::fork(); });
     if (pid == 0)
         runChild(in, out, STDERR_FILENO, shell, const_cast<char* const*>(argv));
     return pid;
@@ -450,7 +448,7 @@ int fork_execl_getout(char** out, const char* path, ...)
 
 pid_t fork_execv_pipes(int in, int out, int err, const char* path, char* const argv[])
 {
-    const pid_t pid = ::fork();
+    const pid_t pid = retryOnEintr([] { return ::fork(); });
     if (pid == -1)
         messlog2(1, 0, "fork_execv_pipes: fork() failed");
     if (pid == 0)
@@ -480,7 +478,7 @@ int fork_execv_fd(int fd_in, int fd_out, const char* path, char* const argv[])
         writeFormatted(stderr, "fork_exec_fd pipe(): %s", std::strerror(errno));
         return -1;
     }
-    const pid_t pid = ::fork();
+    const pid_t pid = retryOnEintr([] { return ::fork(); });
     if (pid == -1) {
         writeFormatted(stderr, "Error occured during fork():\n%s", std::strerror(errno));
         return -1;
@@ -500,7 +498,7 @@ int fork_execv_fd(int fd_in, int fd_out, const char* path, char* const argv[])
 
 int fork_execv(const char* path, char* const argv[])
 {
-    const pid_t pid = ::fork();
+    const pid_t pid = retryOnEintr([] { return ::fork(); });
     if (pid == -1)
         messlog2(1, 0, "fork_execv: fork() failed");
     if (pid == 0)
@@ -663,7 +661,7 @@ int popen_exec_with_input(const char* command, const char* input, size_t size)
 
 int do_exec(const char* path, char* const argv[])
 {
-    const pid_t pid = ::fork();
+    const pid_t pid = retryOnEintr([] { return ::fork(); });
     if (pid == -1)
         messlog2(1, 0, "Unable to fork");
     if (pid == 0)
