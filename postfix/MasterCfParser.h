@@ -86,27 +86,26 @@ MasterCfParser::definition<Scanner>::definition(const MasterCfParser& self)
     static const ModuleType inet = ModuleType::Inet, unixDgram = ModuleType::UnixDgram,
                             unixStream = ModuleType::Unix, fifo = ModuleType::Fifo, pass = ModuleType::Pass;
     const continuous_spaces_parser& sep = continuous_spaces_p;
-    ModuleInfo& entry = self.entry;
+    ModuleInfo& info = self.entry;
 
     file_ = line_ >> *(lf_p >> line_) >> !lf_p;
-    line_ = module_[MasterCfModuleAppender(self.content, entry)] |
+    line_ = module_[MasterCfModuleAppender(self.content, info)] |
             comments_line_p[MasterCfRawAppender(self.content)] |
             empty_line_p[MasterCfRawAppender(self.content)];
     // smtp      inet  n       -       y       -       -       smtpd -o syslog_name=postfix/smtp
     module_ = name_ >> sep >> type_ >> sep >> private_ >> sep >> unprivileged_ >> sep >> chroot_ >> sep >>
               wakeup_ >> sep >> maxProc_ >> sep >> command_ >> *swsp_p;
-    name_ = (+nameSet)[assign_a(entry.name)];
-    type_ = str_p("inet")[assign_a(entry.type, inet)] | str_p("unix-dgram")[assign_a(entry.type, unixDgram)] |
-            str_p("unix")[assign_a(entry.type, unixStream)] | str_p("fifo")[assign_a(entry.type, fifo)] |
-            str_p("pass")[assign_a(entry.type, pass)];
-    private_ = ch_p('y')[assign_a(entry.privateMode, yes)] | ch_p('n')[assign_a(entry.privateMode, no)] | '-';
+    name_ = (+nameSet)[assign_a(info.name)];
+    type_ = str_p("inet")[assign_a(info.type, inet)] | str_p("unix-dgram")[assign_a(info.type, unixDgram)] |
+            str_p("unix")[assign_a(info.type, unixStream)] | str_p("fifo")[assign_a(info.type, fifo)] |
+            str_p("pass")[assign_a(info.type, pass)];
+    private_ = ch_p('y')[assign_a(info.privateMode, yes)] | ch_p('n')[assign_a(info.privateMode, no)] | '-';
     unprivileged_ =
-        ch_p('y')[assign_a(entry.unprivileged, yes)] | ch_p('n')[assign_a(entry.unprivileged, no)] | '-';
-    chroot_ = ch_p('y')[assign_a(entry.chroot, yes)] | ch_p('n')[assign_a(entry.chroot, no)] | '-';
-    wakeup_ =
-        ch_p('-') | (uint_p[assign_a(entry.wakeup)] >> !ch_p('?')[assign_a(entry.wakeupIfUsed, flagged)]);
-    maxProc_ = ch_p('-') | uint_p[assign_a(entry.maxProc)];
-    command_ = word_[push_back_a(entry.command)] >> *(sep >> word_[push_back_a(entry.command)]);
+        ch_p('y')[assign_a(info.unprivileged, yes)] | ch_p('n')[assign_a(info.unprivileged, no)] | '-';
+    chroot_ = ch_p('y')[assign_a(info.chroot, yes)] | ch_p('n')[assign_a(info.chroot, no)] | '-';
+    wakeup_ = ch_p('-') | (uint_p[assign_a(info.wakeup)] >> !ch_p('?')[assign_a(info.wakeupIfUsed, flagged)]);
+    maxProc_ = ch_p('-') | uint_p[assign_a(info.maxProc)];
+    command_ = word_[push_back_a(info.command)] >> *(sep >> word_[push_back_a(info.command)]);
     word_ = +(alphanumeric | wordSet);
 }
 
