@@ -1,0 +1,34 @@
+// demangle: readable names, and names that stay as they are.
+#include "common/demangle.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <typeinfo>
+
+using zorvo::demangle;
+
+TEST(DemangleTest, TypeNameBecomesReadable)
+{
+    EXPECT_EQ("std::runtime_error", demangle(typeid(std::runtime_error).name()));
+}
+
+TEST(DemangleTest, FunctionSymbolBecomesReadable)
+{
+    EXPECT_EQ("std::ostream::operator<<(int)", demangle("_ZNSolsEi"));
+}
+
+TEST(DemangleTest, CFunctionStaysAsItIs)
+{
+    EXPECT_EQ("__libc_start_main", demangle("__libc_start_main"));
+}
+
+TEST(DemangleTest, BrokenSymbolStaysAsItIs)
+{
+    EXPECT_EQ("_ZN3foo", demangle("_ZN3foo"));
+}
+
+TEST(DemangleTest, EmptyTextStaysEmpty)
+{
+    EXPECT_EQ("", demangle(""));
+}
