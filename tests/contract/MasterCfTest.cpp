@@ -194,6 +194,19 @@ TEST_F(MasterCfTest, EveryOtherByteIsKept)
     expectWiped(others + "zorvo-x unix - - n - - smtp\n", others);
 }
 
+// The file that Debian's postfix package installs.
+TEST_F(MasterCfTest, StockFileIsKeptByteForByte)
+{
+    const std::string stock = readWhole("/usr/share/postfix/master.cf.dist");
+    expectWiped(stock + "zorvo-x unix - - n - - smtp\n", stock);
+}
+
+TEST_F(MasterCfTest, ServiceIsPutBehindTheStockFile)
+{
+    const std::string stock = readWhole("/usr/share/postfix/master.cf.dist");
+    expectBound(stock, stock + '\n' + service);
+}
+
 TEST_F(MasterCfTest, LineOfBlanksAtTheEndIsKept)
 {
     expectWiped("zorvo-x unix - - n - - smtp\n# c\n \t\n\n", "# c\n \t\n");
@@ -252,7 +265,6 @@ TEST_F(MasterCfTest, LargestProcessLimitIsRead)
 
 TEST_F(MasterCfTest, FileIsReplacedThroughARename)
 {
-    const std::string before = world().at(masterCfPath);
     fs::create_hard_link(masterCfPath, "/etc/postfix/kept");
     runDomainIp({{"one.example", "192.0.2.1", ""}});
     EXPECT_EQ(readWhole("/etc/postfix/kept"), plainServices);

@@ -186,6 +186,35 @@ TEST_F(RunFlowTest, UnknownTypeNeedsAValidRequest)
     EXPECT_EQ(world(), before);
 }
 
+TEST_F(RunFlowTest, EachRunReplacesWhatTheOneBeforeMade)
+{
+    writeMasterCf("smtp inet n - y - - smtpd");
+    runDomainIp({{"one.example", "192.0.2.1", ""}});
+    const Outcome domainName = runDomainName({{"two.example", "192.0.2.2", ""}});
+    EXPECT_EQ(domainName.commands(), afterWipe({addRecord, restart}));
+    EXPECT_EQ(masterCf(), "smtp inet n - y - - smtpd\n\n"
+                          "zorvo-two.example-192.0.2.2- unix - - n - - smtp -o smtp_bind_address=192.0.2.2 "
+                          "-o smtp_bind_address6= -o smtp_address_preference=ipv4 -o inet_protocols=ipv4 "
+                          "-o smtp_helo_name=two.example\n");
+    const Outcome explicitIp = runExplicitIp();
+    EXPECT_EQ(explicitIp.commands(), afterWipe({setParameter("smtp_bind_address=192.0.2.1"), restart}));
+    EXPECT_EQ(masterCf(), "smtp inet n - y - - smtpd\n");
+    const Outcome nothing = Program({"-t", "none"}).pipe("{\"domains\": []}").run();
+    EXPECT_EQ(nothing.commands(), afterWipe({restart}));
+    EXPECT_EQ(masterCf(), "smtp inet n - y - - smtpd\n");
+}
+
+TEST_F(RunFlowTest, SecondWipingRunChangesNothing)
+{
+    writeMasterCf(generatedServices);
+    const Outcome first = Program({"-t", "none"}).pipe("{\"domains\": []}").run();
+    const World once = world();
+    const Outcome second = Program({"-t", "none"}).pipe("{\"domains\": []}").run();
+    EXPECT_EQ(second.end, success());
+    EXPECT_EQ(second.commands(), first.commands());
+    EXPECT_EQ(world(), once);
+}
+
 TEST_F(RunFlowTest, EveryToolIsExecutedByItsPathUnderItsPath)
 {
     const Outcome outcome = runDomainIp({{"one.example", "192.0.2.1", ""}});
