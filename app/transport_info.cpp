@@ -22,6 +22,12 @@ int fail(sj_parser* parser, int error)
     return error;
 }
 
+/// Whether a member is called `name`; most that are not differ in the first character.
+bool isKey(const char* key, const char* name)
+{
+    return *key == *name && std::strcmp(key, name) == 0;
+}
+
 /// Makes room for entry number `index`, one slot more where needed.
 bool ensureSlot(sj_parser* parser, transport_info* info, size_t index)
 {
@@ -40,13 +46,13 @@ bool ensureSlot(sj_parser* parser, transport_info* info, size_t index)
 /// Reads one member's value into `entry`, or skips it. Returns the parser's error.
 int parseMember(sj_parser* parser, const char* key, transport_info_entry* entry, SeenFields* seen)
 {
-    if (std::strcmp(key, "domain") == 0) {
+    if (isKey(key, "domain")) {
         entry->domain = sj_parse_string(parser);
         seen->domain = true;
-    } else if (std::strcmp(key, "ip4_addr") == 0) {
+    } else if (isKey(key, "ip4_addr")) {
         entry->ip4_addr = sj_parse_string(parser);
         seen->ip4_addr = true;
-    } else if (std::strcmp(key, "ip6_addr") == 0) {
+    } else if (isKey(key, "ip6_addr")) {
         entry->ip6_addr = sj_parse_string(parser);
         seen->ip6_addr = true;
     } else {
@@ -128,7 +134,7 @@ int parse_transport_info_object(sj_parser* parser, transport_info* info)
         const char* const key = sj_parse_object_key(parser);
         if (key == nullptr || parser->error != SJ_OK)
             return parser->error;
-        if (std::strcmp(key, "domains") == 0) {
+        if (isKey(key, "domains")) {
             domainsSeen = true;
             parseDomains(parser, info);
         } else {

@@ -50,7 +50,26 @@ bool isDigit(char c)
 
 bool isSpace(char c)
 {
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
+    // No locale has white space among the visible ASCII characters, which are nearly all there is.
+    const auto byte = static_cast<unsigned char>(c);
+    return (byte <= ' ' || byte > '~') && std::isspace(byte) != 0;
+}
+
+/// Which bytes stand for themselves inside a string: 7-bit, no control character, no quote, no backslash.
+struct PlainBytes {
+    constexpr PlainBytes()
+    {
+        for (int byte = ' '; byte < 128; ++byte)
+            plain[byte] = byte != '"' && byte != '\\';
+    }
+
+    bool plain[256] = {};
+};
+constexpr PlainBytes plainBytes;
+
+bool isPlain(char c)
+{
+    return plainBytes.plain[static_cast<unsigned char>(c)];
 }
 
 void setError(sj_parser* parser, int error)
@@ -142,6 +161,24 @@ char unescaped(char escaped)
     default:
         return 0;
     }
+}
+
+/// Turns the escape at `in` into its character at `out` and moves both on. Returns an error with both in
+/// place.
+int unescape(char*& in, char*& out)
+{
+    if (in[1] == 'u') {
+        if (std::strncmp(in + 2, "0000", 4) != 0)
+            return SJ_BAD_UNICODE;
+        // The four digits follow as ordinary characters.
+        *out++ = '\0';
+    } else if (const char plain = unescaped(in[1])) {
+        *out++ = plain;
+    } else {
+        return SJ_BAD_ESCAPE;
+    }
+    in += 2;
+    return SJ_OK;
 }
 
 /// The kinds of the arrays and objects that are open around a value being skipped: one bit a level, so that
@@ -476,33 +513,18 @@ char* sj_parse_string(sj_parser* parser)
         return nullptr;
     }
     char* const text = parser->cursor + 1;
-    char* out = text;
     char* in = text;
+    while (isPlain(*in))
+        ++in;
+    char* out = in; // behind the first escape the text moves to the front
     int error = SJ_OK;
-    for (; *in != '"'; ++in) {
-        if (*in == '\\') {
-            const char escaped = in[1];
-            if (escaped == 'u') {
-                if (std::strncmp(in + 2, "0000", 4) != 0) {
-                    error = SJ_BAD_UNICODE;
-                    break;
-                }
-                // The four digits stay in the text behind the NUL.
-                *out++ = '\0';
-                ++in;
-            } else if (const char plain = unescaped(escaped)) {
-                *out++ = plain;
-                ++in;
-            } else {
-                error = SJ_BAD_ESCAPE;
-                break;
-            }
-        } else if (static_cast<signed char>(*in) < ' ') {
+    while (*in != '"' && error == SJ_OK) {
+        if (*in == '\\')
+            error = unescape(in, out);
+        else if (isPlain(*in))
+            *out++ = *in++;
+        else
             error = *in == '\0' ? SJ_PREMATURE_END : SJ_BAD_CHARACTER;
-            break;
-        } else {
-            *out++ = *in;
-        }
     }
     parser->cursor = in;
     if (error != SJ_OK) {

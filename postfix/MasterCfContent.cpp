@@ -9,14 +9,14 @@ namespace zorvo::mail::postfix {
 void MasterCfContent::addModule(const ModuleInfo& info, const std::string& text)
 {
     const Key key(info.name, info.type);
-    const auto position = positions_.find(key);
-    if (position != positions_.end()) {
+    const auto position = positions_.lower_bound(key);
+    if (position != positions_.end() && position->first == key) {
         *position->second = text;
         modules_[key] = info;
         return;
     }
     rawLines_.push_back(text);
-    positions_.emplace(key, std::prev(rawLines_.end()));
+    positions_.emplace_hint(position, key, std::prev(rawLines_.end()));
     modules_.emplace(key, info);
 }
 
