@@ -1,0 +1,665 @@
+// ServiceManager and its neighbours: which script run each operation is, and how Postfix's own processes
+// decide.
+#include "postfix/ServiceManager.h"
+
+#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/ToolStandIns.h"
+
+#include "support/Capture.h"
+#include "support/Child.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/inotify.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+using support::registerServicePath;
+using support::ToolAnswer;
+using support::zorvorcPath;
+using testing::MatchesRegex;
+using zorvo::mail::postfix::ServiceManager;
+
+typedef std::vector<std::vector<std::string>> CommandLines;
+
+const char* const pidPath = "/var/spool/postfix/pid/master.pid";
+
+/// A process of a chosen name that waits to be killed.
+class NamedProcess {
+public:
+    /// A child of this process; with `asGrandchild` a child of a child.
+    explicit NamedProcess(const std::string& name, bool asGrandchild = false)
+    {
+        int ready[2];
+        if (::pipe(ready) != 0)
+            throw std::runtime_error("pipe");
+        pid_ = support::forkChild([&] {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            const auto wait = [&] {
+                ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+                ::prctl(PR_SET_NAME, name.c_str());
+                const bool told = ::write(ready[1], "x", 1) == 1;
+                while (told)
+                    ::pause();
+                return 1;
+            };
+            if (!asGrandchild)
+                return wait();
+            support::forkChild(wait);
+            for (;;)
+                ::pause();
+        });
+        char byte = 0;
+        if (::read(ready[0], &byte, 1) != 1)
+            throw std::runtime_error("read");
+        ::close(ready[0]);
+        ::close(ready[1]);
+    }
+    NamedProcess(const NamedProcess&) = delete;
+    NamedProcess& operator=(const NamedProcess&) = delete;
+    ~NamedProcess()
+    {
+        ::kill(pid_, SIGKILL);
+        support::waitFor(pid_);
+    }
+
+private:
+    pid_t pid_ = -1;
+};
+
+/// Counts how often a file is opened.
+class OpenCounter {
+public:
+    explicit OpenCounter(const std::string& path) : fd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
+    {
+        // Equal events in a row are merged: the close events keep the openings apart.
+        if (fd_ == -1 || ::inotify_add_watch(fd_, path.c_str(), IN_OPEN | IN_CLOSE) == -1)
+            throw std::runtime_error("cannot watch " + path);
+    }
+    OpenCounter(const OpenCounter&) = delete;
+    OpenCounter& operator=(const OpenCounter&) = delete;
+    ~OpenCounter() { ::close(fd_); }
+
+    int count()
+    {
+        alignas(inotify_event) char buffer[4096];
+        for (ssize_t got = 0; (got = ::read(fd_, buffer, sizeof buffer)) > 0;) {
+            for (const char* at = buffer; at < buffer + got;) {
+                const inotify_event* const event = reinterpret_cast<const inotify_event*>(at);
+                count_ += (event->mask & IN_OPEN) != 0 ? 1 : 0;
+                at += sizeof(inotify_event) + event->len;
+            }
+        }
+        return count_;
+    }
+
+private:
+    int fd_;
+    int count_ = 0;
+};
+
+/// With the service script replaced. This process plays Postfix's master.
+class ServiceManagerTest : public testing::Test {
+protected:
+    ServiceManagerTest() { tools_.replace(zorvorcPath); }
+
+    static std::string ownPid() { return std::to_string(::getpid()) + "\n"; }
+
+    static void writePidFile(const std::string& text) { support::writeFile(pidPath, text); }
+
+    static CommandLines one(const std::string& service, const std::string& action)
+    {
+        return {{zorvorcPath, service, action}};
+    }
+
+    support::ToolStandIns tools_;
+};
+
+// --- the script
+
+TEST_F(ServiceManagerTest, ScriptGetsServiceAndAction)
+{
+    EXPECT_EQ(0, invoke_zorvorc("some service", "some action"));
+    EXPECT_EQ((CommandLines{{zorvorcPath, "some service", "some action"}}), tools_.commandLines());
+    EXPECT_EQ(zorvorcPath, tools_.calls().front().program);
+}
+
+TEST_F(ServiceManagerTest, ExitCodeOfTheScriptIsReturned)
+{
+    for (const int code : {1, 2, 77, 255}) {
+        tools_.answer(zorvorcPath, ToolAnswer::fails(code, ""));
+        EXPECT_EQ(code, invoke_zorvorc("postfix", "start"));
+        EXPECT_EQ(code, invoke_zorvorc_keep_fail_msg("postfix", "start"));
+    }
+}
+
+TEST_F(ServiceManagerTest, FailureIsSilent)
+{
+    ToolAnswer answer = ToolAnswer::fails(3, "error text\n");
+    answer.out = "output text\n";
+    tools_.answer(zorvorcPath, answer);
+    support::Capture capture;
+    const int result = invoke_zorvorc("postfix", "start");
+    EXPECT_EQ("", capture.out());
+    EXPECT_EQ("", capture.err());
+    EXPECT_EQ(3, result);
+}
+
+// Both streams get the report; what the script printed goes to standard error before it.
+TEST_F(ServiceManagerTest, KeptFailureIsReportedWithTheScriptsOutput)
+{
+    ToolAnswer answer = ToolAnswer::fails(3, "error text");
+    answer.out = "output text\n";
+    tools_.answer(zorvorcPath, answer);
+    support::Capture capture;
+    errno = 0;
+    const int result = invoke_zorvorc_keep_fail_msg("postfix", "start");
+    const std::string report = std::string(zorvorcPath) + " execution failed:\nerror text\n";
+    EXPECT_EQ("output text\n" + report, capture.err());
+    EXPECT_EQ(report, capture.out());
+    EXPECT_EQ(3, result);
+    EXPECT_EQ(one("postfix", "start"), tools_.commandLines());
+}
+
+TEST_F(ServiceManagerTest, KeptFailureWithoutErrorOutputSaysSo)
+{
+    tools_.answer(zorvorcPath, ToolAnswer::fails(1, ""));
+    support::Capture capture;
+    errno = 0;
+    invoke_zorvorc_keep_fail_msg("postfix", "start");
+    const std::string report = std::string(zorvorcPath) + " execution failed (no output)\n";
+    EXPECT_EQ(report, capture.err());
+    EXPECT_EQ(report, capture.out());
+}
+
+TEST_F(ServiceManagerTest, SuccessIsSilentWhateverTheScriptPrinted)
+{
+    ToolAnswer answer = ToolAnswer::fails(0, "error text\n");
+    answer.out = "output text\n";
+    tools_.answer(zorvorcPath, answer);
+    support::Capture capture;
+    const int quiet = invoke_zorvorc("postfix", "start");
+    const int kept = invoke_zorvorc_keep_fail_msg("postfix", "start");
+    EXPECT_EQ("", capture.out());
+    EXPECT_EQ("", capture.err());
+    EXPECT_EQ(0, quiet);
+    EXPECT_EQ(0, kept);
+}
+
+// A killed script is logged, on both streams, whoever asked for silence.
+TEST_F(ServiceManagerTest, KilledScriptIsLogged)
+{
+    tools_.answer(zorvorcPath, ToolAnswer::dies(SIGKILL, ""));
+    support::Capture capture;
+    const int result = invoke_zorvorc("postfix", "start");
+    const std::string line =
+        std::string("waitpid\\([0-9]+\\)=[0-9]+: process '") + zorvorcPath + "' killed by signal 9\n";
+    EXPECT_THAT(capture.out(), MatchesRegex(line));
+    EXPECT_THAT(capture.err(), MatchesRegex(line));
+    EXPECT_EQ(-1, result);
+}
+
+TEST(ServiceScriptTest, MissingScriptIsAFailure)
+{
+    std::filesystem::rename(zorvorcPath, std::string(zorvorcPath) + ".away");
+    support::Capture capture;
+    errno = 0;
+    const int quiet = invoke_zorvorc("postfix", "start");
+    const int kept = invoke_zorvorc_keep_fail_msg("postfix", "start");
+    capture.stop();
+    std::filesystem::rename(std::string(zorvorcPath) + ".away", zorvorcPath);
+    const std::string report = std::string(zorvorcPath) + " execution failed:\nfork_execv: execv(\"" +
+                               zorvorcPath + "\") failed: No such file or directory\n";
+    EXPECT_EQ(report, capture.out());
+    EXPECT_EQ(report, capture.err());
+    EXPECT_EQ(255, quiet);
+    EXPECT_EQ(255, kept);
+}
+
+// --- registering
+
+TEST_F(ServiceManagerTest, ServiceIsRegisteredByItsTool)
+{
+    tools_.replace(registerServicePath);
+    EXPECT_EQ(0, enable_service("qfilter"));
+    EXPECT_EQ(0, disable_service("qfilter"));
+    EXPECT_EQ((CommandLines{{registerServicePath, "--enable", "qfilter"},
+                            {registerServicePath, "--disable", "qfilter"}}),
+              tools_.commandLines());
+}
+
+TEST_F(ServiceManagerTest, FailureToRegisterIsSilent)
+{
+    tools_.replace(registerServicePath);
+    ToolAnswer answer = ToolAnswer::fails(4, "error text\n");
+    answer.out = "output text\n";
+    tools_.answer(registerServicePath, answer);
+    support::Capture capture;
+    const int enabling = enable_service("qfilter");
+    const int disabling = disable_service("qfilter");
+    EXPECT_EQ("", capture.out());
+    EXPECT_EQ("", capture.err());
+    EXPECT_EQ(4, enabling);
+    EXPECT_EQ(4, disabling);
+}
+
+// --- print_status
+
+TEST(PrintStatusTest, ZeroIsRunning)
+{
+    support::Capture capture;
+    const int result = print_status(0);
+    EXPECT_EQ("is running\n", capture.out());
+    EXPECT_EQ("", capture.err());
+    EXPECT_EQ(0, result);
+}
+
+TEST(PrintStatusTest, AnythingElseIsStopped)
+{
+    for (const int status : {1, -1, 255, INT_MIN}) {
+        support::Capture capture;
+        const int result = print_status(status);
+        EXPECT_EQ("is stopped\n", capture.out());
+        EXPECT_EQ("", capture.err());
+        EXPECT_EQ(0, result);
+    }
+}
+
+// --- the pid file
+
+TEST(MasterPidTest, MissingFileIsNoPid)
+{
+    std::filesystem::remove(pidPath);
+    EXPECT_EQ(-1, ServiceManager::getMasterPid());
+}
+
+TEST(MasterPidTest, NumberIsReadBehindWhiteSpace)
+{
+    for (const std::string text :
+         {"4242", "4242\n", "   4242\n", "\n\t 4242 \n", "4242 more", "4242abc\n", "+4242"}) {
+        support::writeFile(pidPath, text);
+        EXPECT_EQ(4242, ServiceManager::getMasterPid()) << text;
+    }
+}
+
+// As master(8) writes it: right-aligned.
+TEST(MasterPidTest, NumberIsReadAsPostfixWritesIt)
+{
+    support::writeFile(pidPath, "              1234\n");
+    EXPECT_EQ(1234, ServiceManager::getMasterPid());
+}
+
+TEST(MasterPidTest, TextWithoutNumberIsNoPid)
+{
+    for (const std::string text : {"", "\n", "   ", "letters\n", "x42", "-", "#1"}) {
+        support::writeFile(pidPath, text);
+        EXPECT_EQ(-1, ServiceManager::getMasterPid()) << text;
+    }
+}
+
+TEST(MasterPidTest, NumberOutOfRangeIsNoPid)
+{
+    for (const std::string text : {"2147483648", "99999999999999999999", "-2147483649"}) {
+        support::writeFile(pidPath, text);
+        EXPECT_EQ(-1, ServiceManager::getMasterPid()) << text;
+    }
+    support::writeFile(pidPath, "2147483647");
+    EXPECT_EQ(2147483647, ServiceManager::getMasterPid());
+}
+
+// Decimal, whatever the digits look like.
+TEST(MasterPidTest, NumberIsDecimal)
+{
+    support::writeFile(pidPath, "010\n");
+    EXPECT_EQ(10, ServiceManager::getMasterPid());
+    support::writeFile(pidPath, "0x10\n");
+    EXPECT_EQ(0, ServiceManager::getMasterPid());
+}
+
+TEST(MasterPidTest, DirectoryIsNoPid)
+{
+    std::filesystem::remove(pidPath);
+    std::filesystem::create_directory(pidPath);
+    const int pid = ServiceManager::getMasterPid();
+    std::filesystem::remove(pidPath);
+    EXPECT_EQ(-1, pid);
+}
+
+// --- the status
+
+TEST_F(ServiceManagerTest, QueueManagerUnderTheMasterMeansRunning)
+{
+    const NamedProcess qmgr("qmgr");
+    writePidFile(ownPid());
+    EXPECT_EQ(0, ServiceManager::statusServer(0));
+    EXPECT_TRUE(tools_.calls().empty());
+}
+
+TEST_F(ServiceManagerTest, MasterWithoutQueueManagerIsNotRunning)
+{
+    writePidFile(ownPid());
+    EXPECT_EQ(1, ServiceManager::statusServer(0));
+}
+
+TEST_F(ServiceManagerTest, OtherNamesAreNoQueueManager)
+{
+    for (const std::string name : {"qmgr2", "Qmgr", "nqmgr", "qmg", "(qmgr)", "pickup"}) {
+        const NamedProcess other(name);
+        writePidFile(ownPid());
+        EXPECT_EQ(1, ServiceManager::statusServer(0)) << name;
+    }
+}
+
+// A queue manager of somebody else, or further down, does not count.
+TEST_F(ServiceManagerTest, QueueManagerOfAnotherParentIsNotThisOne)
+{
+    const NamedProcess parent("master", true);
+    writePidFile(ownPid());
+    const NamedProcess grandchild("qmgr", true);
+    EXPECT_EQ(1, ServiceManager::statusServer(0));
+}
+
+TEST_F(ServiceManagerTest, QueueManagerIsLookedForUnderThePidOfTheFile)
+{
+    const NamedProcess qmgr("qmgr");
+    writePidFile("1\n");
+    EXPECT_EQ(1, ServiceManager::statusServer(0));
+}
+
+// All the other processes are passed over: it is found wherever it stands in the table.
+TEST_F(ServiceManagerTest, QueueManagerIsFoundAmongOtherChildren)
+{
+    const NamedProcess before("pickup");
+    const NamedProcess qmgr("qmgr");
+    const NamedProcess after("tlsmgr");
+    writePidFile(ownPid());
+    EXPECT_EQ(0, ServiceManager::statusServer(0));
+}
+
+TEST_F(ServiceManagerTest, UnreadablePidMeansNotRunning)
+{
+    const NamedProcess qmgr("qmgr");
+    std::filesystem::remove(pidPath);
+    EXPECT_EQ(1, ServiceManager::statusServer(0));
+    writePidFile("letters\n");
+    EXPECT_EQ(1, ServiceManager::statusServer(0));
+}
+
+TEST_F(ServiceManagerTest, ZeroAttemptsLookOnce)
+{
+    writePidFile("letters\n");
+    OpenCounter looks(pidPath);
+    EXPECT_EQ(1, ServiceManager::statusServer(0));
+    EXPECT_EQ(1, looks.count());
+}
+
+TEST_F(ServiceManagerTest, NegativeAttemptsLookOnce)
+{
+    writePidFile("letters\n");
+    OpenCounter looks(pidPath);
+    EXPECT_EQ(1, ServiceManager::statusServer(-3));
+    EXPECT_EQ(1, looks.count());
+}
+
+TEST_F(ServiceManagerTest, AttemptsAreLooksAfterTheFirst)
+{
+    writePidFile(ownPid());
+    OpenCounter looks(pidPath);
+    EXPECT_EQ(1, ServiceManager::statusServer(2));
+    EXPECT_EQ(3, looks.count());
+}
+
+TEST_F(ServiceManagerTest, FirstSuccessfulLookIsTheLast)
+{
+    const NamedProcess qmgr("qmgr");
+    writePidFile(ownPid());
+    OpenCounter looks(pidPath);
+    EXPECT_EQ(0, ServiceManager::statusServer(5));
+    EXPECT_EQ(1, looks.count());
+}
+
+// The file appears after the first look: a helper writes it as soon as that was made.
+TEST_F(ServiceManagerTest, MasterThatComesUpMeanwhileIsNoticed)
+{
+    const NamedProcess qmgr("qmgr");
+    writePidFile("letters\n");
+    OpenCounter looks(pidPath);
+    const std::string pid = ownPid();
+    const pid_t helper = support::forkChild([&] {
+        while (looks.count() < 1)
+            ::usleep(1000);
+        writePidFile(pid);
+        return 0;
+    });
+    EXPECT_EQ(0, ServiceManager::statusServer(5));
+    EXPECT_EQ(0, support::waitFor(helper));
+}
+
+// --- start, stop, restart
+
+TEST_F(ServiceManagerTest, StartOfARunningServerRunsNothing)
+{
+    const NamedProcess qmgr("qmgr");
+    writePidFile(ownPid());
+    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    EXPECT_EQ(0, ServiceManager::startServer());
+    EXPECT_TRUE(tools_.calls().empty());
+}
+
+TEST_F(ServiceManagerTest, StartRunsTheScriptAndFindsTheServer)
+{
+    const NamedProcess qmgr("qmgr");
+    std::filesystem::remove(pidPath);
+    ToolAnswer starts;
+    starts.writes.emplace_back(pidPath, ownPid());
+    tools_.answer(zorvorcPath, starts);
+    EXPECT_EQ(0, ServiceManager::startServer());
+    EXPECT_EQ(one("postfix", "start"), tools_.commandLines());
+}
+
+// The one look is the one before the script.
+TEST_F(ServiceManagerTest, FailedStartIsReturnedAtOnce)
+{
+    writePidFile(ownPid());
+    OpenCounter looks(pidPath);
+    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    EXPECT_EQ(9, ServiceManager::startServer());
+    EXPECT_EQ(one("postfix", "start"), tools_.commandLines());
+    EXPECT_EQ(1, looks.count());
+}
+
+TEST_F(ServiceManagerTest, StopOfAStoppedServerRunsNothing)
+{
+    std::filesystem::remove(pidPath);
+    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    EXPECT_EQ(0, ServiceManager::stopServer());
+    EXPECT_TRUE(tools_.calls().empty());
+}
+
+TEST_F(ServiceManagerTest, StopOfARunningServerReturnsTheScriptsResult)
+{
+    const NamedProcess qmgr("qmgr");
+    writePidFile(ownPid());
+    EXPECT_EQ(0, ServiceManager::stopServer());
+    EXPECT_EQ(one("postfix", "stop"), tools_.commandLines());
+    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    EXPECT_EQ(9, ServiceManager::stopServer());
+}
+
+TEST_F(ServiceManagerTest, RestartRunsTheScriptAndFindsTheServer)
+{
+    const NamedProcess qmgr("qmgr");
+    writePidFile(ownPid());
+    EXPECT_EQ(0, ServiceManager::restartServer());
+    EXPECT_EQ(one("postfix", "restart"), tools_.commandLines());
+}
+
+// A running server does not make up for a failed script.
+TEST_F(ServiceManagerTest, FailedRestartIsReturnedAtOnce)
+{
+    const NamedProcess qmgr("qmgr");
+    writePidFile(ownPid());
+    OpenCounter looks(pidPath);
+    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    EXPECT_EQ(9, ServiceManager::restartServer());
+    EXPECT_EQ(0, looks.count());
+}
+
+// Five seconds of waiting: six looks.
+TEST_F(ServiceManagerTest, RestartWithoutQueueManagerIsAFailure)
+{
+    writePidFile(ownPid());
+    OpenCounter looks(pidPath);
+    EXPECT_EQ(1, ServiceManager::restartServer());
+    EXPECT_EQ(one("postfix", "restart"), tools_.commandLines());
+    EXPECT_EQ(6, looks.count());
+}
+
+TEST_F(ServiceManagerTest, TryRestartAndReloadReturnTheScriptsResult)
+{
+    writePidFile(ownPid());
+    OpenCounter looks(pidPath);
+    EXPECT_EQ(0, ServiceManager::tryRestartServer());
+    EXPECT_EQ(0, ServiceManager::reloadServer());
+    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    EXPECT_EQ(9, ServiceManager::tryRestartServer());
+    EXPECT_EQ(9, ServiceManager::reloadServer());
+    EXPECT_EQ((CommandLines{{zorvorcPath, "postfix", "try-restart"},
+                            {zorvorcPath, "postfix", "reload"},
+                            {zorvorcPath, "postfix", "try-restart"},
+                            {zorvorcPath, "postfix", "reload"}}),
+              tools_.commandLines());
+    EXPECT_EQ(0, looks.count());
+}
+
+TEST_F(ServiceManagerTest, MilterOperationsReturnTheScriptsResult)
+{
+    EXPECT_EQ(0, ServiceManager::startMilter());
+    EXPECT_EQ(0, ServiceManager::stopMilter());
+    EXPECT_EQ(0, ServiceManager::restartMilter());
+    EXPECT_EQ(0, ServiceManager::statusMilter());
+    EXPECT_EQ((CommandLines{{zorvorcPath, "qfilter", "start"},
+                            {zorvorcPath, "qfilter", "stop"},
+                            {zorvorcPath, "qfilter", "restart"},
+                            {zorvorcPath, "qfilter", "status"}}),
+              tools_.commandLines());
+    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    EXPECT_EQ(9, ServiceManager::startMilter());
+    EXPECT_EQ(9, ServiceManager::stopMilter());
+    EXPECT_EQ(9, ServiceManager::restartMilter());
+    EXPECT_EQ(9, ServiceManager::statusMilter());
+}
+
+TEST_F(ServiceManagerTest, OperationsAreSilentWhenTheScriptFails)
+{
+    const NamedProcess qmgr("qmgr");
+    writePidFile(ownPid());
+    ToolAnswer answer = ToolAnswer::fails(9, "error text\n");
+    answer.out = "output text\n";
+    tools_.answer(zorvorcPath, answer);
+    support::Capture capture;
+    for (int (*const operation)() :
+         {&ServiceManager::stopServer, &ServiceManager::restartServer, &ServiceManager::tryRestartServer,
+          &ServiceManager::reloadServer, &ServiceManager::startMilter, &ServiceManager::stopMilter,
+          &ServiceManager::restartMilter, &ServiceManager::statusMilter})
+        operation();
+    std::filesystem::remove(pidPath);
+    ServiceManager::startServer();
+    EXPECT_EQ("", capture.out());
+    EXPECT_EQ("", capture.err());
+    EXPECT_EQ(9U, tools_.calls().size());
+}
+
+// --- with the real Postfix
+
+class ServiceManagerPostfixTest : public testing::Test {
+protected:
+    ~ServiceManagerPostfixTest() override { ServiceManager::stopServer(); }
+};
+
+TEST_F(ServiceManagerPostfixTest, ServerIsStartedAndStopped)
+{
+    ASSERT_EQ(1, ServiceManager::statusServer(0));
+    EXPECT_EQ(0, ServiceManager::stopServer());
+    ASSERT_EQ(0, ServiceManager::startServer());
+    EXPECT_EQ(0, ServiceManager::statusServer(0));
+    const int master = ServiceManager::getMasterPid();
+    EXPECT_EQ("master\n", support::readFile("/proc/" + std::to_string(master) + "/comm"));
+    EXPECT_EQ(0, ServiceManager::startServer());
+    EXPECT_EQ(master, ServiceManager::getMasterPid());
+    EXPECT_EQ(0, ServiceManager::stopServer());
+    EXPECT_EQ(1, ServiceManager::statusServer(0));
+}
+
+TEST_F(ServiceManagerPostfixTest, RestartReplacesTheMaster)
+{
+    ASSERT_EQ(0, ServiceManager::restartServer());
+    EXPECT_EQ(0, ServiceManager::statusServer(0));
+    const int master = ServiceManager::getMasterPid();
+    ASSERT_EQ(0, ServiceManager::restartServer());
+    EXPECT_EQ(0, ServiceManager::statusServer(0));
+    EXPECT_NE(master, ServiceManager::getMasterPid());
+}
+
+TEST_F(ServiceManagerPostfixTest, TryRestartReplacesARunningMasterOnly)
+{
+    EXPECT_EQ(0, ServiceManager::tryRestartServer());
+    EXPECT_EQ(1, ServiceManager::statusServer(0));
+    ASSERT_EQ(0, ServiceManager::startServer());
+    const int master = ServiceManager::getMasterPid();
+    EXPECT_EQ(0, ServiceManager::tryRestartServer());
+    EXPECT_EQ(0, ServiceManager::statusServer(5));
+    EXPECT_NE(master, ServiceManager::getMasterPid());
+}
+
+TEST_F(ServiceManagerPostfixTest, ReloadKeepsTheMaster)
+{
+    EXPECT_EQ(1, ServiceManager::reloadServer());
+    ASSERT_EQ(0, ServiceManager::startServer());
+    const int master = ServiceManager::getMasterPid();
+    EXPECT_EQ(0, ServiceManager::reloadServer());
+    EXPECT_EQ(0, ServiceManager::statusServer(5));
+    EXPECT_EQ(master, ServiceManager::getMasterPid());
+}
+
+// The script is content with a master, but no queue manager comes up.
+TEST_F(ServiceManagerPostfixTest, MasterWithoutQueueManagerServiceIsAFailedStart)
+{
+    support::outputOf("sed -i '/^qmgr /d' /etc/postfix/master.cf");
+    EXPECT_EQ(1, ServiceManager::startServer());
+    EXPECT_LT(1, ServiceManager::getMasterPid());
+    EXPECT_EQ(0, invoke_zorvorc("postfix", "status"));
+    EXPECT_EQ(0, invoke_zorvorc("postfix", "stop"));
+}
+
+TEST_F(ServiceManagerPostfixTest, FailedStartIsTheScriptsResult)
+{
+    support::writeFile("/etc/postfix/master.cf", "no service\n");
+    EXPECT_EQ(1, ServiceManager::startServer());
+    EXPECT_EQ(1, ServiceManager::restartServer());
+    EXPECT_EQ(1, ServiceManager::statusServer(0));
+}
+
+TEST_F(ServiceManagerPostfixTest, MilterGoesThroughItsStates)
+{
+    EXPECT_EQ(3, ServiceManager::statusMilter());
+    EXPECT_EQ(0, ServiceManager::startMilter());
+    EXPECT_EQ(0, ServiceManager::statusMilter());
+    EXPECT_EQ(0, ServiceManager::restartMilter());
+    EXPECT_EQ(0, ServiceManager::stopMilter());
+    EXPECT_EQ(3, ServiceManager::statusMilter());
+}
+
+} // namespace

@@ -1,0 +1,393 @@
+#include "ToolStandIns.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/auxv.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+namespace support {
+
+const char* const postconfPath = "/usr/sbin/postconf";
+const char* const postmapPath = "/usr/sbin/postmap";
+const char* const zorvorcPath = "/usr/local/maru/admin/sbin/zorvorc";
+const char* const registerServicePath = "/usr/local/maru/admin/sbin/register_service";
+
+namespace {
+
+const char* const stateVariable = "ZORVO_TEST_STAND_INS";
+
+// Files of the state directory hold fields: "TAG LENGTH\n" and LENGTH bytes each.
+typedef std::vector<std::pair<std::string, std::string>> Fields;
+
+std::string encode(const Fields& fields)
+{
+    std::string text;
+    for (const auto& [tag, value] : fields)
+        text += tag + ' ' + std::to_string(value.size()) + '\n' + value;
+    return text;
+}
+
+Fields decode(const std::string& text)
+{
+    Fields fields;
+    for (size_t at = 0; at < text.size();) {
+        const size_t blank = text.find(' ', at);
+        const size_t lineEnd = text.find('\n', blank);
+        const size_t size = std::stoul(text.substr(blank + 1, lineEnd - blank - 1));
+        fields.emplace_back(text.substr(at, blank - at), text.substr(lineEnd + 1, size));
+        at = lineEnd + 1 + size;
+    }
+    return fields;
+}
+
+std::string numbered(const std::string& stem, int number)
+{
+    char digits[16];
+    std::snprintf(digits, sizeof digits, "%06d", number);
+    return stem + digits;
+}
+
+void writeAll(int fd, const std::string& text)
+{
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t put = ::write(fd, text.data() + done, text.size() - done);
+        if (put == -1 && errno == EINTR)
+            continue;
+        if (put == -1)
+            return;
+        done += static_cast<size_t>(put);
+    }
+}
+
+std::string readAll(int fd)
+{
+    std::string text;
+    char part[65536];
+    for (;;) {
+        const ssize_t got = ::read(fd, part, sizeof part);
+        if (got == -1 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return text;
+        text.append(part, static_cast<size_t>(got));
+    }
+}
+
+std::string slurp(const std::string& path)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd == -1)
+        return std::string();
+    const std::string text = readAll(fd);
+    ::close(fd);
+    return text;
+}
+
+void spill(const std::string& path, const std::string& text)
+{
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    writeAll(fd, text);
+    ::close(fd);
+}
+
+std::string seen(const std::string& path)
+{
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0)
+        return "absent";
+    return std::to_string(status.st_mode & 07777U) + ' ' + slurp(path);
+}
+
+bool held(const std::string& path)
+{
+    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd == -1)
+        return false;
+    const bool busy = ::flock(fd, LOCK_EX | LOCK_NB) == -1 && errno == EWOULDBLOCK;
+    ::close(fd);
+    return busy;
+}
+
+// The answer for this run: the first one-time answer that fits, else the last lasting one.
+Fields chooseAnswer(const std::string& state, const std::string& program,
+                    const std::vector<std::string>& args)
+{
+    std::vector<std::string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(state))
+        if (entry.path().filename().string().compare(0, 7, "answer.") == 0)
+            files.push_back(entry.path().string());
+    std::sort(files.begin(), files.end());
+    Fields chosen;
+    for (const std::string& file : files) {
+        const Fields answer = decode(slurp(file));
+        std::vector<std::string> wanted;
+        bool anyArguments = true;
+        bool once = false;
+        bool fits = true;
+        for (const auto& [tag, value] : answer) {
+            if (tag == "program")
+                fits = value == program;
+            else if (tag == "once")
+                once = true;
+            else if (tag == "arguments")
+                anyArguments = false;
+            else if (tag == "argument")
+                wanted.push_back(value);
+        }
+        if (!fits || (!anyArguments && wanted != args))
+            continue;
+        chosen = answer;
+        if (once) {
+            ::unlink(file.c_str());
+            break;
+        }
+    }
+    return chosen;
+}
+
+[[noreturn]] void actAsTool(const std::string& program, const std::vector<std::string>& argv)
+{
+    const char* const stateName = std::getenv(stateVariable);
+    if (stateName == nullptr) {
+        writeAll(2, "stand-in: the environment is not the test's\n");
+        ::_exit(99);
+    }
+    const std::string state = stateName;
+    int call = -1;
+    for (int number = 0; call == -1; ++number)
+        call =
+            ::open(numbered(state + "/call.", number).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+
+    const std::vector<std::string> args(argv.empty() ? argv.begin() : argv.begin() + 1, argv.end());
+    const Fields answer = chooseAnswer(state, program, args);
+    Fields record{{"program", program}};
+    for (const std::string& arg : argv)
+        record.emplace_back("argument", arg);
+    for (const auto& [tag, value] : decode(slurp(state + "/watched"))) {
+        if (tag == "file")
+            record.emplace_back("file", value + '\n' + seen(value));
+        else
+            record.emplace_back("lock", value + '\n' + (held(value) ? "held" : "free"));
+    }
+    // Like postmap(1): "-i" and the key "-" mean that standard input is read.
+    bool readsInput = program == postmapPath && (std::find(args.begin(), args.end(), "-i") != args.end() ||
+                                                 std::find(args.begin(), args.end(), "-") != args.end());
+    for (const auto& [tag, value] : answer)
+        readsInput = readsInput && tag != "ignores-input";
+    if (readsInput)
+        record.emplace_back("input", readAll(0));
+    writeAll(call, encode(record));
+    ::close(call);
+
+    int exitCode = 0;
+    int signal = 0;
+    for (const auto& [tag, value] : answer) {
+        if (tag == "out")
+            writeAll(1, value);
+        else if (tag == "err")
+            writeAll(2, value);
+        else if (tag == "exit")
+            exitCode = std::stoi(value);
+        else if (tag == "signal")
+            signal = std::stoi(value);
+        else if (tag == "write")
+            spill(value.substr(0, value.find('\n')), value.substr(value.find('\n') + 1));
+    }
+    if (signal != 0) {
+        const rlimit noCore = {0, 0};
+        ::setrlimit(RLIMIT_CORE, &noCore);
+        ::signal(signal, SIG_DFL);
+        ::raise(signal);
+    }
+    ::_exit(exitCode);
+}
+
+// Runs before main and before the tests are registered; glibc passes main's arguments.
+__attribute__((constructor)) void takeStandInRole(int argc, char** argv, char** /*environment*/)
+{
+    const char* const executed = reinterpret_cast<const char*>(::getauxval(AT_EXECFN));
+    const std::string program = executed == nullptr ? "" : executed;
+    for (const char* const tool :
+         {"/usr/sbin/postconf", "/usr/sbin/postmap", "/usr/local/maru/admin/sbin/zorvorc",
+          "/usr/local/maru/admin/sbin/register_service"})
+        if (program == tool)
+            actAsTool(program, std::vector<std::string>(argv, argv + argc));
+}
+
+[[noreturn]] void giveUp(const std::string& what)
+{
+    throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+} // namespace
+
+ToolAnswer ToolAnswer::prints(const std::string& text)
+{
+    ToolAnswer answer;
+    answer.out = text;
+    return answer;
+}
+
+ToolAnswer ToolAnswer::fails(int code, const std::string& errorOutput)
+{
+    ToolAnswer answer;
+    answer.exitCode = code;
+    answer.err = errorOutput;
+    return answer;
+}
+
+ToolAnswer ToolAnswer::dies(int signal, const std::string& errorOutput)
+{
+    ToolAnswer answer;
+    answer.signal = signal;
+    answer.err = errorOutput;
+    return answer;
+}
+
+ToolStandIns::ToolStandIns()
+{
+    // A namespace of our own, so that no mount made here is seen outside of this test.
+    if (::unshare(CLONE_NEWNS) != 0)
+        giveUp("unshare");
+    if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        giveUp("making mounts private");
+    ::setenv(stateVariable, state_.path().c_str(), 1);
+    spill(state_.file("watched"), "");
+}
+
+ToolStandIns::~ToolStandIns()
+{
+    for (auto it = mounts_.rbegin(); it != mounts_.rend(); ++it)
+        ::umount2(it->c_str(), MNT_DETACH);
+    ::unsetenv(stateVariable);
+}
+
+void ToolStandIns::cover(const std::string& program, const std::string& source)
+{
+    if (::access(program.c_str(), F_OK) != 0)
+        writeFile(program, "");
+    if (::mount(source.c_str(), program.c_str(), nullptr, MS_BIND, nullptr) != 0)
+        giveUp("bind mount over " + program);
+    mounts_.push_back(program);
+}
+
+void ToolStandIns::replace(const std::string& program)
+{
+    cover(program, std::filesystem::read_symlink("/proc/self/exe").string());
+}
+
+void ToolStandIns::breakTool(const std::string& program)
+{
+    const std::string source = state_.file("not-executable");
+    writeFile(source, "");
+    ::chmod(source.c_str(), 0644);
+    cover(program, source);
+}
+
+void ToolStandIns::addAnswer(const std::string& program, const std::vector<std::string>* arguments, bool once,
+                             const ToolAnswer& answer)
+{
+    Fields fields{{"program", program},
+                  {"out", answer.out},
+                  {"err", answer.err},
+                  {"exit", std::to_string(answer.exitCode)},
+                  {"signal", std::to_string(answer.signal)}};
+    if (once)
+        fields.emplace_back("once", "");
+    if (!answer.readsInput)
+        fields.emplace_back("ignores-input", "");
+    for (const auto& [path, content] : answer.writes)
+        fields.emplace_back("write", path + '\n' + content);
+    if (arguments != nullptr) {
+        fields.emplace_back("arguments", "");
+        for (const std::string& argument : *arguments)
+            fields.emplace_back("argument", argument);
+    }
+    writeFile(numbered(state_.file("answer."), answers_++), encode(fields));
+}
+
+void ToolStandIns::answer(const std::string& program, const ToolAnswer& answer)
+{
+    addAnswer(program, nullptr, false, answer);
+}
+
+void ToolStandIns::answer(const std::string& program, const std::vector<std::string>& arguments,
+                          const ToolAnswer& answer)
+{
+    addAnswer(program, &arguments, false, answer);
+}
+
+void ToolStandIns::answerOnce(const std::string& program, const ToolAnswer& answer)
+{
+    addAnswer(program, nullptr, true, answer);
+}
+
+void ToolStandIns::watchFile(const std::string& path)
+{
+    writeFile(state_.file("watched"), slurp(state_.file("watched")) + encode({{"file", path}}));
+}
+
+void ToolStandIns::probeLock(const std::string& path)
+{
+    writeFile(state_.file("watched"), slurp(state_.file("watched")) + encode({{"lock", path}}));
+}
+
+std::vector<ToolCall> ToolStandIns::calls() const
+{
+    std::vector<ToolCall> result;
+    for (const std::string& name : state_.names()) {
+        if (name.compare(0, 5, "call.") != 0)
+            continue;
+        ToolCall call;
+        for (const auto& [tag, value] : decode(readFile(state_.file(name)))) {
+            const size_t lineEnd = value.find('\n');
+            const std::string subject = value.substr(0, lineEnd);
+            const std::string state = lineEnd == std::string::npos ? "" : value.substr(lineEnd + 1);
+            if (tag == "program")
+                call.program = value;
+            else if (tag == "argument")
+                call.argv.push_back(value);
+            else if (tag == "input")
+                call.input = value;
+            else if (tag == "lock")
+                call.lockHeld[subject] = state == "held";
+            else if (tag == "file" && state == "absent")
+                call.files[subject] = std::nullopt;
+            else if (tag == "file")
+                call.files[subject] =
+                    SeenFile{static_cast<unsigned>(std::stoul(state)), state.substr(state.find(' ') + 1)};
+        }
+        result.push_back(call);
+    }
+    return result;
+}
+
+std::vector<std::vector<std::string>> ToolStandIns::commandLines() const
+{
+    std::vector<std::vector<std::string>> result;
+    for (const ToolCall& call : calls())
+        result.push_back(call.argv);
+    return result;
+}
+
+void ToolStandIns::forget()
+{
+    for (const std::string& name : state_.names())
+        if (name.compare(0, 5, "call.") == 0)
+            ::unlink(state_.file(name).c_str());
+}
+
+} // namespace support

@@ -1,0 +1,213 @@
+// checkOutput, toolSucceeded, requireToolSuccess: what counts as a failure of one of Postfix's tools.
+#include "postfix/checkOutput.h"
+
+#include "postfix/PostfixError.h"
+#include "unit/postfix/PostfixFloor.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace zorvo::mail::postfix;
+
+/// Every text is judged `lenient` without and `strict` with strictness.
+void expectJudged(bool lenient, bool strict, const std::vector<std::string>& texts)
+{
+    for (const std::string& text : texts) {
+        EXPECT_EQ(lenient, checkOutput(text, false)) << text;
+        EXPECT_EQ(strict, checkOutput(text, true)) << text;
+    }
+}
+
+TEST(CheckOutputTest, EmptyOutputPasses)
+{
+    expectJudged(true, true, {""});
+}
+
+TEST(CheckOutputTest, EmptyLinesPass)
+{
+    expectJudged(true, true, {"\n", "\n\n\n"});
+}
+
+TEST(CheckOutputTest, ErrorLevelsFail)
+{
+    expectJudged(false, false,
+                 {"postmap: fatal: open database /x.db: No such file or directory", "postmap: error: text\n",
+                  "postmap: panic: text\n", "postconf: fatal: text"});
+}
+
+// The level's own colon is the further colon that a diagnostic has.
+TEST(CheckOutputTest, LevelWithNothingBehindItFails)
+{
+    expectJudged(false, false, {"postmap: fatal:", "postmap: error:\n", "postmap: panic:"});
+}
+
+TEST(CheckOutputTest, WarningPasses)
+{
+    expectJudged(
+        true, true,
+        {"postconf: warning: nosuch: unknown parameter", "postconf: warning: text\n", "x: warning:"});
+}
+
+// Another word in the level's place counts with strictness only.
+TEST(CheckOutputTest, OtherLevelFailsOnlyStrictly)
+{
+    expectJudged(true, false,
+                 {"postmap: note: text", "postmap: open /x: No such file", "postmap: Warning: text",
+                  "postmap: Fatal: text", "postmap: FATAL: text", "postmap: xfatal: text", "a: bc:"});
+}
+
+// The level is matched with its colon.
+TEST(CheckOutputTest, LongerWordIsNoErrorLevel)
+{
+    expectJudged(true, false, {"postmap: fatality: text", "postmap: errors: text", "postmap: panicky: text"});
+    expectJudged(true, false, {"postmap: warnings: text"});
+}
+
+TEST(CheckOutputTest, LineWithoutColonPasses)
+{
+    expectJudged(true, true, {"fatal", "fatal error panic", "postmap fatal something"});
+}
+
+TEST(CheckOutputTest, ColonAtLineEndPasses)
+{
+    expectJudged(true, true, {"postmap:", "fatal:", ":", "postmap:\nfatal:\n"});
+}
+
+TEST(CheckOutputTest, OnlyBlanksBehindColonPass)
+{
+    expectJudged(true, true, {"postmap: ", "postmap:     ", "postmap:  \n"});
+}
+
+// The text behind the blanks has to be longer than one character.
+TEST(CheckOutputTest, LevelOnLastCharacterPasses)
+{
+    expectJudged(true, true, {"postmap: f", "postmap: :", "postmap::", "postmap:   :\n"});
+}
+
+TEST(CheckOutputTest, ShortestLevelWithColonFailsStrictly)
+{
+    expectJudged(true, false, {"a: b:", "a:b:", "a: ::"});
+}
+
+// A colon at the level position itself is not the further one.
+TEST(CheckOutputTest, ColonAtLevelPositionIsNoFurtherColon)
+{
+    expectJudged(true, true, {"a: :b", "a::bc"});
+    expectJudged(true, false, {"a: :b:", "a: :fatal: x"});
+}
+
+TEST(CheckOutputTest, LineWithoutFurtherColonPasses)
+{
+    expectJudged(true, true, {"postmap: fatal", "fatal: something", "error: something", "panic: x"});
+}
+
+// A line that begins with a level has its level position behind that.
+TEST(CheckOutputTest, LeadingLevelIsTakenAsTheName)
+{
+    expectJudged(true, false, {"fatal: open: text", "panic: a:"});
+    expectJudged(false, false, {"fatal: fatal: text", "error: panic: x", "warning: fatal: x"});
+    expectJudged(true, true, {"fatal: warning: x"});
+}
+
+TEST(CheckOutputTest, BlanksBeforeLevelAreSkipped)
+{
+    expectJudged(false, false, {"postmap:fatal: x", "postmap:      fatal: x"});
+}
+
+TEST(CheckOutputTest, OtherWhiteSpaceBeforeLevelIsNotSkipped)
+{
+    expectJudged(true, false,
+                 {"postmap:\tfatal: x", "postmap: \tfatal: x", "postmap:\rfatal: x", "postmap:\vfatal: x"});
+    expectJudged(true, false, {"postmap:\twarning: x"});
+}
+
+TEST(CheckOutputTest, EmptyNameCounts)
+{
+    expectJudged(false, false, {": fatal: x", ":error: x"});
+}
+
+// Only the place behind the first colon is looked at.
+TEST(CheckOutputTest, LevelFurtherBehindIsText)
+{
+    expectJudged(true, true, {"postconf: warning: fatal: x"});
+    expectJudged(true, false, {"postfix/postmap: note: fatal: x"});
+}
+
+TEST(CheckOutputTest, OneBadLineOfManyFails)
+{
+    expectJudged(false, false,
+                 {"postmap: warning: a\npostmap: fatal: b\n", "postmap: fatal: b\npostmap: warning: a\n",
+                  "no diagnostic\n\n\npostmap: error: b", "\npostmap: panic: b\n\n"});
+    expectJudged(true, false, {"postmap: warning: a: b\npostmap: note: c\npostmap: warning: d"});
+}
+
+// Lines are judged one by one: a name on one line and a level on the next are no diagnostic.
+TEST(CheckOutputTest, DiagnosticDoesNotSpanLines)
+{
+    expectJudged(true, true, {"postmap:\nfatal: x", "postmap: fatal\n:", "postmap: f\n: x"});
+}
+
+TEST(CheckOutputTest, CarriageReturnBelongsToTheLine)
+{
+    expectJudged(false, false, {"postmap: fatal: x\r\n"});
+    expectJudged(true, true, {"\r\n", "postmap: \r\n", "postmap: warning: x\r\n"});
+}
+
+// Every wait status: success is an exit with 0, with or without a core dump bit.
+TEST(ToolSucceededTest, OnlyExitWithZeroIsSuccess)
+{
+    for (int status = 0; status <= 0xffff; ++status)
+        ASSERT_EQ(status == 0 || status == 0x80, toolSucceeded(status)) << status;
+}
+
+TEST(ToolSucceededTest, RealStatusesAreJudged)
+{
+    EXPECT_TRUE(toolSucceeded(support::waitFor(support::forkChild([] { return 0; }))));
+    EXPECT_FALSE(toolSucceeded(support::waitFor(support::forkChild([] { return 1; }))));
+    EXPECT_FALSE(toolSucceeded(support::waitFor(support::forkChild([] { return 255; }))));
+    EXPECT_FALSE(toolSucceeded(support::waitFor(support::forkChild([] { return ::raise(SIGKILL); }))));
+    EXPECT_FALSE(toolSucceeded(support::waitFor(support::forkChild([] { return ::raise(SIGTERM); }))));
+}
+
+TEST(RequireToolSuccessTest, SuccessIsSilentWhateverTheToolPrinted)
+{
+    EXPECT_EQ("(no exception)",
+              support::messageOf<std::exception>([] { requireToolSuccess(0, "postmap: fatal: x"); }));
+    EXPECT_EQ("(no exception)", support::messageOf<std::exception>([] { requireToolSuccess(0x80, ""); }));
+}
+
+TEST(RequireToolSuccessTest, FailureCarriesErrorOutputAsItIs)
+{
+    EXPECT_EQ(" postmap: fatal: x\nmore \n", support::exactMessageOf<PostfixConfigurationError>([] {
+                  requireToolSuccess(0x100, " postmap: fatal: x\nmore \n");
+              }));
+    EXPECT_EQ("\n", support::exactMessageOf<PostfixConfigurationError>([] { requireToolSuccess(9, "\n"); }));
+}
+
+TEST(RequireToolSuccessTest, FailureWithoutErrorOutputIsUnknown)
+{
+    EXPECT_EQ("unknown error",
+              support::exactMessageOf<PostfixConfigurationError>([] { requireToolSuccess(0x100, ""); }));
+    EXPECT_EQ("unknown error",
+              support::exactMessageOf<PostfixConfigurationError>([] { requireToolSuccess(9, ""); }));
+    EXPECT_EQ("unknown error",
+              support::exactMessageOf<PostfixConfigurationError>([] { requireToolSuccess(0x8b, ""); }));
+}
+
+// The family: callers may catch PostfixError for both kinds, and neither kind for the other.
+TEST(PostfixErrorTest, BothKindsArePostfixErrors)
+{
+    EXPECT_EQ("text", support::messageOf<PostfixError>([] { throw PostfixConfigurationError("text"); }));
+    EXPECT_EQ("text", support::messageOf<PostfixError>([] { throw PostfixDatabaseError("text"); }));
+    EXPECT_EQ("text", support::messageOf<std::runtime_error>([] { throw PostfixError("text"); }));
+    EXPECT_NE("text",
+              support::messageOf<PostfixConfigurationError>([] { throw PostfixDatabaseError("text"); }));
+    EXPECT_NE("text",
+              support::messageOf<PostfixDatabaseError>([] { throw PostfixConfigurationError("text"); }));
+}
+
+} // namespace

@@ -1,0 +1,272 @@
+// clean_transports: the steps in their order, what counts as generated, and what a failure leaves.
+#include "postfix/clean_transports.h"
+
+#include "common/SystemError.h"
+#include "postfix/ModuleManager.h"
+#include "postfix/PostfixError.h"
+#include "postfix/SenderTransportManager.h"
+#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/ToolStandIns.h"
+
+#include "support/Child.h"
+#include "support/ScratchDir.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using support::exactMessageOf;
+using support::postconfPath;
+using support::postmapPath;
+using support::ToolAnswer;
+using namespace zorvo::mail::postfix;
+
+typedef std::vector<std::vector<std::string>> CommandLines;
+
+const char* const table = "hash:/var/spool/postfix/zorvo/sdd_transport_maps";
+const char* const tableSource = "/var/spool/postfix/zorvo/sdd_transport_maps";
+const std::vector<std::string> directoryQuery{postconfPath, "-h", "config_directory"};
+const std::vector<std::string> remove4{postconfPath, "-X", "smtp_bind_address"};
+const std::vector<std::string> remove6{postconfPath, "-X", "smtp_bind_address6"};
+const std::vector<std::string> rebuild{postmapPath, "-r", table};
+
+/// With postconf and postmap replaced, and master.cf in a directory of the test's own.
+class CleanTransportsTest : public testing::Test {
+protected:
+    CleanTransportsTest()
+    {
+        tools_.replace(postconfPath);
+        tools_.replace(postmapPath);
+        tools_.answer(postconfPath, {"-h", "config_directory"}, ToolAnswer::prints(scratch_.path() + "\n"));
+        tools_.watchFile(path_);
+        tools_.watchFile(tableSource);
+    }
+
+    std::string cleaned(const std::string& text)
+    {
+        support::writeFile(path_, text);
+        clean_transports();
+        return masterCf();
+    }
+
+    std::string masterCf() const { return support::readFile(path_); }
+
+    support::ScratchDir scratch_;
+    support::ToolStandIns tools_;
+    const std::string path_ = scratch_.file("master.cf");
+};
+
+TEST_F(CleanTransportsTest, ToolsRunInOrder)
+{
+    cleaned("zorvo-x unix - - n - - smtp\n");
+    EXPECT_EQ((CommandLines{directoryQuery, remove4, remove6, rebuild, directoryQuery}),
+              tools_.commandLines());
+}
+
+// The table is rebuilt from an empty source file, which does not stay.
+TEST_F(CleanTransportsTest, TableIsEmptiedBeforeMasterCfIsTouched)
+{
+    cleaned("zorvo-x unix - - n - - smtp\n# end\n");
+    const support::ToolCall run = tools_.calls().at(3);
+    ASSERT_TRUE(run.files.at(tableSource).has_value());
+    EXPECT_EQ("", run.files.at(tableSource)->content);
+    EXPECT_EQ("zorvo-x unix - - n - - smtp\n# end\n", run.files.at(path_)->content);
+    EXPECT_FALSE(std::filesystem::exists(tableSource));
+    EXPECT_EQ("# end\n", masterCf());
+}
+
+TEST_F(CleanTransportsTest, ParametersAreRemovedUnderTheLock)
+{
+    const std::string mainCfLock = support::lockFileOf(scratch_.path() + "/main.cf");
+    const std::string tableLock = support::lockFileOf(tableSource);
+    tools_.probeLock(mainCfLock);
+    tools_.probeLock(tableLock);
+    cleaned("# top\n");
+    const std::vector<support::ToolCall> calls = tools_.calls();
+    EXPECT_TRUE(calls.at(1).lockHeld.at(mainCfLock));
+    EXPECT_TRUE(calls.at(2).lockHeld.at(mainCfLock));
+    EXPECT_TRUE(calls.at(3).lockHeld.at(tableLock));
+    EXPECT_FALSE(calls.at(3).lockHeld.at(mainCfLock));
+}
+
+TEST_F(CleanTransportsTest, UnixServicesOfThePrefixAreRemoved)
+{
+    EXPECT_EQ("# top\nsmtp unix - - n - - smtp\n# end\n",
+              cleaned("# top\n"
+                      "zorvo-192.0.2.1- unix - - n - - smtp\n"
+                      "smtp unix - - n - - smtp\n"
+                      "zorvo-example.org-192.0.2.1- unix n n n - - smtp # c\n"
+                      "# swallowed\n"
+                      "  -o a=b\n"
+                      "zorvo- unix - - n - - pipe\n"
+                      "zorvo--- unix - - n - - pipe\n"
+                      "# end\n"));
+}
+
+TEST_F(CleanTransportsTest, OtherServicesStay)
+{
+    const std::string text = "zorvo-x inet n - n - - smtpd\n"
+                             "zorvo-x fifo - - n - - smtp\n"
+                             "zorvo-x pass - - n - - smtp\n"
+                             "zorvo-x unix-dgram - - n - - smtp\n"
+                             "zorvo unix - - n - - smtp\n"
+                             "zorvo_x unix - - n - - smtp\n"
+                             "zorv unix - - n - - smtp\n"
+                             "xzorvo-x unix - - n - - smtp\n"
+                             "#zorvo-x unix - - n - - smtp\n"
+                             "smtp unix - - n - - zorvo-x\n";
+    EXPECT_EQ(text, cleaned(text + "zorvo-x unix - - n - - smtp\n"));
+}
+
+// Such a name cannot be read from a file, but it can be in memory.
+TEST_F(CleanTransportsTest, PrefixIsCaseSensitive)
+{
+    support::writeFile(path_, "# top");
+    ModuleManager& modules = ModuleManager::getInstance();
+    modules.loadModules(false);
+    ModuleInfo info;
+    info.type = ModuleType::Unix;
+    info.command = {"smtp"};
+    for (const char* const name : {"Zorvo-x", "ZORVO-x", "zorvo-y"}) {
+        info.name = name;
+        modules.addModule(info, true);
+    }
+    clean_transports();
+    EXPECT_EQ("# top\nZorvo-x unix - - n - - smtp\nZORVO-x unix - - n - - smtp\n", masterCf());
+}
+
+// Services that are disabled are no services of master.cf.
+TEST_F(CleanTransportsTest, DisabledServicesStay)
+{
+    const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
+    support::writeFile(disabledPath, "zorvo-x unix - - n - - smtp\n");
+    cleaned("zorvo-y unix - - n - - smtp\n# end\n");
+    EXPECT_EQ("zorvo-x unix - - n - - smtp\n", support::readFile(disabledPath));
+    EXPECT_EQ("# end\n", masterCf());
+}
+
+TEST_F(CleanTransportsTest, MasterCfWithoutGeneratedServicesKeepsItsContent)
+{
+    const std::string text = "# top\nsmtp  inet\tn - n - - smtpd # c\n\n  -o a=b\n# end\n";
+    EXPECT_EQ(text, cleaned(text));
+}
+
+TEST_F(CleanTransportsTest, SecondCleanupChangesNothingMore)
+{
+    const std::string once = cleaned("# top\nzorvo-x unix - - n - - smtp\n# end\n");
+    clean_transports();
+    EXPECT_EQ(once, masterCf());
+    EXPECT_EQ(
+        (CommandLines{directoryQuery, remove4, remove6, rebuild, directoryQuery, remove4, remove6, rebuild}),
+        tools_.commandLines());
+}
+
+// --- failures
+
+TEST_F(CleanTransportsTest, FailureOfTheFirstParameterStopsThere)
+{
+    tools_.answer(postconfPath, {"-X", "smtp_bind_address"}, ToolAnswer::fails(1, "postconf: fatal: x\n"));
+    EXPECT_EQ("postconf: fatal: x\n", exactMessageOf<PostfixConfigurationError>(
+                                          [this] { cleaned("zorvo-x unix - - n - - smtp\n"); }));
+    EXPECT_EQ((CommandLines{directoryQuery, remove4}), tools_.commandLines());
+    EXPECT_EQ("zorvo-x unix - - n - - smtp\n", masterCf());
+}
+
+TEST_F(CleanTransportsTest, FailureOfTheSecondParameterStopsThere)
+{
+    tools_.answer(postconfPath, {"-X", "smtp_bind_address6"}, ToolAnswer::fails(1, ""));
+    EXPECT_EQ("unknown error", exactMessageOf<PostfixConfigurationError>(
+                                   [this] { cleaned("zorvo-x unix - - n - - smtp\n"); }));
+    EXPECT_EQ((CommandLines{directoryQuery, remove4, remove6}), tools_.commandLines());
+}
+
+TEST_F(CleanTransportsTest, FailureOfTheTableLeavesTheServices)
+{
+    tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: fatal: x\n"));
+    EXPECT_EQ("postmap: fatal: x\n", exactMessageOf<PostfixConfigurationError>(
+                                         [this] { cleaned("zorvo-x unix - - n - - smtp\n"); }));
+    EXPECT_EQ((CommandLines{directoryQuery, remove4, remove6, rebuild}), tools_.commandLines());
+    EXPECT_EQ("zorvo-x unix - - n - - smtp\n", masterCf());
+    EXPECT_FALSE(std::filesystem::exists(tableSource));
+}
+
+TEST_F(CleanTransportsTest, UnreadableMasterCfComesAfterTheRest)
+{
+    EXPECT_EQ(
+        "unable to parse " + path_ + ": syntax error at position 0 near 'Bad'",
+        exactMessageOf<PostfixConfigurationError>([this] { cleaned("Bad\nzorvo-x unix - - n - - smtp\n"); }));
+    EXPECT_EQ((CommandLines{directoryQuery, remove4, remove6, rebuild, directoryQuery}),
+              tools_.commandLines());
+    EXPECT_EQ("Bad\nzorvo-x unix - - n - - smtp\n", masterCf());
+}
+
+// --- runs one after the other, each a process of its own
+
+// The file's final line feed leaves an empty last line in memory; each run adds its services behind it.
+TEST_F(CleanTransportsTest, EachRunLeavesABlankLineMoreAboveItsServices)
+{
+    support::writeFile(path_, "# top\n");
+    const auto run = [] {
+        return support::runInChild([] {
+            clean_transports();
+            for (const char* const domain : {"example.org", "example.com"})
+                SenderTransportManager<IpSenderTransport>(domain, "192.0.2.1", "")
+                    .addDomainToSenderTransport();
+            SenderTransportManager<IpSenderTransport>("example.net", "192.0.2.2", "")
+                .addDomainToSenderTransport();
+            return 0;
+        });
+    };
+    const std::string services =
+        "zorvo-192.0.2.1- unix - - n - - smtp -o smtp_bind_address=192.0.2.1 "
+        "-o smtp_bind_address6= -o smtp_address_preference=ipv4 -o inet_protocols=ipv4\n"
+        "zorvo-192.0.2.2- unix - - n - - smtp -o smtp_bind_address=192.0.2.2 "
+        "-o smtp_bind_address6= -o smtp_address_preference=ipv4 -o inet_protocols=ipv4\n";
+    ASSERT_TRUE(run().exitedWith(0));
+    EXPECT_EQ("# top\n\n" + services, masterCf());
+    ASSERT_TRUE(run().exitedWith(0));
+    EXPECT_EQ("# top\n\n\n" + services, masterCf());
+    ASSERT_TRUE(run().exitedWith(0));
+    EXPECT_EQ("# top\n\n\n\n" + services, masterCf());
+    ASSERT_TRUE(support::runInChild([] {
+                    clean_transports();
+                    return 0;
+                }).exitedWith(0));
+    EXPECT_EQ("# top\n", masterCf());
+}
+
+// --- with the real tools
+
+TEST(CleanTransportsPostfixTest, EverythingGeneratedIsGone)
+{
+    const std::string mainCf = support::readFile("/etc/postfix/main.cf");
+    const std::string masterCf = support::readFile("/etc/postfix/master.cf");
+    support::writeFile("/etc/postfix/main.cf",
+                       mainCf + "smtp_bind_address = 192.0.2.1\nsmtp_bind_address6 = 2001:db8::1\n");
+    support::writeFile("/etc/postfix/master.cf", masterCf + "zorvo-x unix - - n - - smtp\n  -o a=b\n");
+    support::ageMainCf();
+    support::outputOf(std::string("echo '@example.org zorvo-x:' | /usr/sbin/postmap -r -i ") + table);
+
+    clean_transports();
+    EXPECT_EQ(mainCf, support::readFile("/etc/postfix/main.cf"));
+    EXPECT_EQ(masterCf, support::readFile("/etc/postfix/master.cf"));
+    EXPECT_EQ(0644U, support::modeOf("/etc/postfix/master.cf"));
+    support::ageMainCf();
+    EXPECT_EQ("", support::outputOf(std::string("/usr/sbin/postmap -s ") + table));
+    EXPECT_EQ(std::set<std::string>{"sdd_transport_maps.db"}, support::namesIn("/var/spool/postfix/zorvo"));
+
+    clean_transports();
+    EXPECT_EQ(mainCf, support::readFile("/etc/postfix/main.cf"));
+    EXPECT_EQ(masterCf, support::readFile("/etc/postfix/master.cf"));
+    support::ageMainCf();
+    EXPECT_EQ("", support::outputOf(std::string("/usr/sbin/postmap -s ") + table));
+}
+
+} // namespace
