@@ -1,0 +1,261 @@
+// AutocleanOFStream: a file that ends with its stream.
+#include "common/AutocleanOFStream.h"
+
+#include "support/Capture.h"
+#include "support/Child.h"
+#include "support/LibcFaults.h"
+#include "support/OpenFds.h"
+#include "support/ScratchDir.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <type_traits>
+
+using support::Capture;
+using support::openFds;
+using support::ScratchDir;
+using testing::IsEmpty;
+using zorvo::AutocleanOFStream;
+
+namespace {
+
+class AutocleanOFStreamTest : public testing::Test {
+protected:
+    ScratchDir scratch_;
+    std::string file_ = scratch_.file("records");
+};
+
+} // namespace
+
+TEST_F(AutocleanOFStreamTest, CreatesItsFile)
+{
+    const AutocleanOFStream stream(file_);
+    EXPECT_TRUE(stream.is_open());
+    EXPECT_EQ("", support::readFile(file_));
+}
+
+TEST_F(AutocleanOFStreamTest, TruncatesAnExistingFile)
+{
+    support::writeFile(file_, "old content");
+    const AutocleanOFStream stream(file_);
+    EXPECT_EQ("", support::readFile(file_));
+}
+
+TEST_F(AutocleanOFStreamTest, WrittenTextIsInTheFileAfterAFlush)
+{
+    AutocleanOFStream stream(file_);
+    stream << "key value\n" << std::flush;
+    EXPECT_EQ("key value\n", support::readFile(file_));
+}
+
+TEST_F(AutocleanOFStreamTest, WrittenTextIsInTheFileAfterClose)
+{
+    AutocleanOFStream stream(file_);
+    stream << "key value\n";
+    stream.close();
+    EXPECT_EQ("key value\n", support::readFile(file_));
+}
+
+TEST_F(AutocleanOFStreamTest, DestructorRemovesTheFile)
+{
+    {
+        AutocleanOFStream stream(file_);
+        stream << "text";
+    }
+    EXPECT_THAT(scratch_.names(), IsEmpty());
+}
+
+TEST_F(AutocleanOFStreamTest, DestructorRemovesAFileThatWasThereBefore)
+{
+    support::writeFile(file_, "old content");
+    {
+        const AutocleanOFStream stream(file_);
+    }
+    EXPECT_THAT(scratch_.names(), IsEmpty());
+}
+
+TEST_F(AutocleanOFStreamTest, DestructorRemovesAClosedFile)
+{
+    {
+        AutocleanOFStream stream(file_);
+        stream.close();
+    }
+    EXPECT_THAT(scratch_.names(), IsEmpty());
+}
+
+TEST_F(AutocleanOFStreamTest, FileIsRemovedWhenAnExceptionLeavesTheScope)
+{
+    try {
+        const AutocleanOFStream stream(file_);
+        throw 1;
+    } catch (int) {
+    }
+    EXPECT_THAT(scratch_.names(), IsEmpty());
+}
+
+TEST_F(AutocleanOFStreamTest, RenamedFileStaysWithItsContent)
+{
+    {
+        AutocleanOFStream stream(file_);
+        stream << "text" << std::flush;
+        std::filesystem::rename(file_, file_ + ".kept");
+    }
+    EXPECT_THAT(scratch_.names(), testing::ElementsAre("records.kept"));
+    EXPECT_EQ("text", support::readFile(file_ + ".kept"));
+}
+
+TEST_F(AutocleanOFStreamTest, TextWrittenAfterARenameReachesTheRenamedFile)
+{
+    {
+        AutocleanOFStream stream(file_);
+        std::filesystem::rename(file_, file_ + ".kept");
+        stream << "text";
+    }
+    EXPECT_EQ("text", support::readFile(file_ + ".kept"));
+}
+
+TEST_F(AutocleanOFStreamTest, DestructorKeepsErrno)
+{
+    {
+        const AutocleanOFStream stream(file_);
+        errno = EDOM;
+    }
+    EXPECT_EQ(EDOM, errno);
+}
+
+TEST_F(AutocleanOFStreamTest, DestructorKeepsErrnoWhenTheFileIsGone)
+{
+    {
+        const AutocleanOFStream stream(file_);
+        std::filesystem::remove(file_);
+        errno = EDOM;
+    }
+    EXPECT_EQ(EDOM, errno);
+}
+
+TEST_F(AutocleanOFStreamTest, FailedRemovalIsSilent)
+{
+    Capture capture;
+    {
+        const AutocleanOFStream stream(file_);
+        std::filesystem::remove(file_);
+        std::filesystem::create_directory(file_);
+    }
+    EXPECT_EQ("", capture.err() + capture.out());
+}
+
+TEST_F(AutocleanOFStreamTest, LeavesNoDescriptor)
+{
+    const auto before = openFds();
+    {
+        AutocleanOFStream stream(file_);
+        stream << "text";
+    }
+    EXPECT_EQ(before, openFds());
+}
+
+TEST_F(AutocleanOFStreamTest, CloseClosesTheDescriptor)
+{
+    const auto before = openFds();
+    AutocleanOFStream stream(file_);
+    stream.close();
+    EXPECT_EQ(before, openFds());
+}
+
+TEST_F(AutocleanOFStreamTest, MissingDirectoryLeavesTheFailState)
+{
+    Capture capture;
+    const AutocleanOFStream stream(scratch_.file("missing/records"));
+    EXPECT_EQ("", capture.err() + capture.out());
+    EXPECT_TRUE(stream.fail());
+    EXPECT_FALSE(stream.is_open());
+}
+
+TEST_F(AutocleanOFStreamTest, ReadOnlyDirectoryLeavesTheFailState)
+{
+    ASSERT_EQ(0, ::chmod(scratch_.path().c_str(), 0555));
+    const support::ChildResult result = support::runInChild([this] {
+        if (::setresuid(65534, 65534, 65534) != 0) // root writes everywhere
+            return 90;
+        const AutocleanOFStream stream(file_);
+        return stream.fail() ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ("", result.err + result.out);
+}
+
+TEST_F(AutocleanOFStreamTest, DestructorOfAFailedStreamDoesNotThrow)
+{
+    EXPECT_NO_THROW({ const AutocleanOFStream stream(scratch_.file("missing/records")); });
+    EXPECT_TRUE(std::is_nothrow_destructible_v<AutocleanOFStream>);
+}
+
+TEST_F(AutocleanOFStreamTest, WritingToAFailedStreamCreatesNothing)
+{
+    {
+        AutocleanOFStream stream(scratch_.file("missing/records"));
+        stream << "text" << std::flush;
+    }
+    EXPECT_THAT(scratch_.names(), IsEmpty());
+}
+
+// A symbolic link stands for the full disk: the link is what gets removed.
+TEST_F(AutocleanOFStreamTest, CloseOnAFullDiskSetsFailbit)
+{
+    std::filesystem::create_symlink("/dev/full", file_);
+    AutocleanOFStream stream(file_);
+    stream << "text";
+    ASSERT_TRUE(stream.good());
+    stream.close();
+    EXPECT_TRUE(stream.fail());
+}
+
+TEST_F(AutocleanOFStreamTest, CloseOnAFullDiskThrowsWhereExceptionsAreAskedFor)
+{
+    std::filesystem::create_symlink("/dev/full", file_);
+    AutocleanOFStream stream(file_);
+    stream.exceptions(std::ios::failbit);
+    stream << "text";
+    EXPECT_THROW(stream.close(), std::ios::failure);
+}
+
+TEST_F(AutocleanOFStreamTest, CloseOnAFullDiskLeavesNoDescriptor)
+{
+    std::filesystem::create_symlink("/dev/full", file_);
+    const auto before = openFds();
+    AutocleanOFStream stream(file_);
+    stream << "text";
+    stream.close();
+    EXPECT_EQ(before, openFds());
+}
+
+TEST_F(AutocleanOFStreamTest, SecondCloseSetsFailbit)
+{
+    AutocleanOFStream stream(file_);
+    stream.close();
+    stream.close();
+    EXPECT_TRUE(stream.fail());
+}
+
+TEST_F(AutocleanOFStreamTest, InterruptedOpenIsRepeated)
+{
+    const support::LibcFault fault(support::LibcCall::Fopen, EINTR, 3);
+    const AutocleanOFStream stream(file_);
+    EXPECT_EQ(0, fault.left());
+    EXPECT_TRUE(stream.good());
+    EXPECT_TRUE(stream.is_open());
+}
+
+TEST_F(AutocleanOFStreamTest, OpenThatFailsOtherwiseIsNotRepeated)
+{
+    const support::LibcFault fault(support::LibcCall::Fopen, EMFILE, 3);
+    const AutocleanOFStream stream(file_);
+    EXPECT_EQ(2, fault.left());
+    EXPECT_TRUE(stream.fail());
+}
