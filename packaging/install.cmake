@@ -1,0 +1,44 @@
+# What `cmake --install` and the Debian package put where. Two components:
+#   runtime      the program and its companions, at the paths that the panel, man(1), bash and systemd look at
+#   development  the static libraries with their headers and the CMake package zorvo-mail, below the prefix
+# Included by the root CMakeLists.txt.
+include(CMakePackageConfigHelpers)
+
+# The panel starts the program at this very path, so it does not follow CMAKE_INSTALL_PREFIX; DESTDIR moves it.
+install(TARGETS zorvo-smtp-bind RUNTIME DESTINATION /usr/local/maru/admin/sbin COMPONENT runtime)
+
+# The manual page carries the version, and is stored as man(1) and Debian keep all pages.
+set(manual ${PROJECT_BINARY_DIR}/docs/zorvo-smtp-bind.8)
+configure_file(docs/zorvo-smtp-bind.8.in ${manual} @ONLY)
+find_program(GZIP gzip REQUIRED)
+add_custom_command(OUTPUT ${manual}.gz
+                   COMMAND ${GZIP} -9 --no-name --force --keep ${manual}
+                   DEPENDS ${manual} VERBATIM)
+add_custom_target(manual ALL DEPENDS ${manual}.gz)
+install(FILES ${manual}.gz DESTINATION /usr/share/man/man8 COMPONENT runtime)
+
+install(FILES packaging/completion/zorvo-smtp-bind
+        DESTINATION /usr/share/bash-completion/completions COMPONENT runtime)
+install(FILES packaging/tmpfiles.d/zorvo-smtp-bind.conf DESTINATION /usr/lib/tmpfiles.d COMPONENT runtime)
+
+# The three floors as libraries for other programs of the mail layer: #include "common/MKLock.h" and so on.
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zorvo-mail)
+foreach(floor common process postfix)
+    target_include_directories(zorvo_${floor} INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/zorvo>)
+    set_target_properties(zorvo_${floor} PROPERTIES EXPORT_NAME ${floor})
+    install(TARGETS zorvo_${floor} EXPORT zorvo-mail
+            ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+    install(DIRECTORY ${floor}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zorvo/${floor}
+            COMPONENT development FILES_MATCHING PATTERN *.h)
+endforeach()
+install(EXPORT zorvo-mail FILE zorvo-mail-targets.cmake NAMESPACE zorvo::
+        DESTINATION ${package_dir} COMPONENT development)
+configure_package_config_file(packaging/zorvo-mail-config.cmake.in ${PROJECT_BINARY_DIR}/zorvo-mail-config.cmake
+                              INSTALL_DESTINATION ${package_dir} NO_SET_AND_CHECK_MACRO)
+# C++ without a stable binary interface: another minor version is another interface.
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/zorvo-mail-config-version.cmake
+                                 COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/zorvo-mail-config.cmake ${PROJECT_BINARY_DIR}/zorvo-mail-config-version.cmake
+        DESTINATION ${package_dir} COMPONENT development)
+
+include(packaging/cpack.cmake)
