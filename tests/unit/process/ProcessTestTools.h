@@ -28,12 +28,23 @@
 
 namespace tools {
 
+/// Number of assertions that failed in the running test so far.
+inline int failures()
+{
+    const testing::TestResult& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
+    int count = 0;
+    for (int i = 0; i < result.total_part_count(); ++i)
+        count += result.GetTestPartResult(i).failed() ? 1 : 0;
+    return count;
+}
+
 /// Runs `body`, assertions and all, in a forked child: it may change signals, limits, mounts, descriptors.
 inline void inOwnProcess(const std::function<void()>& body)
 {
     const pid_t child = support::forkChild([&body] {
+        const int before = failures();
         body();
-        return testing::Test::HasFailure() ? 1 : 0;
+        return failures() == before ? 0 : 1;
     });
     EXPECT_EQ(support::waitFor(child), 0) << "the child's own report stands above";
 }
@@ -220,14 +231,19 @@ inline std::string readAll(int fd)
     }
 }
 
-/// Makes the calling process's mounts its own, so that those of a test end with it. Needs root.
-inline void makeMountsPrivate()
+/// Makes the calling process's mounts its own, so that those of a test end with it.
+inline bool makeMountsPrivate()
 {
-    ASSERT_EQ(::unshare(CLONE_NEWNS), 0) << std::strerror(errno);
-    ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << std::strerror(errno);
+    return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
-/// An empty file system at `path`, in the calling process's own mounts.
+/// False where the kernel lets no process have mounts of its own; what needs them has to be skipped then.
+inline bool mountsCanBePrivate()
+{
+    return support::waitFor(support::forkChild([] { return makeMountsPrivate() ? 0 : 1; })) == 0;
+}
+
+/// An empty file system at `path`.
 inline void mountEmpty(const std::string& path)
 {
     ASSERT_EQ(::mount("tmpfs", path.c_str(), "tmpfs", 0, nullptr), 0) << std::strerror(errno);
