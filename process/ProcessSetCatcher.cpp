@@ -72,8 +72,10 @@ void ProcessSetCatcher::collect() noexcept
         events_ = events_ + 1;
         if (WIFEXITED(status) || WIFSIGNALED(status)) {
             finished_ = finished_ + 1;
-            // A full pipe is as good: one byte in it wakes the loop.
-            (void)retryOnEintr([&] { return ::write(controlWrite_.get(), "t", 1); });
+            // A full pipe is as good: one byte in it wakes the loop. After any other failure the end of the
+            // pipe does, which is as readable.
+            if (retryOnEintr([&] { return ::write(controlWrite_.get(), "t", 1); }) == -1 && errno != EAGAIN)
+                controlWrite_.close_nothrow();
         }
     }
 }
