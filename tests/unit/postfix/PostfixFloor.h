@@ -122,6 +122,19 @@ inline void failSystemCalls(const std::vector<unsigned>& numbers, unsigned error
         throw std::runtime_error("cannot make system calls fail");
 }
 
+/// Whether this test may mount: not where scripts/sandbox had to do without namespaces.
+inline bool canMount()
+{
+    return ::access("/run/sandbox.direct", F_OK) != 0;
+}
+
+/// A mount namespace of this process's own, so that no mount made in it is seen outside of the test.
+inline void takeMountNamespace()
+{
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        throw std::runtime_error("cannot have a mount namespace");
+}
+
 /// One mount in a mount namespace of this test's own, undone at the end.
 class ScopedMount {
 public:
@@ -129,8 +142,8 @@ public:
                 const char* options = nullptr)
         : target_(target)
     {
-        if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            ::mount(source.c_str(), target.c_str(), type, flags, options) != 0)
+        takeMountNamespace();
+        if (::mount(source.c_str(), target.c_str(), type, flags, options) != 0)
             throw std::runtime_error("cannot mount " + target);
         if ((flags & MS_BIND) != 0 && (flags & MS_RDONLY) != 0 &&
             ::mount("none", target.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0)
@@ -150,10 +163,12 @@ template <class E, class Action>
 std::string messageOf(Action action)
 {
     try {
-        action();
-    } catch (const std::exception& e) {
-        if (dynamic_cast<const E*>(&e) != nullptr)
+        try {
+            action();
+        } catch (const E& e) {
             return e.what();
+        }
+    } catch (const std::exception& e) {
         return std::string("(another exception: ") + typeid(e).name() + ": " + e.what() + ')';
     }
     return "(no exception)";

@@ -1,7 +1,10 @@
-#include "ToolStandIns.h"
+#include "unit/postfix/ToolStandIns.h"
+
+#include "unit/postfix/PostfixFloor.h"
+
+#include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/auxv.h>
 #include <sys/file.h>
 #include <sys/mount.h>
@@ -227,10 +230,16 @@ __attribute__((constructor)) void takeStandInRole(int argc, char** argv, char** 
             actAsTool(program, std::vector<std::string>(argv, argv + argc));
 }
 
-[[noreturn]] void giveUp(const std::string& what)
-{
-    throw std::runtime_error(what + ": " + std::strerror(errno));
-}
+/// These tests change the system's own paths: outside of scripts/sandbox none of them runs.
+class SandboxGuard : public testing::Environment {
+public:
+    void SetUp() override
+    {
+        if (::access("/run/sandbox", F_OK) != 0)
+            FAIL() << "run this through scripts/sandbox";
+    }
+};
+const testing::Environment* const sandboxGuard = testing::AddGlobalTestEnvironment(new SandboxGuard);
 
 } // namespace
 
@@ -257,21 +266,18 @@ ToolAnswer ToolAnswer::dies(int signal, const std::string& errorOutput)
     return answer;
 }
 
-ToolStandIns::ToolStandIns()
+ToolStandIns::ToolStandIns() : mounts_(canMount())
 {
-    // A namespace of our own, so that no mount made here is seen outside of this test.
-    if (::unshare(CLONE_NEWNS) != 0)
-        giveUp("unshare");
-    if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        giveUp("making mounts private");
+    if (mounts_)
+        takeMountNamespace();
     ::setenv(stateVariable, state_.path().c_str(), 1);
     spill(state_.file("watched"), "");
 }
 
 ToolStandIns::~ToolStandIns()
 {
-    for (auto it = mounts_.rbegin(); it != mounts_.rend(); ++it)
-        ::umount2(it->c_str(), MNT_DETACH);
+    while (!covered_.empty())
+        uncover();
     ::unsetenv(stateVariable);
 }
 
@@ -279,9 +285,30 @@ void ToolStandIns::cover(const std::string& program, const std::string& source)
 {
     if (::access(program.c_str(), F_OK) != 0)
         writeFile(program, "");
-    if (::mount(source.c_str(), program.c_str(), nullptr, MS_BIND, nullptr) != 0)
-        giveUp("bind mount over " + program);
-    mounts_.push_back(program);
+    if (mounts_) {
+        if (::mount(source.c_str(), program.c_str(), nullptr, MS_BIND, nullptr) != 0)
+            throw std::runtime_error("bind mount over " + program + ": " + std::strerror(errno));
+    } else {
+        std::filesystem::copy_file(program,
+                                   state_.file(numbered("original.", static_cast<int>(covered_.size()))));
+        std::filesystem::remove(program);
+        std::filesystem::copy_file(source, program);
+    }
+    covered_.push_back(program);
+}
+
+void ToolStandIns::uncover()
+{
+    const std::string program = covered_.back();
+    covered_.pop_back();
+    if (mounts_) {
+        ::umount2(program.c_str(), MNT_DETACH);
+        return;
+    }
+    std::error_code ignored;
+    std::filesystem::remove(program, ignored);
+    std::filesystem::copy_file(state_.file(numbered("original.", static_cast<int>(covered_.size()))), program,
+                               ignored);
 }
 
 void ToolStandIns::replace(const std::string& program)

@@ -1,9 +1,10 @@
 // ToolStandIns: recording stand-ins for the programs that the mail layer runs.
 //
-// This test program itself is bind-mounted over a tool's path, in a mount namespace of the test's own.
-// Started under such a path it does not run tests: before main it writes down its argument vector, its
-// standard input and the state of the files and locks a test asked about, then prints and ends as the test
-// told it to. Without an answer a stand-in prints nothing and exits with 0.
+// This test program itself is put at a tool's path: by a bind mount in a mount namespace of the test's own,
+// or by a copy where scripts/sandbox had to do without namespaces. Started under such a path it does not run
+// tests: before main it writes down its argument vector, its standard input and the state of the files and
+// locks a test asked about, then prints and ends as the test told it to. Without an answer a stand-in prints
+// nothing and exits with 0.
 #pragma once
 
 #include "support/ScratchDir.h"
@@ -90,11 +91,13 @@ public:
 
 private:
     void cover(const std::string& program, const std::string& source);
+    void uncover();
     void addAnswer(const std::string& program, const std::vector<std::string>* arguments, bool once,
                    const ToolAnswer& answer);
 
     ScratchDir state_;
-    std::vector<std::string> mounts_;
+    bool mounts_;
+    std::vector<std::string> covered_; ///< Oldest first.
     int answers_ = 0;
 };
 
