@@ -57,6 +57,16 @@ TEST_F(DisabledServicesTest, ServiceThatIsWipedFromMasterCfIsWipedHereToo)
     EXPECT_EQ(stateOf(disabledPath), (FileState{0644, "# off\nold unix - - n - - smtp\n"}));
 }
 
+TEST_F(DisabledServicesTest, ServiceOfAnotherTypeInMasterCfDoesNotWipeItsNamesakeHere)
+{
+    writeMasterCf("zorvo-192.0.2.1- inet n - n - - smtpd\n");
+    writeWhole(disabledPath, generated);
+    const World before = world();
+    const Outcome outcome = runExplicitIp();
+    EXPECT_EQ(outcome.end, success());
+    EXPECT_EQ(world().at(disabledPath), before.at(disabledPath));
+}
+
 TEST_F(DisabledServicesTest, ServiceThatIsBoundIsNoLongerDisabled)
 {
     writeWhole(disabledPath, "old unix - - n - - smtp\n" + std::string(generated));

@@ -11,6 +11,7 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <termios.h>
@@ -82,6 +83,22 @@ void startQmgr()
     check(read(ready[0], &byte, 1), "read"); // end of file: it has its name
     close(ready[0]);
     writeWhole(pidFilePath, std::to_string(getpid()) + '\n');
+}
+
+void endByForce(pid_t pid)
+{
+    ADD_FAILURE() << "the run does not end";
+    kill(pid, SIGKILL);
+}
+
+// For a run that has closed its outputs and goes on.
+void awaitEnd(pid_t pid)
+{
+    pollfd process = {static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
+    check(process.fd, "pidfd_open");
+    if (check(poll(&process, 1, quietLimit), "poll") == 0)
+        endByForce(pid);
+    close(process.fd);
 }
 
 // Children of this process, ended ones included.
@@ -351,8 +368,7 @@ void Program::transfer()
             closeIfOpen(feeder_);
         pollfd watched[] = {{output_, POLLIN, 0}, {error_, POLLIN, 0}, {terminal ? -1 : feeder_, POLLOUT, 0}};
         if (check(poll(watched, 3, quietLimit), "poll") == 0) {
-            ADD_FAILURE() << "the run does not end";
-            kill(outcome_.pid, SIGKILL);
+            endByForce(outcome_.pid);
             return;
         }
         if (watched[2].revents) {
@@ -379,6 +395,7 @@ void Program::transfer()
 Outcome Program::finish()
 {
     transfer();
+    awaitEnd(outcome_.pid);
     check(waitpid(outcome_.pid, &outcome_.end.waitStatus, 0), "waitpid");
     closeIfOpen(feeder_);
     const std::vector<Call> calls = allCalls();

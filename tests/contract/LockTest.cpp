@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -58,7 +59,9 @@ private:
     {
         const std::string waiting = "-> FLOCK  ADVISORY  WRITE " + std::to_string(pid) + ' ';
         while (readWhole("/proc/locks").find(waiting) == std::string::npos) {
-            ASSERT_EQ(kill(pid, 0), 0);
+            siginfo_t info = {};
+            ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT), 0);
+            ASSERT_EQ(info.si_pid, 0) << "the run ended without waiting for the lock";
             usleep(1000);
         }
     }

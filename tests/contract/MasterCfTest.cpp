@@ -322,7 +322,7 @@ TEST_F(UnreadableMasterCfTest, DirectoryCannotBeOpened)
 TEST_F(UnreadableMasterCfTest, DeviceCannotBeOpened)
 {
     unlink(masterCfPath);
-    symlink("/dev/zero", masterCfPath);
+    ASSERT_EQ(0, symlink("/dev/zero", masterCfPath));
     expectStopped("unable to open /etc/postfix/master.cf");
 }
 

@@ -128,6 +128,15 @@ TEST_F(RequestErrnoTest, LongFileAddsNoSystemError)
                   "JSON object is expected. Error occured at offset 1048576, character ']'. ");
 }
 
+TEST_F(RequestErrnoTest, InputThatCannotBeReadIsAFatalErrorOfItsOwn)
+{
+    const World before = world();
+    const Outcome outcome = Program({"-t", "domain-ip"}).device("/run").run();
+    EXPECT_EQ(outcome.end, failure("zorvo::SystemError(stdin read: Is a directory)"));
+    EXPECT_EQ(outcome.commands(), std::vector<Command>());
+    EXPECT_EQ(world(), before);
+}
+
 // The frame of the document.
 
 TEST_F(RequestTest, TopLevelArrayIsNoObject)
