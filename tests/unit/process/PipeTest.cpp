@@ -1249,11 +1249,10 @@ TEST_F(PipeTest, EachFailingSelectIsNamedAndLeavesNothing)
     EXPECT_THAT(labelsOf(Call::select, EBADF), ElementsAre("select"));
 }
 
-TEST_F(PipeTest, FailingWriteIsNamedAndLeavesNothing)
+// The handler's wake-up byte is written, too: without it the run ends all the same.
+TEST_F(PipeTest, EachFailingWriteIsNamedAndLeavesNothing)
 {
-    bool happened = false;
-    EXPECT_EQ(thrownWith(Call::write, 1, EIO, &happened), systemError("write", EIO));
-    EXPECT_TRUE(happened);
+    EXPECT_THAT(labelsOf(Call::write, EIO), ElementsAre("write", "nothing"));
 }
 
 // The catcher's own pipe is read, too; failures there are nobody's business.

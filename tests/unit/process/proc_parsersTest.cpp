@@ -1,0 +1,105 @@
+// proc_parsers: the texts of /proc/PID, well-formed and hostile.
+#include "process/proc_parsers.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+using testing::ElementsAre;
+using zorvo::process::parseProcStat;
+using zorvo::process::parseProcStatus;
+using zorvo::process::splitCmdline;
+
+TEST(ParseProcStatTest, NameAndParent)
+{
+    struct Case {
+        std::string text;
+        std::string command;
+        int parent;
+    };
+    const std::string name(4096, 'n');
+    for (const Case& c :
+         {Case{"5 (sh) S 4 5 5 0", "sh", 4},
+          Case{"5 (sh) S 4", "sh", 4},
+          Case{"5 (sh) S", "sh", -1},
+          Case{"5 (sh)", "sh", -1},
+          Case{"5 (sh", "sh", -1},
+          Case{"5 (two words) S 4", "two", -1},
+          Case{"5 (two\twords) S 4", "two", -1},
+          Case{"5 (two\nwords) S 4", "two", -1},
+          Case{"5 (a 9 6) S 4", "a", 6}, // "9" stands where the state is, 6 where the parent is.
+          Case{"5 (a) S 6 (b) S 4", "a", 6},
+          Case{"5 ( sh) S 4", "sh", 4},
+          Case{"5 ((x)) S 4", "(x)", 4},
+          Case{"5 (x)) S 4", "x)", 4},
+          Case{"5 () S 4", "", 4},
+          Case{"5 ()) S 4", ")", 4},
+          Case{"5(sh) S 4", "sh", 4}, // A blank in the pattern matches no blank, too.
+          Case{"-5 (sh) S 4", "sh", 4},
+          Case{"5 (sh) S -4", "sh", -4},
+          Case{"5 (" + name + ") S 4", name, -1},
+          Case{"5 (" + name + "n) S 4", name, -1},
+          Case{"5 (" + name.substr(1) + ") S 4", name.substr(1), 4}}) {
+        std::string command = "unchanged";
+        int parent = -99;
+        EXPECT_TRUE(parseProcStat(c.text, command, parent)) << c.text;
+        EXPECT_EQ(command, c.command) << c.text;
+        EXPECT_EQ(parent, c.parent) << c.text;
+    }
+}
+
+TEST(ParseProcStatTest, WithoutANameNothingIsChanged)
+{
+    for (const std::string text :
+         {"", " ", "5", "5 ", "5 (", "5 ( ", "sh", "(sh) S 4", "x (sh) S 4", "5 sh S 4"}) {
+        std::string command = "unchanged";
+        int parent = -99;
+        EXPECT_FALSE(parseProcStat(text, command, parent)) << text;
+        EXPECT_EQ(command, "unchanged") << text;
+        EXPECT_EQ(parent, -99) << text;
+    }
+}
+
+TEST(ParseProcStatusTest, IdsAreFoundInAnyOrder)
+{
+    for (const char* const text : {"Name:\tx\nUid:\t1\t2\t3\t4\nGid:\t5\t6\t7\t8\nMore:\t9\n",
+                                   "Gid: 5 6 7 8 Uid: 1 2 3 4", "Uid:\n1\n2\n3\n4\nGid:5 Gid: 5 6 7 8"}) {
+        uid_t uid[4] = {};
+        gid_t gid[4] = {};
+        EXPECT_TRUE(parseProcStatus(text, uid, gid)) << text;
+        EXPECT_THAT(uid, ElementsAre(1, 2, 3, 4)) << text;
+        EXPECT_THAT(gid, ElementsAre(5, 6, 7, 8)) << text;
+    }
+}
+
+TEST(ParseProcStatusTest, BothAreNeeded)
+{
+    for (const char* const text :
+         {"", "Uid: 1 2 3 4", "Gid: 1 2 3 4", "Uid: 1 2 3 Gid: 5 6 7 8", "Uid: 1 2 3 4 Gid: 5 6 7",
+          "uid: 1 2 3 4 gid: 5 6 7 8", "XUid: 1 2 3 4 Gid: 5 6 7 8"}) {
+        uid_t uid[4] = {};
+        gid_t gid[4] = {};
+        EXPECT_FALSE(parseProcStatus(text, uid, gid)) << text;
+    }
+}
+
+TEST(SplitCmdlineTest, EveryNulEndsAnArgument)
+{
+    const auto split = [](std::string text) {
+        std::vector<char*> argv = {nullptr, nullptr}; // Whatever was there before.
+        splitCmdline(text, argv);
+        EXPECT_FALSE(argv.empty());
+        EXPECT_EQ(argv.back(), nullptr);
+        argv.pop_back();
+        return std::vector<std::string>(argv.begin(), argv.end());
+    };
+    EXPECT_THAT(split(""), ElementsAre());
+    EXPECT_THAT(split(std::string("a\0", 2)), ElementsAre("a"));
+    EXPECT_THAT(split("a"), ElementsAre("a"));
+    EXPECT_THAT(split(std::string("a\0b c\0", 6)), ElementsAre("a", "b c"));
+    EXPECT_THAT(split(std::string("a\0b", 3)), ElementsAre("a", "b"));
+    EXPECT_THAT(split(std::string("\0", 1)), ElementsAre(""));
+    EXPECT_THAT(split(std::string("a\0\0b\0\0", 6)), ElementsAre("a", "", "b", ""));
+}
