@@ -1,0 +1,185 @@
+# shellcheck shell=bash
+# Sourced by every system test: a real Postfix in the sandbox, the program, and what a test asserts of both.
+#
+# A test is a bash script run as scripts/sandbox bash TEST.sh PROGRAM. It ends with 0 (passed), 1 (failed: the first
+# assertion that does not hold ends it, and says everything that is known) or 77 (skipped, with the reason).
+#
+# After every run of the program the framework itself asserts what always holds: no file is left beside those that the
+# program maintains, master.cf is one that Postfix can read, with its owner and mode.
+set -euo pipefail
+
+framework_folder=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+# shellcheck source=../../scripts/sandbox.d/mail.sh source-path=SCRIPTDIR
+. "$framework_folder/../../scripts/sandbox.d/mail.sh"
+
+# What a developer has in the environment must not matter.
+unset ZORVO_LOG_LEVEL ZORVO_LOG_TRACE_ID MAIL_CONFIG MAIL_VERBOSE MAIL_DEBUG
+export LC_ALL=C PATH=/usr/sbin:/usr/bin:/sbin:/bin
+umask 022
+
+[[ -e /run/lock/files ]] || {
+    echo "this test runs in scripts/sandbox only" >&2
+    exit 1
+}
+
+# shellcheck disable=SC2034 # some are for the tests
+{
+    scratch=/run/sandbox
+    stock=/usr/share/postfix/master.cf.dist
+    master_cf=/etc/postfix/master.cf
+    main_cf=/etc/postfix/main.cf
+    table=hash:/var/spool/postfix/zorvo/sdd_transport_maps
+    zorvorc=/usr/local/maru/admin/sbin/zorvorc
+    default_helo=sandbox.example
+}
+program=${1:-}
+
+# dump: all that helps to understand a failure.
+dump() {
+    {
+        echo "--- standard output of the last run"
+        cat "$scratch/stdout" 2>/dev/null || :
+        echo "--- standard error of the last run"
+        cat "$scratch/stderr" 2>/dev/null || :
+        echo "--- changes of master.cf"
+        diff "$stock" "$master_cf" || :
+        echo "--- main.cf"
+        cat "$main_cf"
+        echo "--- table"
+        postmap -s "$table" || :
+        echo "--- received"
+        grep -h '^X-' "$mail_folder"/received[46] || :
+        echo "--- log"
+        tail -n 40 /run/postfix.log || :
+        echo "--- processes"
+        ps -e -o pid,ppid,args
+    } >&2 2>&1
+}
+
+# fail TEXT: ends the test.
+fail() {
+    echo "FAILED at ${BASH_SOURCE[-1]##*/}:${BASH_LINENO[-2]}: $*" >&2
+    dump
+    trap - ERR
+    exit 1
+}
+
+# skip REASON: ends the test as not run.
+skip() {
+    echo "skipped: $*"
+    exit 77
+}
+
+on_error() {
+    echo "FAILED at ${BASH_SOURCE[1]##*/}:$1: a command ended with status $2" >&2
+    dump
+}
+set -o errtrace
+trap 'on_error $LINENO $?' ERR
+
+# needs_ipv6: skips the test where there are no IPv6 addresses.
+needs_ipv6() { has_ipv6 || skip "$(why_no_ipv6)"; }
+
+# assert_equal WHAT EXPECTED ACTUAL
+assert_equal() {
+    [[ $2 = "$3" ]] || fail "$1"$'\n'"expected: $2"$'\n'"     got: $3"
+}
+
+# assert_same_file WHAT EXPECTED ACTUAL: both are files.
+assert_same_file() {
+    local difference
+    difference=$(diff -u "$2" "$3" 2>&1) || fail "$1"$'\n'"$difference"
+    # diff shows a missing last line feed, but no difference of other bytes that look alike.
+    cmp -s "$2" "$3" || fail "$1: different bytes"
+}
+
+# assert_true WHAT COMMAND...
+assert_true() {
+    local what=$1
+    shift
+    "$@" || fail "$what"
+}
+
+# run_program ARGUMENT...: runs the program with the caller's standard input; its status is in $status, its output in
+# $scratch/stdout and stderr. main.cf is made old before, lest every Postfix tool should wait for it to be so.
+run_program() {
+    touch -d '1 hour ago' "$main_cf"
+    status=0
+    "$program" "$@" >"$scratch/stdout" 2>"$scratch/stderr" || status=$?
+    assert_standing_invariants
+}
+
+# bind ARGUMENT...: as run_program, but the program must succeed without a word.
+bind() {
+    run_program "$@"
+    assert_equal "status of a run that should succeed" 0 "$status"
+    assert_equal "standard output" "" "$(<"$scratch/stdout")"
+    assert_equal "standard error" "" "$(<"$scratch/stderr")"
+}
+
+# request DOMAIN IP4 IP6 ...: prints the JSON request of these triples.
+# shellcheck disable=SC2120 # none is a request as well
+request() {
+    local separator=
+    echo '{"domains": ['
+    while [[ $# -gt 0 ]]; do
+        printf '%s  {"domain": "%s", "ip4_addr": "%s", "ip6_addr": "%s"}' "$separator" "$1" "$2" "$3"
+        separator=$',\n'
+        shift 3
+    done
+    echo ']}'
+}
+
+configuration_files() { find /etc/postfix /var/spool/postfix/zorvo | sort; }
+files_at_start=$(configuration_files)
+
+assert_standing_invariants() {
+    local expected
+    assert_equal "owner and mode of master.cf" "root:root 644" "$(stat -c '%U:%G %a' "$master_cf")"
+    expected=$(printf '%s\n' "$files_at_start" /var/spool/postfix/zorvo/sdd_transport_maps.db | sort -u)
+    if [[ ! -e /var/spool/postfix/zorvo/sdd_transport_maps.db ]]; then
+        expected=$files_at_start # a run that was refused before anything was changed
+    fi
+    assert_equal "files" "$expected" "$(configuration_files)"
+    assert_equal "master.cf according to postconf" "" "$(postconf -M 2>&1 >/dev/null)"
+}
+
+# generated: prints the lines of master.cf that the stock file does not have.
+generated() { diff "$stock" "$master_cf" | sed -n 's/^> //p'; }
+
+# records: prints the table's records, sorted.
+records() { postmap -s "$table" | sort; }
+
+# parameter NAME: prints "NAME = VALUE" if main.cf sets it.
+parameter() { postconf -n "$1" 2>/dev/null | grep "^$1 = " || :; }
+
+# bound: prints what binds, in all three places.
+bound() {
+    parameter smtp_bind_address
+    parameter smtp_bind_address6
+    generated
+    records
+}
+
+# fingerprint: prints content, identity, mode and time of everything that the program could change. (main.cf's time is
+# the framework's; postconf replaces the file, so its inode tells.)
+fingerprint() {
+    sha256sum "$master_cf" "$main_cf" /var/spool/postfix/zorvo/*
+    stat -c '%n %i %a' "$main_cf"
+    stat -c '%n %i %a %y' "$master_cf" /var/spool/postfix/zorvo /var/spool/postfix/zorvo/*
+}
+
+master_pid() { tr -d ' ' </var/spool/postfix/pid/master.pid; }
+postfix_is_up() { [[ -n $(pgrep -P "$(master_pid)" -x qmgr) ]]; }
+
+# assert_mail SENDER 4|6 SERVICE SOURCE HELO: sends a mail and asserts how it arrived.
+mail_count=0
+assert_mail() {
+    local name
+    mail_count=$((mail_count + 1))
+    name=$(recipient "mail$mail_count" "$2")
+    send_mail "$1" "$name"
+    wait_received "$name" || fail "no mail from $1 to $name within $mail_deadline seconds"
+    assert_equal "sender, service, source address and HELO name" "<$1> $3 $4 $5" \
+        "$(received_header "$name" X-Mail-Args) $(seen_service "$name") $(seen_source "$name") $(seen_helo "$name")"
+}
