@@ -49,7 +49,7 @@ TmpFile::TmpFile(const std::string& prefix, bool autoclean)
 TmpFile::~TmpFile()
 {
     if (autoclean_ && retryOnEintr([&] { return ::unlink(data_.path.c_str()); }) != 0 && errno != ENOENT)
-        std::fprintf(stderr, "TmpFile autoclean failed: %s\n", std::strerror(errno));
+        (void)std::fprintf(stderr, "TmpFile autoclean failed: %s\n", std::strerror(errno));
 }
 
 int TmpFile::chmod(unsigned mode) noexcept

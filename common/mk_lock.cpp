@@ -42,8 +42,8 @@ int get_md5sum(const char* prefix, const char* text, char* buffer)
         !addToDigest(context.get(), prefix) || !addToDigest(context.get(), text) ||
         EVP_DigestFinal_ex(context.get(), digest, &length) != 1)
         return -1;
-    for (unsigned i = 0; i < length; ++i)
-        std::snprintf(buffer + 2 * i, 3, "%02x", static_cast<unsigned>(digest[i]));
+    for (size_t i = 0; i < length; ++i)
+        (void)std::snprintf(buffer + 2 * i, 3, "%02x", static_cast<unsigned>(digest[i]));
     return 0;
 }
 
@@ -57,7 +57,7 @@ char* mk_flock_path(const char* name)
     const size_t size = std::strlen(lockDirectory) + 1 + sizeof md5;
     char* const path = static_cast<char*>(std::malloc(size));
     if (path != nullptr)
-        std::snprintf(path, size, "%s/%s", lockDirectory, md5);
+        (void)std::snprintf(path, size, "%s/%s", lockDirectory, md5);
     return path;
 }
 

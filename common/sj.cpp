@@ -21,9 +21,8 @@ const char* const messages[] = {
     "String is expected.",
     "Invalid escape sequence found in string.",
     "Invalid character found in string. Check that strings do not contain control characters.",
-    "Invalid or unsupported Unicode character or escape sequence found in string. UTF8 encoded characters "
-    "and "
-    "'\\u' escape sequences are not supported.",
+    ("Invalid or unsupported Unicode character or escape sequence found in string. UTF8 encoded "
+     "characters and '\\u' escape sequences are not supported."),
     "JSON object is expected.",
     "JSON name separator (':') is expected inside an object.",
     "JSON value separator (',') or end of object is expected.",
@@ -314,7 +313,7 @@ template <size_t size, class... Values>
 void append(char (&buffer)[size], const char* format, Values... values)
 {
     const size_t used = std::strlen(buffer);
-    std::snprintf(buffer + used, size - used, format, values...);
+    (void)std::snprintf(buffer + used, size - used, format, values...);
 }
 
 /// Whether `format` holds one "%s" and no other "%" behind it, and so may be given to printf(3).

@@ -31,20 +31,20 @@ void writeText(std::FILE* stream, std::initializer_list<std::string_view> pieces
     constexpr int maxPieces = 8;
     const int error = errno;
     // stdio drops its buffer when write(2) is interrupted, so only what others left there goes through it.
-    std::fflush(stream);
+    (void)std::fflush(stream);
     const int fd = ::fileno(stream);
     iovec parts[maxPieces];
     int number = 0;
     size_t left = 0;
     for (const std::string_view piece : pieces) {
         if (fd == -1)
-            std::fwrite(piece.data(), 1, piece.size(), stream);
+            (void)std::fwrite(piece.data(), 1, piece.size(), stream);
         else if (number < maxPieces)
             parts[number++] = {const_cast<char*>(piece.data()), piece.size()};
         left += piece.size();
     }
     if (fd == -1)
-        std::fflush(stream);
+        (void)std::fflush(stream);
     while (fd != -1 && left > 0) {
         const ssize_t written = retryOnEintr([&] { return ::writev(fd, parts, number); });
         if (written <= 0)
@@ -67,7 +67,7 @@ FormattedText::FormattedText(const char* format, va_list args) noexcept
         large_ = static_cast<char*>(std::malloc(size));
         errno = error;
         if (large_ != nullptr)
-            std::vsnprintf(large_, size, format, again);
+            (void)std::vsnprintf(large_, size, format, again);
         else
             length = sizeof small_ - 1;
     }

@@ -33,11 +33,11 @@ void initTraceId()
 {
     const char* const inherited = std::getenv(traceIdVariable);
     if (inherited != nullptr && *inherited != '\0') {
-        std::snprintf(LogTraceId, sizeof LogTraceId, "%s", inherited);
+        (void)std::snprintf(LogTraceId, sizeof LogTraceId, "%s", inherited);
         return;
     }
     const int initial = std::toupper(static_cast<unsigned char>(*program_invocation_short_name));
-    std::snprintf(LogTraceId, sizeof LogTraceId, "%c%ld", initial, static_cast<long>(::getpid()));
+    (void)std::snprintf(LogTraceId, sizeof LogTraceId, "%c%ld", initial, static_cast<long>(::getpid()));
     ::setenv(traceIdVariable, LogTraceId, 1);
 }
 
@@ -60,7 +60,8 @@ void zorvo_log_init(const char* location, int level, int facility, int options, 
     }
     ::closelog();
     LogOpts = options | LOG_PID;
-    std::snprintf(LogIdent, sizeof LogIdent, "%s", ident != nullptr ? ident : program_invocation_short_name);
+    (void)std::snprintf(LogIdent, sizeof LogIdent, "%s",
+                        ident != nullptr ? ident : program_invocation_short_name);
     if ((LogOpts & ZORVO_LOG_TRACE) != 0)
         initTraceId();
     ::openlog(LogIdent, LogOpts & (LOG_PID | LOG_CONS | LOG_PERROR), LogFacility);
@@ -124,7 +125,7 @@ void _zorvo_utility_syslogv(int priority, const char* format, va_list args)
         char line[8192];
         const int prefix = std::snprintf(line, sizeof line, "%s: ", LogTraceId);
         errno = error; // for "%m"
-        std::vsnprintf(line + prefix, sizeof line - static_cast<size_t>(prefix), format, args);
+        (void)std::vsnprintf(line + prefix, sizeof line - static_cast<size_t>(prefix), format, args);
         ::syslog(priority, "%s", line);
     } else {
         ::vsyslog(priority, format, args);

@@ -83,8 +83,11 @@ MasterCfParser::definition<Scanner>::definition(const MasterCfParser& self)
     static const boost::logic::tribool yes = true;
     static const boost::logic::tribool no = false;
     static const bool flagged = true;
-    static const ModuleType inet = ModuleType::Inet, unixDgram = ModuleType::UnixDgram,
-                            unixStream = ModuleType::Unix, fifo = ModuleType::Fifo, pass = ModuleType::Pass;
+    static const ModuleType inet = ModuleType::Inet;
+    static const ModuleType unixDgram = ModuleType::UnixDgram;
+    static const ModuleType unixStream = ModuleType::Unix;
+    static const ModuleType fifo = ModuleType::Fifo;
+    static const ModuleType pass = ModuleType::Pass;
     const continuous_spaces_parser& sep = continuous_spaces_p;
     ModuleInfo& info = self.entry;
 

@@ -52,7 +52,7 @@ void moveAboveStandard(FdOwner& fd, const char* label)
     fd = FdOwner(moved);
 }
 
-PipeOwner::~PipeOwner() noexcept(false)
+PipeOwner::~PipeOwner() noexcept(false) // NOLINT(bugprone-exception-escape)
 {
     if (std::uncaught_exceptions() == 0) {
         readEnd.close("pipe read-end close");

@@ -49,7 +49,7 @@ public:
 
     /// Closes both ends. A failure throws SystemError ("pipe read-end close", "pipe write-end close") unless
     /// an exception is in flight.
-    ~PipeOwner() noexcept(false);
+    ~PipeOwner() noexcept(false); // NOLINT(bugprone-exception-escape)
 
     /// Makes the pipe. Throws SystemError with `label`.
     void open(const char* label);

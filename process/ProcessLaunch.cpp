@@ -206,8 +206,8 @@ void ProcessLaunch::prepareChild(Standard& standard, const Program& program)
         program.childHook();
 
     // exec takes the vectors without const for historical reasons and changes nothing (POSIX, exec).
-    auto* const argv = const_cast<char* const*>(program.argv);
-    auto* const envp = const_cast<char* const*>(program.envp);
+    const auto* const argv = const_cast<char* const*>(program.argv);
+    const auto* const envp = const_cast<char* const*>(program.envp);
     const char* label = "execv";
     if (envp != nullptr) {
         label = "execve";
@@ -230,7 +230,7 @@ void ProcessLaunch::runChild(Standard& standard, const Program& program) noexcep
     } catch (const SystemError& e) {
         sendReport(control, typeSystemError, e.what());
         char code[47];
-        std::snprintf(code, sizeof code, "EC: %d", e.code());
+        (void)std::snprintf(code, sizeof code, "EC: %d", e.code());
         sendRecord(control, code);
         status = exitSystemError;
     } catch (const std::runtime_error& e) {

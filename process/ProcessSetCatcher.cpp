@@ -110,7 +110,7 @@ void ProcessSetCatcher::remove(bool force)
     }
 }
 
-ProcessSetCatcher::~ProcessSetCatcher() noexcept(false)
+ProcessSetCatcher::~ProcessSetCatcher() noexcept(false) // NOLINT(bugprone-exception-escape)
 {
     const bool propagating = std::uncaught_exceptions() > 0;
     try {

@@ -29,7 +29,7 @@ public:
 
     /// remove(true) when an exception is propagating, else remove(false), whose exceptions leave; the handler
     /// is taken off in any case.
-    ~ProcessSetCatcher() noexcept(false);
+    ~ProcessSetCatcher() noexcept(false); // NOLINT(bugprone-exception-escape)
 
     /// Installs the handler and makes the control pipe. Throws std::logic_error "ProcessSetCatcher instance
     /// has been installed already" and SystemError "sigaction", "process set catcher control pipe" or

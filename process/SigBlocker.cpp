@@ -20,7 +20,7 @@ SigBlocker::SigBlocker(int signal) : oldMask_()
         throw SystemError("set sigprocmask", errno);
 }
 
-SigBlocker::~SigBlocker() noexcept(false)
+SigBlocker::~SigBlocker() noexcept(false) // NOLINT(bugprone-exception-escape)
 {
     if (retryOnEintr([&] { return ::sigprocmask(SIG_SETMASK, &oldMask_, nullptr); }) != 0 &&
         std::uncaught_exceptions() == 0)

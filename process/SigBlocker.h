@@ -14,7 +14,7 @@ public:
 
     /// Puts the mask back that the constructor found. A failure throws SystemError "restore sigprocmask"
     /// unless an exception is in flight.
-    ~SigBlocker() noexcept(false);
+    ~SigBlocker() noexcept(false); // NOLINT(bugprone-exception-escape)
 
 private:
     sigset_t oldMask_;

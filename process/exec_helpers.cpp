@@ -80,7 +80,7 @@ bool placeDescriptors(const std::array<int, standardDescriptors>& passed) noexce
         if (fd != target && retryOnEintr([=] { return ::dup2(fd, target); }) == -1)
             return false;
     }
-    for (auto fd = source.begin(); fd != source.end(); ++fd) {
+    for (auto* fd = source.begin(); fd != source.end(); ++fd) {
         const bool closedBefore = std::find(source.begin(), fd, *fd) != fd;
         if (*fd >= standardDescriptors && !closedBefore && closeRetrying(*fd) != 0)
             return false;

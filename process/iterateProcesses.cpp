@@ -82,7 +82,7 @@ const process_info* ProcessReader::read(int pid, unsigned flags) noexcept
 
 const char* ProcessReader::pathOf(const char* file) noexcept
 {
-    std::snprintf(path_, sizeof path_, "%d%s%s", info_.pid, *file != '\0' ? "/" : "", file);
+    (void)std::snprintf(path_, sizeof path_, "%d%s%s", info_.pid, *file != '\0' ? "/" : "", file);
     return path_;
 }
 
