@@ -6,7 +6,7 @@
 
 namespace support {
 
-enum class LibcCall { Open, Close, Flock, Mkstemp, Fsync, Fopen, count };
+enum class LibcCall { Open, Close, Flock, Mkstemp, Fsync, Fopen, Writev, count };
 
 /// The next `times` calls fail with `error`, doing nothing; later ones work again. Mkstemp stands for
 /// mkostemp(3) too, and spoils the template before it fails, as the C library may. Fopen is what a file
@@ -23,6 +23,15 @@ public:
 
 private:
     LibcCall call_;
+};
+
+/// While it lives, writev(2) writes at most `limit` bytes of its first piece.
+class ShortWrites {
+public:
+    explicit ShortWrites(unsigned long limit);
+    ShortWrites(const ShortWrites&) = delete;
+    ShortWrites& operator=(const ShortWrites&) = delete;
+    ~ShortWrites();
 };
 
 /// While it lives, malloc(3) and realloc(3) succeed `allowed` times and then fail with ENOMEM `failing`

@@ -3,6 +3,7 @@
 #include "support/LibcFaults.h"
 
 #include <dlfcn.h>
+#include <sys/uio.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -17,6 +18,7 @@ struct Armed {
 };
 
 Armed armed[static_cast<int>(support::LibcCall::count)];
+unsigned long writeLimit = 0; // 0: none
 int memoryAllowed = 0;
 int memoryFailing = 0;
 
@@ -120,6 +122,22 @@ int faultingMkostemp(char* pattern, int flags)
     return real(pattern, flags);
 }
 
+long faultingWritev(int fd, const iovec* pieces, int count) __asm__("writev");
+long faultingWritev(int fd, const iovec* pieces, int count)
+{
+    if (fails(support::LibcCall::Writev))
+        return -1;
+    static const auto real = next<long (*)(int, const iovec*, int)>("writev");
+    if (writeLimit == 0)
+        return real(fd, pieces, count);
+    iovec first = pieces[0];
+    for (int i = 1; first.iov_len == 0 && i < count; ++i)
+        first = pieces[i];
+    if (first.iov_len > writeLimit)
+        first.iov_len = writeLimit;
+    return real(fd, &first, 1);
+}
+
 void* faultingFopen64(const char* path, const char* mode) __asm__("fopen64");
 void* faultingFopen64(const char* path, const char* mode)
 {
@@ -179,6 +197,16 @@ LibcFault::~LibcFault()
 int LibcFault::left() const
 {
     return of(call_).times;
+}
+
+ShortWrites::ShortWrites(unsigned long limit)
+{
+    writeLimit = limit;
+}
+
+ShortWrites::~ShortWrites()
+{
+    writeLimit = 0;
 }
 
 bool MemoryFault::available()

@@ -319,6 +319,20 @@ TEST_F(MKLockTest, FailedFlockLeavesNoDescriptor)
     EXPECT_EQ(before, openFds());
 }
 
+TEST_F(MKLockTest, HandleThatCannotBeAllocatedThrowsENOMEM)
+{
+    if (!support::MemoryFault::available())
+        GTEST_SKIP() << "memory cannot be refused under a sanitizer";
+    int code = 0;
+    try {
+        const support::MemoryFault fault(0);
+        const MKLock lock(file_, PlainName, Blocking);
+    } catch (const zorvo::SystemError& e) {
+        code = e.code();
+    }
+    EXPECT_EQ(ENOMEM, code);
+}
+
 // A failing close(2) is reported by the plain functions; nothing may leave a destructor.
 TEST_F(MKLockTest, DestructorReportsAFailedCloseAndDoesNotThrow)
 {
