@@ -15,6 +15,9 @@
 #include <cstdarg>
 #include <cstdlib>
 
+// A sanitizer's runtime calls some of these functions before it is ready for code that it watches.
+#define UNWATCHED __attribute__((no_sanitize("address", "undefined")))
+
 namespace {
 
 using faults::Call;
@@ -53,7 +56,7 @@ Counters& counters()
 }
 
 /// Counts a call; true, with errno set, when it is the one that has to fail.
-bool fails(Call call)
+UNWATCHED bool fails(Call call)
 {
     if (!scope.open || scope.call != call)
         return false;
@@ -66,7 +69,7 @@ bool fails(Call call)
     return true;
 }
 
-void* find(const char* name)
+UNWATCHED void* find(const char* name)
 {
     void* const found = ::dlsym(RTLD_NEXT, name);
     if (found == nullptr)
@@ -74,35 +77,59 @@ void* find(const char* name)
     return found;
 }
 
-#define FIND(function)                                                                                       \
-    decltype(&::function) function = reinterpret_cast<decltype(&::function)>(find(#function))
+#define FIND(function) function = reinterpret_cast<decltype(function)>(find(#function))
 /// The C library's functions.
 struct RealCalls {
-    FIND(open);
-    FIND(open64);
-    FIND(openat);
-    FIND(pipe);
-    FIND(pipe2);
-    FIND(close);
-    FIND(read);
-    FIND(write);
-    FIND(fork);
-    FIND(dup2);
-    FIND(fcntl);
-    FIND(select);
-    FIND(waitpid);
-    FIND(sigaction);
-    FIND(sigprocmask);
-    FIND(setsid);
-    FIND(getrlimit);
-    FIND(chdir);
-    FIND(execv);
-    FIND(execvp);
-    FIND(execve);
+    UNWATCHED RealCalls()
+    {
+        FIND(open);
+        FIND(open64);
+        FIND(openat);
+        FIND(pipe);
+        FIND(pipe2);
+        FIND(close);
+        FIND(read);
+        FIND(write);
+        FIND(fork);
+        FIND(dup2);
+        FIND(fcntl);
+        FIND(select);
+        FIND(waitpid);
+        FIND(sigaction);
+        FIND(sigprocmask);
+        FIND(setsid);
+        FIND(getrlimit);
+        FIND(chdir);
+        FIND(execv);
+        FIND(execvp);
+        FIND(execve);
+    }
+
+    decltype(&::open) open;
+    decltype(&::open64) open64;
+    decltype(&::openat) openat;
+    decltype(&::pipe) pipe;
+    decltype(&::pipe2) pipe2;
+    decltype(&::close) close;
+    decltype(&::read) read;
+    decltype(&::write) write;
+    decltype(&::fork) fork;
+    decltype(&::dup2) dup2;
+    decltype(&::fcntl) fcntl;
+    decltype(&::select) select;
+    decltype(&::waitpid) waitpid;
+    decltype(&::sigaction) sigaction;
+    decltype(&::sigprocmask) sigprocmask;
+    decltype(&::setsid) setsid;
+    decltype(&::getrlimit) getrlimit;
+    decltype(&::chdir) chdir;
+    decltype(&::execv) execv;
+    decltype(&::execvp) execvp;
+    decltype(&::execve) execve;
 };
 #undef FIND
 
-const RealCalls& real()
+UNWATCHED const RealCalls& real()
 {
     static const RealCalls calls;
     return calls;
@@ -118,7 +145,7 @@ const RealCalls& real()
 
 extern "C" {
 
-int open(const char* path, int flags, ...)
+UNWATCHED int open(const char* path, int flags, ...)
 {
     va_list arguments;
     va_start(arguments, flags);
@@ -127,7 +154,7 @@ int open(const char* path, int flags, ...)
     return fails(Call::open) ? -1 : real().open(path, flags, mode);
 }
 
-int open64(const char* path, int flags, ...)
+UNWATCHED int open64(const char* path, int flags, ...)
 {
     va_list arguments;
     va_start(arguments, flags);
@@ -136,7 +163,7 @@ int open64(const char* path, int flags, ...)
     return fails(Call::open) ? -1 : real().open64(path, flags, mode);
 }
 
-int openat(int directory, const char* path, int flags, ...)
+UNWATCHED int openat(int directory, const char* path, int flags, ...)
 {
     va_list arguments;
     va_start(arguments, flags);
@@ -145,17 +172,17 @@ int openat(int directory, const char* path, int flags, ...)
     return fails(Call::open) ? -1 : real().openat(directory, path, flags, mode);
 }
 
-int pipe(int ends[2]) noexcept
+UNWATCHED int pipe(int ends[2]) noexcept
 {
     return fails(Call::pipe) ? -1 : real().pipe(ends);
 }
 
-int pipe2(int ends[2], int flags) noexcept
+UNWATCHED int pipe2(int ends[2], int flags) noexcept
 {
     return fails(Call::pipe) ? -1 : real().pipe2(ends, flags);
 }
 
-int close(int fd)
+UNWATCHED int close(int fd)
 {
     if (fails(Call::closeNever))
         return -1;
@@ -168,27 +195,27 @@ int close(int fd)
     return real().close(fd);
 }
 
-ssize_t read(int fd, void* buffer, size_t size)
+UNWATCHED ssize_t read(int fd, void* buffer, size_t size)
 {
     return fails(Call::read) ? -1 : real().read(fd, buffer, size);
 }
 
-ssize_t write(int fd, const void* buffer, size_t size)
+UNWATCHED ssize_t write(int fd, const void* buffer, size_t size)
 {
     return fails(Call::write) ? -1 : real().write(fd, buffer, size);
 }
 
-pid_t fork() noexcept
+UNWATCHED pid_t fork() noexcept
 {
     return fails(Call::fork) ? -1 : real().fork();
 }
 
-int dup2(int from, int to) noexcept
+UNWATCHED int dup2(int from, int to) noexcept
 {
     return fails(Call::dup2) ? -1 : real().dup2(from, to);
 }
 
-int fcntl(int fd, int command, ...)
+UNWATCHED int fcntl(int fd, int command, ...)
 {
     va_list arguments;
     va_start(arguments, command);
@@ -200,7 +227,7 @@ int fcntl(int fd, int command, ...)
     return real().fcntl(fd, command, argument);
 }
 
-int fcntl64(int fd, int command, ...)
+UNWATCHED int fcntl64(int fd, int command, ...)
 {
     va_list arguments;
     va_start(arguments, command);
@@ -209,12 +236,12 @@ int fcntl64(int fd, int command, ...)
     return fcntl(fd, command, argument);
 }
 
-int select(int count, fd_set* reading, fd_set* writing, fd_set* exceptional, timeval* timeout)
+UNWATCHED int select(int count, fd_set* reading, fd_set* writing, fd_set* exceptional, timeval* timeout)
 {
     return fails(Call::select) ? -1 : real().select(count, reading, writing, exceptional, timeout);
 }
 
-pid_t waitpid(pid_t pid, int* status, int options)
+UNWATCHED pid_t waitpid(pid_t pid, int* status, int options)
 {
     if (waitScripted) {
         waitScripted = false;
@@ -225,42 +252,42 @@ pid_t waitpid(pid_t pid, int* status, int options)
     return fails(Call::waitpid) ? -1 : real().waitpid(pid, status, options);
 }
 
-int sigaction(int signal, const struct sigaction* action, struct sigaction* old) noexcept
+UNWATCHED int sigaction(int signal, const struct sigaction* action, struct sigaction* old) noexcept
 {
     return fails(Call::sigaction) ? -1 : real().sigaction(signal, action, old);
 }
 
-int sigprocmask(int how, const sigset_t* set, sigset_t* old) noexcept
+UNWATCHED int sigprocmask(int how, const sigset_t* set, sigset_t* old) noexcept
 {
     return fails(Call::sigprocmask) ? -1 : real().sigprocmask(how, set, old);
 }
 
-pid_t setsid() noexcept
+UNWATCHED pid_t setsid() noexcept
 {
     return fails(Call::setsid) ? -1 : real().setsid();
 }
 
-int getrlimit(__rlimit_resource_t resource, struct rlimit* limits) noexcept
+UNWATCHED int getrlimit(__rlimit_resource_t resource, struct rlimit* limits) noexcept
 {
     return fails(Call::getrlimit) ? -1 : real().getrlimit(resource, limits);
 }
 
-int chdir(const char* path) noexcept
+UNWATCHED int chdir(const char* path) noexcept
 {
     return fails(Call::chdir) ? -1 : real().chdir(path);
 }
 
-int execv(const char* path, char* const arguments[]) noexcept
+UNWATCHED int execv(const char* path, char* const arguments[]) noexcept
 {
     return fails(Call::exec) ? -1 : real().execv(path, arguments);
 }
 
-int execvp(const char* file, char* const arguments[]) noexcept
+UNWATCHED int execvp(const char* file, char* const arguments[]) noexcept
 {
     return fails(Call::exec) ? -1 : real().execvp(file, arguments);
 }
 
-int execve(const char* path, char* const arguments[], char* const environment[]) noexcept
+UNWATCHED int execve(const char* path, char* const arguments[], char* const environment[]) noexcept
 {
     return fails(Call::exec) ? -1 : real().execve(path, arguments, environment);
 }
