@@ -26,18 +26,18 @@ const char* const messages[] = {
     "JSON object is expected.",
     "JSON name separator (':') is expected inside an object.",
     "JSON value separator (',') or end of object is expected.",
-    "Some required fields are missing from the JSON object. Check that input JSON document conforms to "
-    "schema.",
+    ("Some required fields are missing from the JSON object. Check that input JSON document conforms to "
+     "schema."),
     "JSON array is expected.",
     "JSON value separator (',') or end of array is expected.",
     "Boolean value is expected.",
     "'null' is expected.",
     "'null' is unexpected in this context. Check that input JSON document conforms to schema.",
     "Failed to allocate memory.",
-    "Encountered an object field \"%s\" not present in JSON schema. Remove excessive data from input JSON "
-    "document or allow skipping unknown fields.",
-    "Encountered a duplicate field \"%s\" in a JSON object. Remove duplicates from input JSON document or "
-    "disable duplicate fields check.",
+    ("Encountered an object field \"%s\" not present in JSON schema. Remove excessive data from input JSON "
+     "document or allow skipping unknown fields."),
+    ("Encountered a duplicate field \"%s\" in a JSON object. Remove duplicates from input JSON document or "
+     "disable duplicate fields check."),
     "Custom JSON value constraint failed: %s.",
 };
 constexpr int messageCount = static_cast<int>(sizeof messages / sizeof *messages);

@@ -78,7 +78,7 @@ MappedFile mapFile(const std::string& path)
     do {
         errno = 0;
         file = MappedFile(path);
-    } while (!file && errno == EINTR);
+    } while (!static_cast<bool>(file) && errno == EINTR);
     return file;
 }
 

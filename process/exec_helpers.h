@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <sys/types.h>
+#include <unistd.h>
 
 /// Runs `path` with standard output and error captured, waits. On a result other than 0 with `quiet` 0 the
 /// captured output goes to standard error and "PATH execution failed:\nERROR TEXT" or "PATH execution failed
@@ -86,7 +87,7 @@ int do_exec(const char* path, char* const argv[]);
 int prepare_fds_to_exec(int in, int out, int err);
 
 /// Closes every descriptor from `lowfd` upwards. Takes the place of the C library's function of this name.
-extern "C" void closefrom(int lowfd) noexcept;
+extern "C" void closefrom(int lowfd) noexcept; // NOLINT(readability-redundant-declaration)
 
 /// The two strategies of closefrom: by the names in /proc/self/fd, 0, or -1 when that cannot be relied upon
 /// (some may be closed already then); and by number, which keeps errno.
