@@ -1,0 +1,144 @@
+#include "Sweep.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <tuple>
+
+namespace faults {
+
+namespace {
+
+Launch launchOf(const Request& request)
+{
+    Launch launch;
+    launch.arguments = request.arguments();
+    launch.input = request.input();
+    return launch;
+}
+
+Outcome runUndisturbed()
+{
+    resetWorld();
+    Launch launch = launchOf(threeDomains);
+    launch.traced = true;
+    Outcome outcome = run(launch);
+    Problems problems;
+    requireSuccess(problems, threeDomains, outcome);
+    if (!problems.texts().empty())
+        throw std::runtime_error("the undisturbed run fails: " + Problems::joined(problems.texts()));
+    return outcome;
+}
+
+// One child of each kind: with its output in pipes, with its input from one, the service script.
+bool isTypicalProcess(int process)
+{
+    return process == 0 || process == 1 || process == 6 || process == scriptProcess;
+}
+
+} // namespace
+
+const std::vector<Event>& undisturbedRun()
+{
+    static const std::vector<Event> events = runUndisturbed().events;
+    return events;
+}
+
+std::vector<Event> placesToStrike(bool longForm, const std::function<bool(const Event&)>& wanted)
+{
+    std::vector<Event> places;
+    for (const Event& event : undisturbedRun())
+        if (wanted(event) && (longForm || isTypicalProcess(event.process)))
+            places.push_back(event);
+    if (longForm)
+        return places;
+    const auto kind = [](const Event& event) { return std::tie(event.process, event.call, event.detail); };
+    std::vector<Event> chosen;
+    for (auto place = places.begin(); place != places.end(); ++place) {
+        const auto alike = [&](const Event& other) { return kind(other) == kind(*place); };
+        if (std::none_of(places.begin(), place, alike) || std::none_of(place + 1, places.end(), alike))
+            chosen.push_back(*place);
+    }
+    return chosen;
+}
+
+Outcome strike(const Event& place, Effect effect, int error)
+{
+    constexpr int patience = 5;
+    Launch launch = launchOf(threeDomains);
+    launch.fault.effect = effect;
+    launch.fault.process = place.process;
+    launch.fault.call = place.call;
+    launch.fault.occurrence = place.occurrence;
+    launch.fault.error = error;
+    Outcome outcome;
+    for (int i = 0; i < patience && !outcome.struck; ++i) {
+        resetWorld();
+        outcome = run(launch);
+    }
+    return outcome;
+}
+
+std::string describe(const Event& place)
+{
+    return (place.process == 0 ? std::string() : "child " + std::to_string(place.process) + ": ") +
+           place.call + " number " + std::to_string(place.occurrence) + ", " + place.detail;
+}
+
+void requireCleanEnd(Problems& problems, const Outcome& outcome)
+{
+    problems.require(!outcome.hung, "the run hangs");
+    problems.require(outcome.childrenLeft == 0,
+                     std::to_string(outcome.childrenLeft) + " children outlived the program");
+    problems.requireEqual("descriptors open at the end", std::vector<std::string>(), outcome.descriptors);
+}
+
+void requireSuccess(Problems& problems, const Request& request, const Outcome& outcome,
+                    const std::string& output)
+{
+    requireCleanEnd(problems, outcome);
+    problems.require(outcome.status == 0, "wait status " + std::to_string(outcome.status));
+    problems.requireEqual("standard output", output, outcome.out);
+    problems.requireEqual("standard error", output, outcome.err);
+    problems.requireEqual("tool runs", request.calls(), toolCalls());
+    const Snapshot found = snapshot();
+    for (const auto& [path, content] : snapshotAfter(request)) {
+        const auto file = found.find(path);
+        problems.requireEqual(path, content, file != found.end() ? file->second : std::string("(missing)"));
+    }
+    problems.requireEqual("further files", std::vector<std::string>(), strayFiles());
+    problems.requireEqual("locks held", std::vector<std::string>(), heldLocks());
+}
+
+void requireNextRun(Problems& problems, const std::vector<std::string>& leftovers)
+{
+    const size_t callsBefore = toolCalls().size();
+    const size_t emptyLines = emptyLinesNow() + 1;
+    const Outcome outcome = run(launchOf(twoDomains));
+    Problems next;
+    requireCleanEnd(next, outcome);
+    next.require(outcome.status == 0, "wait status " + std::to_string(outcome.status) + ", " + outcome.err);
+    std::vector<std::string> calls = toolCalls();
+    calls.erase(calls.begin(), calls.begin() + static_cast<ptrdiff_t>(callsBefore));
+    next.requireEqual("tool runs", twoDomains.calls(), calls);
+    Snapshot found = snapshot();
+    for (const std::string& path : leftovers)
+        found.erase(path);
+    next.require(found == snapshotAfter(twoDomains, emptyLines), "not the requested state");
+    for (const std::string& text : next.texts())
+        problems.require(false, "the next run: " + text);
+}
+
+std::vector<std::string> strayFiles()
+{
+    std::vector<std::string> stray;
+    for (const auto& [path, content] : snapshot())
+        if (path != masterCfPath && path != mainCfPath && path != databasePath)
+            stray.push_back(path);
+    return stray;
+}
+
+} // namespace faults

@@ -1,0 +1,51 @@
+// Sweep: the places in a run where a fault can strike, and what every run has to leave behind.
+#pragma once
+
+#include "Report.h"
+#include "Run.h"
+#include "World.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace faults {
+
+/// The calls of an undisturbed run of `threeDomains`, in order.
+const std::vector<Event>& undisturbedRun();
+
+/// Those that `wanted` picks. The short form keeps of those alike (in name and in what they are about) the
+/// first and the last, and of the children one of each kind.
+std::vector<Event> placesToStrike(bool longForm, const std::function<bool(const Event&)>& wanted);
+
+/// Children are the launched tools in order; this is the service script, which is launched in another way.
+constexpr int scriptProcess = 9;
+
+/// Those that get a record on standard input.
+constexpr bool isFedProcess(int process)
+{
+    return process >= 6 && process <= 8;
+}
+
+/// Runs `threeDomains` in a fresh world with that fault. When the run does not come to the place, since the
+/// order of signals is chance, a few more are tried.
+Outcome strike(const Event& place, Effect effect, int error = 0);
+
+/// "write 12 on pipe: "
+std::string describe(const Event& place);
+
+/// A run in this state of the world succeeds and leaves exactly what its request says.
+void requireSuccess(Problems& problems, const Request& request, const Outcome& outcome,
+                    const std::string& output = std::string());
+
+/// Runs `twoDomains` in the world as it is; that must end in exactly the requested state, with nothing but
+/// `leftovers` beside it.
+void requireNextRun(Problems& problems, const std::vector<std::string>& leftovers = {});
+
+/// The run ended, with no child and no descriptor left.
+void requireCleanEnd(Problems& problems, const Outcome& outcome);
+
+/// Files in the two directories that belong to nobody.
+std::vector<std::string> strayFiles();
+
+} // namespace faults

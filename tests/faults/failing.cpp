@@ -1,0 +1,236 @@
+// System calls fail, one after the other, with what a full, broken or read-only disk and a machine short of
+// memory or descriptors answer.
+#include "Sweep.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <regex>
+#include <set>
+#include <sys/wait.h>
+
+namespace faults {
+
+namespace {
+
+const int errors[] = {ENOSPC, EIO, EACCES, EMFILE, ENOMEM, EROFS};
+
+const std::set<std::string> programCalls = {"openat", "write", "fchmod", "fsync",
+                                            "rename", "pipe2", "fork",   "flock"};
+const std::set<std::string> childCalls = {"close",  "fcntl",      "dup2",         "execve",
+                                          "openat", "getdents64", "rt_sigaction", "rt_sigprocmask"};
+
+const std::string streamFailure = "std::__ios_failure(basic_ios::clear: iostream error)";
+
+/// How a run with one failed call has to end.
+struct Expected {
+    std::string text;         ///< On both streams.
+    bool tolerated = false;   ///< The run succeeds all the same.
+    bool endsInside = false;  ///< The process ends at the failed call, and open descriptors with it.
+    bool onlyOnError = false; ///< The text is on standard error alone.
+
+    std::string output() const { return onlyOnError ? std::string() : text; }
+};
+
+Expected fatal(const std::string& description)
+{
+    return {"Fatal error: " + description + '\n', false, false, false};
+}
+
+Expected tolerated()
+{
+    return {"", true, false, false};
+}
+
+Expected systemError(const std::string& label, const char* reason)
+{
+    return fatal("zorvo::SystemError(" + label + ": " + reason + ")");
+}
+
+/// The pipes of a run in order: the labels of their failures, or empty for those of the service script.
+std::vector<std::string> pipeLabels()
+{
+    const std::string catcher = "process set catcher control pipe";
+    const std::vector<std::string> query = {catcher, "stdout pipe", "stderr pipe", "pipe"};
+    const std::vector<std::string> change = {catcher, "stderr pipe", "pipe"};
+    const std::vector<std::string> addition = {catcher, "stdin pipe", "stderr pipe", "pipe"};
+    std::vector<std::string> labels;
+    for (const auto* const launch :
+         {&query, &change, &change, &change, &query, &addition, &addition, &addition})
+        labels.insert(labels.end(), launch->begin(), launch->end());
+    labels.resize(labels.size() + 2);
+    return labels;
+}
+
+/// What the helpers of the service script say before they end the process.
+Expected scriptFailure(const std::string& text, int error, const char* reason)
+{
+    return {text + "\nSystem error " + std::to_string(error) + ": " + reason + '\n', false, true, false};
+}
+
+Expected expectOpen(const Event& place, int error, const char* reason)
+{
+    const std::string& path = place.detail;
+    if (path == "/dev/null")
+        return systemError("/dev/null open", reason);
+    if (path.compare(0, sizeof lockDirectory - 1, lockDirectory) == 0) {
+        Expected expected = systemError("lock() failed", reason);
+        expected.text = "Unable to open file \"" + path + "\": " + reason + ".\nSystem error " +
+                        std::to_string(error) + ": " + reason + '\n' + expected.text;
+        return expected;
+    }
+    if (path == tablePath)
+        return fatal(streamFailure);
+    if (path == masterCfPath)
+        return fatal("zorvo::mail::postfix::PostfixConfigurationError(unable to open " + path + ')');
+    if (path == std::string(masterCfPath) + "XXXXXX")
+        return systemError("mkstemp() failed: ", reason);
+    // Whether Postfix came up does not decide about the run: it is looked at again a second later.
+    if (path == "/proc")
+        return {"unable to open /proc filesystem: " + std::string(reason) + "\n\n", true, false, false};
+    if (path == "/var/spool/postfix/pid/master.pid" || path == "PID/stat")
+        return tolerated();
+    return fatal("(no expectation for " + path + ')');
+}
+
+Expected expectWrite(const Event& place, const char* reason)
+{
+    if (place.detail != "pipe")
+        return fatal(streamFailure);
+    // One byte is how the signal handler wakes the loop, which finds out without it, too.
+    return place.arguments[2] == 1 ? tolerated() : systemError("write", reason);
+}
+
+Expected expectOfProgram(const Event& place, int error)
+{
+    const char* const reason = strerror(error);
+    const std::string temporary = std::string(masterCfPath) + "XXXXXX";
+    if (place.call == "openat")
+        return expectOpen(place, error, reason);
+    if (place.call == "write")
+        return expectWrite(place, reason);
+    if (place.call == "fchmod" || place.call == "fsync")
+        return fatal("std::filesystem::__cxx11::filesystem_error(filesystem error: " +
+                     std::string(place.call == "fsync" ? "fsync" : "chmod") + ": " + reason + " [" +
+                     temporary + "])");
+    if (place.call == "rename")
+        return fatal("zorvo::mail::FSError(filesystem error: rename for " + std::string(masterCfPath) + " (" +
+                     temporary + "): " + reason + " [" + temporary + "])");
+    if (place.call == "flock")
+        return systemError("lock() failed", reason);
+    if (place.call == "fork")
+        return place.occurrence == static_cast<unsigned>(scriptProcess)
+                   ? scriptFailure("fork_execv_pipes: fork() failed", error, reason)
+                   : systemError("fork", reason);
+    const std::string label = pipeLabels().at(place.occurrence - 1);
+    return label.empty() ? scriptFailure("fork_execv_getouterr: pipe() failed", error, reason)
+                         : systemError(label, reason);
+}
+
+/// A failure between fork and exec comes back through the control pipe, with the reason in it and behind it.
+Expected expectOfChild(const Event& place, int error)
+{
+    const std::string reason = strerror(error);
+    // The signals' state is a courtesy; the script's failure is its result, which does not decide about the
+    // run.
+    if (place.process == scriptProcess && place.call == "dup2")
+        return {"fork_execv: dup() failed: " + reason + '\n', true, false, true};
+    if (place.process == scriptProcess || place.call == "rt_sigaction" || place.call == "rt_sigprocmask")
+        return tolerated();
+    std::string label = place.call;
+    if (place.call == "execve")
+        label = "execv";
+    else if (place.call == "fcntl")
+        label = "control pipe close-on-exec fcntl";
+    else if (place.call == "dup2")
+        label = std::vector<std::string>{"stdin dup2", "stdout dup2", "stderr dup2"}.at(place.arguments[1]);
+    return systemError(label + ": " + reason, reason.c_str());
+}
+
+/// Characters of chance in a message.
+std::string withoutChance(const std::string& text)
+{
+    static const std::regex temporary("(/etc/postfix/master\\.cf)[A-Za-z0-9]{6}(?![A-Za-z0-9])");
+    return std::regex_replace(text, temporary, "$1XXXXXX");
+}
+
+/// The script itself was not run.
+bool preventsScript(const Event& place)
+{
+    return place.process == scriptProcess && (place.call == "dup2" || place.call == "execve" ||
+                                              (place.call == "close" && place.occurrence <= 2));
+}
+
+void requireToleratedEnd(Problems& problems, const Event& place, const Expected& expected, Outcome outcome)
+{
+    problems.requireEqual("standard error", expected.text, outcome.err);
+    problems.requireEqual("standard output", expected.output(), outcome.out);
+    requireCleanEnd(problems, outcome);
+    problems.require(outcome.status == 0, "wait status " + std::to_string(outcome.status));
+    std::vector<std::string> calls = threeDomains.calls();
+    std::vector<std::string> found = toolCalls();
+    if (preventsScript(place)) {
+        calls.pop_back();
+        if (found.size() > calls.size())
+            found.pop_back();
+    }
+    problems.requireEqual("tool runs", calls, found);
+    problems.require(snapshot() == snapshotAfter(threeDomains), "not the requested state");
+}
+
+void requireFailedEnd(Problems& problems, const Expected& expected, Outcome outcome)
+{
+    problems.require(outcome.status == W_EXITCODE(1, 0), "wait status " + std::to_string(outcome.status));
+    problems.requireEqual("standard error", expected.text, withoutChance(outcome.err));
+    problems.requireEqual("standard output", expected.output(), withoutChance(outcome.out));
+    if (expected.endsInside)
+        outcome.descriptors.clear();
+    requireCleanEnd(problems, outcome);
+    const unsigned stores = outcome.completed("rename");
+    problems.requireEqual(masterCfPath, stores == 0 ? firstMasterCf : threeDomains.masterCf(stores - 1),
+                          readFile(masterCfPath));
+    problems.requireEqual("further files", std::vector<std::string>(), strayFiles());
+}
+
+void failAt(Report& report, const Event& place, int error)
+{
+    const Expected expected =
+        place.process == 0 ? expectOfProgram(place, error) : expectOfChild(place, error);
+    const std::string name =
+        errorName(error) + ' ' + place.call + (place.process == 0 ? "" : " (between fork and exec)");
+    const Outcome outcome = strike(place, Effect::Fail, error);
+    if (!outcome.struck || outcome.target.detail != place.detail) {
+        report.count(name, "not reached");
+        return;
+    }
+    Problems problems;
+    if (expected.tolerated) {
+        report.count(name, "tolerated");
+        requireToleratedEnd(problems, place, expected, outcome);
+    } else {
+        requireFailedEnd(problems, expected, outcome);
+    }
+    problems.requireEqual("locks held", std::vector<std::string>(), heldLocks());
+    requireNextRun(problems);
+    report.add(name, describe(outcome.target), problems);
+}
+
+} // namespace
+
+void testFailing(Report& report, bool longForm)
+{
+    const auto wanted = [](const Event& event) {
+        return (event.process == 0 ? programCalls : childCalls).count(event.call) != 0;
+    };
+    size_t next = 0;
+    for (const Event& place : placesToStrike(longForm, wanted)) {
+        if (longForm)
+            for (const int error : errors)
+                failAt(report, place, error);
+        else // every place, and every error at some of them
+            failAt(report, place, errors[next++ % std::size(errors)]);
+    }
+}
+
+} // namespace faults
