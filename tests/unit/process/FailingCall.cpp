@@ -172,6 +172,24 @@ UNWATCHED int openat(int directory, const char* path, int flags, ...)
     return fails(Call::open) ? -1 : real().openat(directory, path, flags, mode);
 }
 
+// What fortified code calls instead of open(2) and read(2).
+UNWATCHED int __open_2(const char* path, int flags)
+{
+    return fails(Call::open) ? -1 : real().open(path, flags, 0);
+}
+
+UNWATCHED int __open64_2(const char* path, int flags)
+{
+    return fails(Call::open) ? -1 : real().open64(path, flags, 0);
+}
+
+UNWATCHED ssize_t __read_chk(int fd, void* buffer, size_t size, size_t room)
+{
+    if (size > room)
+        std::abort();
+    return fails(Call::read) ? -1 : real().read(fd, buffer, size);
+}
+
 UNWATCHED int pipe(int ends[2]) noexcept
 {
     return fails(Call::pipe) ? -1 : real().pipe(ends);
