@@ -1,0 +1,14 @@
+# shellcheck shell=bash
+# Without namespaces the demo shows the IPv4 part and gives the reason for each line that it leaves out.
+# shellcheck source=outside.sh source-path=SCRIPTDIR
+. "${BASH_SOURCE[0]%/*}/outside.sh"
+
+needs_throw_away
+run "$throw_away" scripts/sandbox scripts/demo --inside "$program"
+assert_equal "status" 0 "$status"
+assert_equal "rows that are as requested" 10 "$(grep -c '^   user@.* ok$' "$own/stdout")"
+assert_equal "skipped rows" 7 \
+    "$(grep -c '^   user@.* skipped: no IPv6 address can be had: those of this machine stay as they are$' "$own/stdout")"
+assert_equal "last line" \
+    "== 12 lines checked, 0 not as requested, 7 skipped (no IPv6 address can be had: those of this machine stay as they are)" \
+    "$(tail -n 1 "$own/stdout")"

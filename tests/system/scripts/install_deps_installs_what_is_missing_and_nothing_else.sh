@@ -1,0 +1,58 @@
+# shellcheck shell=bash
+# The package tools are stood in for: which of them are run, and with what, is the test.
+# shellcheck source=outside.sh source-path=SCRIPTDIR
+. "${BASH_SOURCE[0]%/*}/outside.sh"
+
+mkdir "$own/bin"
+cat >"$own/bin/dpkg-query" <<END
+#!/bin/sh
+shift 2
+for package; do
+    grep -q -x "\$package" "$own/absent" || printf '%s installed ' "\$package"
+done
+END
+cat >"$own/bin/apt-get" <<END
+#!/bin/sh
+echo "\$*" >>"$own/calls"
+case \$1 in
+update) exit "\$(cat "$own/update-status")" ;;
+install)
+    [ "\$(cat "$own/install-status")" -eq 0 ] || exit 100
+    : >"$own/absent"
+    ;;
+esac
+END
+cat >"$own/bin/debconf-set-selections" <<END
+#!/bin/sh
+cat >>"$own/calls"
+END
+chmod +x "$own/bin"/*
+# attempt ABSENT UPDATE INSTALL: install-deps with these packages absent and these exit statuses of apt-get.
+attempt() {
+    : >"$own/absent"
+    for package in $1; do echo "$package" >>"$own/absent"; done
+    echo "$2" >"$own/update-status"
+    echo "$3" >"$own/install-status"
+    : >"$own/calls"
+    run env PATH="$own/bin:$PATH" scripts/install-deps
+    calls=$(<"$own/calls")
+}
+update="update -q -o APT::Update::Error-Mode=any"
+install="install -q -y --no-install-recommends --no-remove"
+
+attempt "" 0 0
+assert_equal "all there: no word, no call" "0   " "$status $stdout $stderr $calls"
+attempt "cmake strace" 0 0
+assert_equal "two missing" "0 install-deps: installing cmake strace  $update
+$install cmake strace" "$status $stdout $stderr $calls"
+attempt postfix 0 0
+assert_equal "postfix is preseeded" "0 install-deps: installing postfix  postfix postfix/main_mailer_type select No configuration
+$update
+$install postfix" "$status $stdout $stderr $calls"
+attempt g++ 100 0
+assert_equal "registry out of reach" \
+    "1 install-deps: installing g++ install-deps: cannot reach the package registry (apt-get update failed) $update" \
+    "$status $stdout $stderr $calls"
+attempt g++ 0 100
+assert_equal "package that cannot be had" "1 install-deps: installing g++ install-deps: cannot install g++ $update
+$install g++" "$status $stdout $stderr $calls"
