@@ -150,10 +150,14 @@ TEST(ReportExceptionTest, FramesReachStandardOutputToo)
     EXPECT_EQ(report.err, report.out);
 }
 
+// In a child: bare addresses are not flushed, and what is left in the stream would show in other tests.
 TEST(ReportExceptionTest, TracebackWithoutFramesShowsItsOtherTitle)
 {
-    EXPECT_EQ("Fatal error: report_test::Traced(traced)\nTraceback addresses:\n",
-              reportOf(report_test::Traced(11)).err);
+    const support::ChildResult result = support::runInChild([] {
+        zorvo::reportException<std::exception>(report_test::Traced(11));
+        return 0;
+    });
+    EXPECT_EQ("Fatal error: report_test::Traced(traced)\nTraceback addresses:\n", result.err);
 }
 
 // The stream is in a child: its badbit would swallow the reports of other tests.
