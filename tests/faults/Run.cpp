@@ -156,8 +156,11 @@ std::string describe(pid_t pid, const CallName* call, const __uint64_t (&argumen
         return withoutChance(textAt(pid, arguments[1]));
     case Subject::TwoPaths:
         return withoutChance(textAt(pid, arguments[0])) + " -> " + withoutChance(textAt(pid, arguments[1]));
-    case Subject::Descriptor:
-        return withoutChance(descriptorTarget(pid, arguments[0]));
+    case Subject::Descriptor: {
+        const std::string target = withoutChance(descriptorTarget(pid, arguments[0]));
+        const bool wakes = call->number == SYS_write && target == "pipe" && arguments[2] == 1;
+        return wakes ? "pipe, one byte" : target;
+    }
     }
     return std::string();
 }

@@ -96,10 +96,10 @@ Expected expectOpen(const Event& place, int error, const char* reason)
 
 Expected expectWrite(const Event& place, const char* reason)
 {
-    if (place.detail != "pipe")
-        return fatal(streamFailure);
-    // One byte is how the signal handler wakes the loop, which finds out without it, too.
-    return place.arguments[2] == 1 ? tolerated() : systemError("write", reason);
+    // That is how the signal handler wakes the loop, which finds out without it, too.
+    if (place.detail == "pipe, one byte")
+        return tolerated();
+    return place.detail == "pipe" ? systemError("write", reason) : fatal(streamFailure);
 }
 
 Expected expectOfProgram(const Event& place, int error)
@@ -201,7 +201,7 @@ void failAt(Report& report, const Event& place, int error)
         errorName(error) + ' ' + place.call + (place.process == 0 ? "" : " (between fork and exec)");
     const Outcome outcome = strike(place, Effect::Fail, error);
     if (!outcome.struck || outcome.target.detail != place.detail) {
-        report.count(name, "not reached");
+        report.missed(name);
         return;
     }
     Problems problems;

@@ -102,12 +102,13 @@ std::string megabytes(long kilobytes)
 void large(Report& report, const Kind& kind, size_t elements)
 {
     const std::string name = "hostile: " + std::to_string(elements) + ' ' + kind.name;
-    // What is read, its copy while the text grows, and what is kept of each element.
-    const long bound = static_cast<long>(elements * (kind.unit * 4 + 64) / 1024) + 65536;
     for (const bool complete : {false, true}) {
         resetWorld();
         const Snapshot before = snapshot();
-        const Outcome outcome = run(launchWith("wipe", kind.make(elements, complete)));
+        const std::string input = kind.make(elements, complete);
+        // The program itself; the text, and twice that while it grows; what is kept of each element.
+        const long bound = 16384 + static_cast<long>(input.size() * 4 / 1024);
+        const Outcome outcome = run(launchWith("wipe", input));
         Problems problems;
         if (complete)
             requireSuccess(problems, {"wipe", {}}, outcome);

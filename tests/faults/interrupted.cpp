@@ -26,7 +26,7 @@ void interrupt(Report& report, const std::string& name, const Event& place, Effe
 {
     const Outcome outcome = strike(place, effect, EINTR);
     if (!outcome.struck) {
-        report.count(name, "not reached");
+        report.missed(name);
         return;
     }
     Problems problems;

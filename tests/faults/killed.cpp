@@ -44,7 +44,7 @@ void killProgram(Report& report, const Event& place, Effect effect)
         std::string("SIGKILL ") + (effect == Effect::Kill ? "before " : "after ") + place.call;
     const Outcome outcome = strike(place, effect);
     if (!outcome.struck) {
-        report.count(name, "not reached");
+        report.missed(name);
         return;
     }
     Problems problems;
@@ -71,7 +71,7 @@ void killChild(Report& report, const Event& place)
     const std::string name = "SIGKILL of a child before " + place.call;
     const Outcome outcome = strike(place, Effect::Kill);
     if (!outcome.struck) {
-        report.count(name, "not reached");
+        report.missed(name);
         return;
     }
     Problems problems;

@@ -23,11 +23,17 @@ struct Part {
 };
 
 const Part parts[] = {
-    {"interrupted", faults::testInterrupted}, {"killed", faults::testKilled},
-    {"failing", faults::testFailing},         {"power-loss", faults::testPowerLoss},
-    {"full-disk", faults::testFullDisk},      {"several-at-once", faults::testSeveralAtOnce},
-    {"environment", faults::testEnvironment}, {"hostile-input", faults::testHostileInput},
-    {"memory", faults::testMemory},           {"real-tools", faults::testRealTools},
+    {"interrupted", faults::testInterrupted},
+    {"killed", faults::testKilled},
+    {"failing", faults::testFailing},
+    {"power-loss", faults::testPowerLoss},
+    {"full-disk", faults::testFullDisk},
+    {"several-at-once", faults::testSeveralAtOnce},
+    {"environment", faults::testEnvironment},
+    {"descriptor-limits", faults::testDescriptorLimits},
+    {"hostile-input", faults::testHostileInput},
+    {"memory", faults::testMemory},
+    {"real-tools", faults::testRealTools},
 };
 
 const Part* findPart(const std::string& name)

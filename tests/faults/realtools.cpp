@@ -106,7 +106,7 @@ void interrupt(Report& report, const Event& place)
     resetForRealTools();
     const Outcome outcome = runReal(threeDomains, {Effect::Fail, 0, place.call, place.occurrence, EINTR});
     if (!outcome.struck)
-        return report.count("real tools: EINTR", "not reached");
+        return report.missed("real tools: EINTR");
     Outcome judged = outcome;
     if (place.call == "close")
         judged.descriptors.clear();
@@ -123,7 +123,7 @@ void killAt(Report& report, const Event& place, Effect effect)
     resetForRealTools();
     const Outcome outcome = runReal(threeDomains, {effect, 0, place.call, place.occurrence, 0});
     if (!outcome.struck)
-        return report.count(name, "not reached");
+        return report.missed(name);
     Problems problems;
     problems.require(WIFSIGNALED(outcome.status), "wait status " + std::to_string(outcome.status));
     const unsigned stores = outcome.completed("rename");
