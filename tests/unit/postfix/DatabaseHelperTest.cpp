@@ -470,8 +470,8 @@ TEST_F(DatabaseHelperTest, FullFileSystemIsTheStreamsFailure)
     EXPECT_TRUE(scratch_.names().empty());
 }
 
-// The last bytes are written at the close: their loss is noticed as well.
-TEST_F(DatabaseHelperTest, FailureAtTheCloseIsTheStreamsFailure)
+// The few bytes reach the file only at the end: their loss is noticed as well.
+TEST_F(DatabaseHelperTest, FailedLastWriteIsTheStreamsFailure)
 {
     if (!support::canMount())
         GTEST_SKIP() << "no mounts here";
@@ -480,6 +480,22 @@ TEST_F(DatabaseHelperTest, FailureAtTheCloseIsTheStreamsFailure)
     EXPECT_THROW(replace(table_, twoRecords), std::ios_base::failure);
     EXPECT_TRUE(tools_.calls().empty());
     EXPECT_EQ(std::set<std::string>{"filler"}, scratch_.names());
+}
+
+TEST_F(DatabaseHelperTest, FailedCloseIsTheStreamsFailure)
+{
+    const auto result = support::runInChild([this] {
+        support::failCloseOf(support::nextDescriptor(1), EIO); // The first one is the lock's.
+        try {
+            replace(table_, twoRecords);
+        } catch (const std::ios_base::failure&) {
+            return 7;
+        }
+        return 0;
+    });
+    EXPECT_TRUE(result.exitedWith(7));
+    EXPECT_TRUE(tools_.calls().empty());
+    EXPECT_TRUE(scratch_.names().empty());
 }
 
 TEST_F(DatabaseHelperTest, RunsLeaveNoDescriptorAndNoChild)

@@ -326,6 +326,29 @@ TEST_F(StoreMasterCfTest, FailedRenameIsNamedWithItsReason)
     EXPECT_EQ(std::set<std::string>{"master.cf"}, scratch_.names());
 }
 
+// What is lost at the close counts as a failed replacement.
+TEST_F(StoreMasterCfTest, FailedCloseKeepsTheOldFile)
+{
+    support::writeFile(path_, "old\n");
+    const auto result = support::runInChild([this] {
+        support::failCloseOf(support::nextDescriptor(1), EIO); // The first one is the lock's.
+        MasterCfContent content;
+        content.addRawLine("new");
+        try {
+            ModuleManager::storeMasterCf(path_, content);
+        } catch (const zorvo::mail::FSError& e) {
+            std::cout << e.what();
+        }
+        return 0;
+    });
+    EXPECT_TRUE(result.exitedWith(0));
+    EXPECT_THAT(result.out,
+                MatchesRegex("filesystem error: rename for " + path_ + " \\(" + path_ +
+                             "[A-Za-z0-9]{6}\\): Input/output error \\[" + path_ + "[A-Za-z0-9]{6}\\]"));
+    EXPECT_EQ("old\n", support::readFile(path_));
+    EXPECT_EQ(std::set<std::string>{"master.cf"}, scratch_.names());
+}
+
 // --- the manager
 
 class ModuleManagerTest : public testing::Test {

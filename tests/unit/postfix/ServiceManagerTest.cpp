@@ -365,7 +365,6 @@ TEST_F(ServiceManagerTest, OtherNamesAreNoQueueManager)
 // A queue manager of somebody else, or further down, does not count.
 TEST_F(ServiceManagerTest, QueueManagerOfAnotherParentIsNotThisOne)
 {
-    const NamedProcess parent("master", true);
     writePidFile(ownPid());
     const NamedProcess grandchild("qmgr", true);
     EXPECT_EQ(1, ServiceManager::statusServer(0));

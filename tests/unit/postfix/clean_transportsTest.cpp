@@ -142,6 +142,15 @@ TEST_F(CleanTransportsTest, PrefixIsCaseSensitive)
     EXPECT_EQ("# top\nZorvo-x unix - - n - - smtp\nZORVO-x unix - - n - - smtp\n", masterCf());
 }
 
+// A service of another type in master.cf does not cost a disabled one of its name.
+TEST_F(CleanTransportsTest, DisabledNamesakeStays)
+{
+    const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
+    support::writeFile(disabledPath, "zorvo-x unix - - n - - smtp\n");
+    EXPECT_EQ("zorvo-x inet n - n - - smtpd\n", cleaned("zorvo-x inet n - n - - smtpd\n"));
+    EXPECT_EQ("zorvo-x unix - - n - - smtp\n", support::readFile(disabledPath));
+}
+
 // Services that are disabled are no services of master.cf.
 TEST_F(CleanTransportsTest, DisabledServicesStay)
 {
