@@ -10,6 +10,7 @@
 #include <boost/lexical_cast.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <iostream>
 #include <optional>
@@ -46,12 +47,16 @@ struct Outcome {
     }
 };
 
+/// What errno is while a report is read: a SystemError without a code takes that.
+constexpr int ambientErrno = ENOSPC;
+
 /// Feeds the report in pieces; `nextSize` says how long each is at most.
 template <class NextSize>
 Outcome feed(const std::string& report, NextSize nextSize)
 {
     const CapturedLog log;
     Outcome outcome;
+    errno = ambientErrno;
     try {
         zorvo::process::LaunchReport reader;
         for (size_t begin = 0; begin < report.size();) {
@@ -121,6 +126,7 @@ Outcome expected(const std::string& report)
     if (message.empty())
         message = "an error in child process";
     if (type == "SystemError") {
+        code = code == 0 ? ambientErrno : code;
         outcome.type = type;
         outcome.message = zorvo::SystemError(message, code).what();
         outcome.code = code;
