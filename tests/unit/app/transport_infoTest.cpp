@@ -788,6 +788,15 @@ TEST(ParseTransportInfoTwiceTest, ShorterSecondArrayKeepsTheCapacity)
     EXPECT_EQ(2U, document.info().capacity);
 }
 
+TEST(ParseTransportInfoTwiceTest, SlotsLeftUnusedByAShorterArrayAreUsedByALongerOne)
+{
+    Document document("{\"domains\":[" + a + "," + a + "],\"domains\":[" + b + "],\"domains\":[" + b + "," +
+                      b + "]}");
+    ASSERT_EQ(0, document.parse());
+    constexpr size_t slot = sizeof(transport_info_entry);
+    EXPECT_THAT(document.hooks().reallocSizes, ElementsAre(slot, 2 * slot));
+}
+
 TEST(ParseTransportInfoTwiceTest, FieldMissingInTheSecondArrayIsError14)
 {
     EXPECT_EQ(

@@ -66,19 +66,13 @@ protected:
     }
 };
 
-/// Text of the library function's frame in a Traceback that was captured below `std::ostream << double`.
-std::string frameOfTheLibrary(std::string* whole = nullptr)
+/// Captured below `std::ostream << double`.
+Traceback libraryTrace()
 {
     TracingBuffer buffer;
     std::ostream stream(&buffer);
     stream << 1.5;
-    const std::string text = printed(*buffer.trace);
-    if (whole != nullptr)
-        *whole = text;
-    for (const std::string& line : linesOf(text))
-        if (line.find("::_M_insert<double>") != std::string::npos)
-            return line;
-    return "";
+    return *buffer.trace;
 }
 
 } // namespace
@@ -135,12 +129,12 @@ TEST(TracebackTest, TextEndsWithANewline)
 
 TEST(TracebackTest, SymbolOfALibraryFunctionIsShownReadable)
 {
-    std::string whole;
-    const std::string line = frameOfTheLibrary(&whole);
-    EXPECT_THAT(line, MatchesRegex("\t/[^(]*/libstdc\\+\\+\\.so\\.6\\(std::ostream& "
-                                   "std::ostream::_M_insert<double>\\(double\\)\\+0x[0-9a-f]+\\) "
-                                   "\\[0x[0-9a-f]+\\]"))
-        << whole;
+    const std::string text = printed(libraryTrace());
+    EXPECT_THAT(linesOf(text),
+                Contains(MatchesRegex("\t/[^(]*/libstdc\\+\\+\\.so\\.6\\(std::ostream& "
+                                      "std::ostream::_M_insert<double>\\(double\\)\\+0x[0-9a-f]+\\) "
+                                      "\\[0x[0-9a-f]+\\]")))
+        << text;
 }
 
 TEST(TracebackTest, SymbolThatIsNoCxxNameStaysAsItIs)
@@ -182,8 +176,8 @@ TEST(TracebackTest, CopyMadeBeforeTheFirstPrintSaysTheSame)
 TEST(TracebackTest, AssignmentAfterAPrintReplacesTheFrames)
 {
     const Traceback other = deepTrace(3);
-    Traceback trace = deepTrace(0);
-    printed(trace);
+    Traceback trace = libraryTrace();
+    ASSERT_NE(printed(other), printed(trace));
     trace = other;
     EXPECT_EQ(printed(other), printed(trace));
 }
