@@ -150,6 +150,21 @@ TEST_F(RequestTest, ByteOrderMarkIsNoObject)
                   "JSON object is expected. Error occured at offset 0, character '\\xef'. ");
 }
 
+TEST_F(RequestTest, LastPrintableCharacterIsShownAsItIs)
+{
+    expectRefused("~", "JSON object is expected. Error occured at offset 0, character '~'. ");
+}
+
+TEST_F(RequestTest, DeleteCharacterIsShownInHex)
+{
+    expectRefused("\x7f", "JSON object is expected. Error occured at offset 0, character '\\x7f'. ");
+}
+
+TEST_F(RequestTest, ControlCharacterIsShownInHex)
+{
+    expectRefused("\x1f", "JSON object is expected. Error occured at offset 0, character '\\x1f'. ");
+}
+
 TEST_F(RequestTest, EmptyObjectLacksDomains)
 {
     expectRefused("{}", missingFields + "Error occured at offset 2, character '\\x00'. "s);
