@@ -24,9 +24,11 @@ AutocleanOFStream::~AutocleanOFStream()
 
 void AutocleanOFStream::close()
 {
-    flush();
-    // Everything is written by now, and Linux has released the descriptor of an interrupted close(2).
-    if (good() && rdbuf()->close() == nullptr && errno != EINTR)
+    const bool flushed = rdbuf()->pubsync() == 0;
+    errno = 0;
+    // Linux has released the descriptor of an interrupted close(2), and everything is written by then.
+    const bool closed = rdbuf()->close() != nullptr || errno == EINTR;
+    if (!flushed || !closed)
         setstate(std::ios::failbit);
 }
 

@@ -52,14 +52,22 @@ TmpFile::~TmpFile()
         (void)std::fprintf(stderr, "TmpFile autoclean failed: %s\n", std::strerror(errno));
 }
 
+// A closed buffer has no descriptor to ask for.
+bool TmpFile::requireOpen() noexcept
+{
+    if (!data_.buffer.is_open())
+        errno = EBADF;
+    return data_.buffer.is_open();
+}
+
 int TmpFile::chmod(unsigned mode) noexcept
 {
-    return retryOnEintr([&] { return ::fchmod(data_.buffer.fd(), mode); });
+    return requireOpen() ? retryOnEintr([&] { return ::fchmod(data_.buffer.fd(), mode); }) : -1;
 }
 
 int TmpFile::sync()
 {
-    if (data_.buffer.pubsync() != 0)
+    if (!requireOpen() || data_.buffer.pubsync() != 0)
         return -1;
     return retryOnEintr([&] { return ::fsync(data_.buffer.fd()); });
 }
@@ -68,6 +76,7 @@ int TmpFile::close()
 {
     if (data_.buffer.pubsync() != 0)
         return -1;
+    errno = 0;
     // Everything is written by now, and Linux has released the descriptor of an interrupted close(2).
     return data_.buffer.close() != nullptr || errno == EINTR ? 0 : -1;
 }

@@ -57,6 +57,8 @@ public:
     int close();
 
 private:
+    bool requireOpen() noexcept;
+
     bool autoclean_;
 };
 

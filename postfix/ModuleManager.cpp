@@ -11,6 +11,7 @@
 
 #include <boost/spirit/include/classic_file_iterator.hpp>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -152,9 +153,8 @@ void ModuleManager::loadModules(bool force)
     loadMasterCf(masterCfPath_, *enabled);
     enabled_.swap(enabled);
 
-    std::error_code absent;
-    const auto size = fs::file_size(disabledPath, absent);
-    if (!absent && size != 0) {
+    struct stat file = {};
+    if (::stat(disabledPath, &file) == 0 && file.st_size != 0) {
         boost::scoped_ptr<MasterCfContent> disabled(new MasterCfContent);
         loadMasterCf(disabledPath, *disabled);
         disabled_.swap(disabled);

@@ -35,27 +35,23 @@ int selectorOrInherit(int selector)
 /// and a child that stops reading its input costs an error and not this process.
 class PumpSignals {
 public:
-    PumpSignals() : oldMask_(), oldPipe_()
+    PumpSignals() : oldMask_()
     {
         sigset_t child;
         ::sigemptyset(&child);
         ::sigaddset(&child, SIGCHLD);
         retryOnEintr([&] { return ::sigprocmask(SIG_UNBLOCK, &child, &oldMask_); });
-        struct sigaction ignore = {};
-        ignore.sa_handler = SIG_IGN;
-        retryOnEintr([&] { return ::sigaction(SIGPIPE, &ignore, &oldPipe_); });
     }
     PumpSignals(const PumpSignals&) = delete;
     PumpSignals& operator=(const PumpSignals&) = delete;
     ~PumpSignals()
     {
-        retryOnEintr([&] { return ::sigaction(SIGPIPE, &oldPipe_, nullptr); });
         retryOnEintr([&] { return ::sigprocmask(SIG_SETMASK, &oldMask_, nullptr); });
     }
 
 private:
+    SigIgnorer ignorer_{SIGPIPE}; // first, as its mask is the one to end with
     sigset_t oldMask_;
-    struct sigaction oldPipe_;
 };
 
 /// The parent's ends of a running pipeline in one select(2) loop.
@@ -241,8 +237,7 @@ void endLaunched(const boost::scoped_ptr<ProcessLaunch>* launches, size_t count)
 {
     for (size_t i = 0; i < count && launches[i]; ++i) {
         closePipes(*launches[i]);
-        ::kill(launches[i]->pid(), SIGKILL);
-        retryOnEintr([&] { return ::waitpid(launches[i]->pid(), nullptr, 0); });
+        launches[i]->end();
     }
 }
 

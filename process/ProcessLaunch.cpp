@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -178,9 +179,14 @@ ProcessLaunch::ProcessLaunch(const char* const* argv, const char* file, const ch
     if (pid_ == 0)
         runChild(standard, Program{argv, file, cwd, envp, closeOtherFds, searchPath, newSession, childHook});
 
-    control_.writeEnd.close("close");
-    for (ChildFd* const fd : {&standard.in, &standard.out, &standard.err})
-        fd->created.close("close");
+    try {
+        control_.writeEnd.close("close");
+        for (ChildFd* const fd : {&standard.in, &standard.out, &standard.err})
+            fd->created.close("close");
+    } catch (...) {
+        end(); // nobody else will know of it
+        throw;
+    }
 }
 
 // Runs between fork and exec. The program is single-threaded, so allocating and throwing are safe here.
@@ -260,6 +266,12 @@ void ProcessLaunch::waitExec()
     }
     control_.readEnd.close("pipe read-end close");
     report.finish();
+}
+
+void ProcessLaunch::end() noexcept
+{
+    ::kill(pid_, SIGKILL);
+    retryOnEintr([&] { return ::waitpid(pid_, nullptr, 0); });
 }
 
 int ProcessLaunch::waitExit()

@@ -32,7 +32,7 @@ public:
     /// calls setsid(2), `childHook` (may be empty) runs in the child right before exec. The child gets the
     /// signal mask and dispositions of StartState.h. Throws std::invalid_argument "invalid FD for stdin",
     /// "... stdout", "... stderr", and SystemError "stdin /dev/null open", "stdin pipe", "stdout ...",
-    /// "stderr ...", "pipe", "fork", "close".
+    /// "stderr ...", "pipe", "fork", "close"; no child is left then.
     ProcessLaunch(const char* const* argv, const char* file, const char* cwd, const char* const* envp,
                   bool closeOtherFds, bool searchPath, bool newSession,
                   const boost::function<void()>& childHook, int stdinFd, int stdoutFd, int stderrFd);
@@ -48,6 +48,9 @@ public:
     /// Blocks until the child ends and returns its raw wait status (waitpid(2)).
     /// Throws SystemError "unable to wait for child process exit".
     int waitExit();
+
+    /// Kills the child (SIGKILL) and reaps it. For a child whose launch came to nothing.
+    void end() noexcept;
 
     int pid() const noexcept { return pid_; }
 

@@ -1,4 +1,4 @@
-// SigBlocker: see the header.
+// SigBlocker and SigIgnorer: see the header.
 #include "process/SigBlocker.h"
 
 #include "common/SystemError.h"
@@ -25,6 +25,23 @@ SigBlocker::~SigBlocker() noexcept(false) // NOLINT(bugprone-exception-escape)
     if (retryOnEintr([&] { return ::sigprocmask(SIG_SETMASK, &oldMask_, nullptr); }) != 0 &&
         std::uncaught_exceptions() == 0)
         throw SystemError("restore sigprocmask", errno);
+}
+
+SigIgnorer::SigIgnorer(int signal) noexcept : signal_(signal)
+{
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN;
+    retryOnEintr([&] { return ::sigaction(signal_, &ignore, &before_); });
+    sigset_t ignored;
+    ::sigemptyset(&ignored);
+    ::sigaddset(&ignored, signal_);
+    retryOnEintr([&] { return ::sigprocmask(SIG_UNBLOCK, &ignored, &oldMask_); });
+}
+
+SigIgnorer::~SigIgnorer()
+{
+    retryOnEintr([&] { return ::sigprocmask(SIG_SETMASK, &oldMask_, nullptr); });
+    retryOnEintr([&] { return ::sigaction(signal_, &before_, nullptr); });
 }
 
 } // namespace zorvo::process

@@ -1,4 +1,4 @@
-// SigBlocker: one signal blocked for the calling thread within a scope.
+// SigBlocker and SigIgnorer: one signal blocked for the calling thread, or ignored, within a scope.
 #pragma once
 
 #include <csignal>
@@ -18,6 +18,21 @@ public:
 
 private:
     sigset_t oldMask_;
+};
+
+/// Ignores a signal within its scope and then puts the disposition back that it found. A program launched in
+/// the scope inherits this, so record what it is to start with first (LaunchSignals).
+class SigIgnorer {
+public:
+    explicit SigIgnorer(int signal) noexcept;
+    SigIgnorer(const SigIgnorer&) = delete;
+    SigIgnorer& operator=(const SigIgnorer&) = delete;
+    ~SigIgnorer();
+
+private:
+    int signal_;
+    struct sigaction before_ = {};
+    sigset_t oldMask_ = {};
 };
 
 } // namespace zorvo::process

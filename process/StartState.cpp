@@ -24,12 +24,17 @@ struct SignalState {
 SignalState recorded;
 bool isRecorded = false;
 
-bool record() noexcept
+/// Null, or the name of the call that failed, with errno.
+const char* record() noexcept
 {
-    isRecorded = retryOnEintr([] { return ::sigprocmask(SIG_SETMASK, nullptr, &recorded.mask); }) == 0 &&
-                 retryOnEintr([] { return ::sigaction(SIGCHLD, nullptr, &recorded.child); }) == 0 &&
-                 retryOnEintr([] { return ::sigaction(SIGPIPE, nullptr, &recorded.pipe); }) == 0;
-    return isRecorded;
+    isRecorded = false;
+    if (retryOnEintr([] { return ::sigprocmask(SIG_SETMASK, nullptr, &recorded.mask); }) != 0)
+        return "sigprocmask";
+    if (retryOnEintr([] { return ::sigaction(SIGCHLD, nullptr, &recorded.child); }) != 0 ||
+        retryOnEintr([] { return ::sigaction(SIGPIPE, nullptr, &recorded.pipe); }) != 0)
+        return "sigaction";
+    isRecorded = true;
+    return nullptr;
 }
 
 void setDisposition(int signal, void (*handler)(int))
@@ -56,8 +61,8 @@ void ensureStandardDescriptors()
 
 void takeOverSignals()
 {
-    if (!record())
-        throw SystemError("sigaction", errno);
+    if (const char* const failed = record())
+        throw SystemError(failed, errno);
     sigset_t mask = recorded.mask;
     ::sigdelset(&mask, SIGCHLD);
     ::sigdelset(&mask, SIGPIPE);
@@ -67,7 +72,7 @@ void takeOverSignals()
         throw SystemError("sigprocmask", errno);
 }
 
-LaunchSignals::LaunchSignals() noexcept : active_(!isRecorded && record()) {}
+LaunchSignals::LaunchSignals() noexcept : active_(!isRecorded && record() == nullptr) {}
 
 LaunchSignals::~LaunchSignals()
 {

@@ -9,6 +9,7 @@
 #include "common/zorvo_log.h"
 #include "process/DirOwner.h"
 #include "process/FdOwner.h"
+#include "process/SigBlocker.h"
 #include "process/StartState.h"
 
 #include <fcntl.h>
@@ -37,6 +38,7 @@ using zorvo::process::FdOwner;
 using zorvo::process::LaunchSignals;
 using zorvo::process::PipeOwner;
 using zorvo::process::restoreStartSignals;
+using zorvo::process::SigIgnorer;
 
 namespace {
 
@@ -314,28 +316,6 @@ int runShell(const char* command, char** output)
     reportShellFailure(command, result);
     return result;
 }
-
-/// SIGPIPE ignored within a scope, for writing to a child that may not read to the end; the child itself is
-/// started with the disposition from before.
-class PipeSignalIgnored {
-public:
-    PipeSignalIgnored() noexcept
-    {
-        struct sigaction ignore = {};
-        ignore.sa_handler = SIG_IGN;
-        retryOnEintr([&] { return ::sigaction(SIGPIPE, &ignore, &before_); });
-    }
-    PipeSignalIgnored(const PipeSignalIgnored&) = delete;
-    PipeSignalIgnored& operator=(const PipeSignalIgnored&) = delete;
-    ~PipeSignalIgnored()
-    {
-        retryOnEintr([&] { return ::sigaction(SIGPIPE, &before_, nullptr); });
-    }
-
-private:
-    LaunchSignals launchSignals_; // records the dispositions, so it comes first
-    struct sigaction before_ = {};
-};
 
 /// Returns how many bytes could be written.
 size_t writeInput(int fd, const char* input, size_t size) noexcept
@@ -640,7 +620,8 @@ int popen_exec_getoutput(const char* command, char** output)
 
 int popen_exec_with_input(const char* command, const char* input, size_t size)
 {
-    const PipeSignalIgnored pipeSignal;
+    const LaunchSignals signals; // the command itself starts with SIGPIPE as it is now
+    const SigIgnorer ignorer(SIGPIPE);
     FdOwner readEnd;
     FdOwner writeEnd;
     if (!openPipe(readEnd, writeEnd))

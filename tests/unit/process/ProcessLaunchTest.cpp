@@ -1080,10 +1080,12 @@ TEST(ProcessLaunchTest, WithoutAKnownLimitTwentyIsUsed)
         launch.closeOtherFds = true;
         launch.hook = [&table] { table->look(); };
         FailingCall failing(Call::getrlimit, 1, EINVAL, Who::child);
+        errno = EDOM;
         const auto process = launch.start();
         process->waitExec();
         EXPECT_EQ(process->waitExit(), 0);
         ASSERT_TRUE(failing.happened());
+        EXPECT_EQ(table->error, EDOM);
         EXPECT_FALSE(table->open[18]);
         EXPECT_FALSE(table->open[19]);
         EXPECT_TRUE(table->open[20]);
@@ -1100,6 +1102,22 @@ TEST(ProcessLaunchTest, NothingOfTheLaunchReachesTheProgram)
         launch.arguments = {"ls", "/proc/self/fd"};
         launch.in = launch.err = kPipeFd;
         EXPECT_EQ(outcomeOf(launch).out, "0\n1\n2\n3\n");
+    });
+}
+
+// The parent's ends of the pipes are gone by then, the child's have become 0, 1 and 2.
+TEST(ProcessLaunchTest, HookSeesNoDescriptorOfTheLaunchButTheControlPipe)
+{
+    inOwnProcess([] {
+        closeAllButStandard();
+        Shared<Table> table;
+        Launch launch;
+        launch.in = launch.out = launch.err = kPipeFd;
+        launch.hook = [&table] { table->look(); };
+        const auto process = launch.start();
+        process->waitExec();
+        EXPECT_EQ(process->waitExit(), 0);
+        EXPECT_EQ(table->from(3).size(), 1U);
     });
 }
 
