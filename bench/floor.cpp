@@ -1,6 +1,6 @@
 // bench_floor MODE LIST: the least that a run of the program can cost. Makes the same tool runs in the same
-// order with posix_spawn(3) and the same stores of master.cf with the same number of writes, and nothing else:
-// no request to parse, no locks, no captured output, no checks.
+// order with posix_spawn(3) and the same stores of master.cf with the same number of writes, and nothing
+// else: no request to parse, no locks, no captured output, no checks.
 //
 // LIST has a line "DOMAIN IP4 IP6" for each domain, "-" standing for no address.
 #include <fcntl.h>
@@ -55,7 +55,8 @@ void runTool(const std::vector<const char*>& arguments, const std::string* input
     posix_spawn_file_actions_destroy(&actions);
     if (input != nullptr) {
         ::close(ends[0]);
-        require(::write(ends[1], input->data(), input->size()) == static_cast<ssize_t>(input->size()), "write");
+        require(::write(ends[1], input->data(), input->size()) == static_cast<ssize_t>(input->size()),
+                "write");
         ::close(ends[1]);
     }
     int status = 0;
@@ -89,7 +90,8 @@ std::list<std::string> loadForeign(bool& changed)
     return lines;
 }
 
-std::string serviceName(bool withDomain, const std::string& domain, const std::string& ip4, const std::string& ip6)
+std::string serviceName(bool withDomain, const std::string& domain, const std::string& ip4,
+                        const std::string& ip6)
 {
     std::string name = "zorvo-" + (withDomain ? domain + "-" : std::string()) + ip4 + "-" + ip6;
     std::replace(name.begin(), name.end(), ':', '-');

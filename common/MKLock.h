@@ -8,13 +8,13 @@ struct lock_handle;
 namespace zorvo {
 
 /// How the name given to MKLock leads to the lock file; any other value acts as HashedName.
-enum FilenameFlag {
+enum FilenameFlag : int {
     HashedName = 0, ///< A file in /run/lock/files named by the MD5 of the name.
     PlainName = 1   ///< The name is the lock file's path.
 };
 
 /// What MKLock does about a lock held elsewhere; any other value acts as NonBlockingQuiet.
-enum BlockFlag {
+enum BlockFlag : int {
     Blocking = 0,         ///< Wait without limit.
     NonBlockingThrow = 1, ///< Throw.
     NonBlockingQuiet = 2  ///< Hold nothing, without an error.
