@@ -33,7 +33,7 @@ skip() {
 
 # assert_equal WHAT EXPECTED ACTUAL
 assert_equal() {
-    [[ $2 = "$3" ]] || fail "$1"$'\n'"expected: $2"$'\n'"     got: $3"$'\n'"$(diff <(echo "$2") <(echo "$3"))"
+    [[ $2 = "$3" ]] || fail "$1"$'\n'"expected: $2"$'\n'"     got: $3"$'\n'"$(diff <(echo "$2") <(echo "$3") || :)"
 }
 
 # run COMMAND...: leaves its status in $status, its output in $stdout and $stderr.

@@ -913,6 +913,18 @@ TEST(ProcessLaunchTest, WaitExitReturnsTheRawStatus)
     EXPECT_EQ(process->waitExit(), SIGTERM);
 }
 
+TEST(ProcessLaunchTest, EndKillsAndReapsEvenWhatIgnoresSignals)
+{
+    Launch launch;
+    launch.file = "/bin/sleep";
+    launch.arguments = {"sleep", "1000"};
+    launch.hook = [] { ::signal(SIGTERM, SIG_IGN); };
+    const auto process = launch.start();
+    process->waitExec();
+    process->end();
+    EXPECT_TRUE(hasNoChildren());
+}
+
 TEST(ProcessLaunchTest, ConstructorDoesNotWaitForExec)
 {
     tools::Gate gate;

@@ -1,4 +1,4 @@
-// SigBlocker: a signal is blocked within a scope, and the mask is as before after it.
+// SigBlocker and SigIgnorer: a signal is blocked or ignored within a scope, and all is as before after it.
 #include "process/SigBlocker.h"
 
 #include "unit/process/FailingCall.h"
@@ -13,12 +13,14 @@
 using faults::Call;
 using faults::FailingCall;
 using tools::bit;
+using tools::dispositionOf;
 using tools::inOwnProcess;
 using tools::isBlocked;
 using tools::ownSignals;
 using tools::systemError;
 using tools::thrownBy;
 using zorvo::process::SigBlocker;
+using zorvo::process::SigIgnorer;
 
 namespace {
 
@@ -146,4 +148,64 @@ TEST(SigBlockerTest, InterruptedCallsAreRepeated)
         interrupted += failing.happened() ? 1 : 0;
     }
     EXPECT_EQ(interrupted, 3);
+}
+
+TEST(SigIgnorerTest, IgnoresWithinItsScopeAndPutsTheDispositionBack)
+{
+    inOwnProcess([] {
+        struct sigaction action {};
+        action.sa_handler = receive;
+        action.sa_flags = SA_RESTART;
+        sigaddset(&action.sa_mask, SIGUSR2);
+        ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
+        {
+            const SigIgnorer ignorer(SIGUSR1);
+            EXPECT_EQ(dispositionOf(SIGUSR1).sa_handler, SIG_IGN);
+            ::raise(SIGUSR1);
+        }
+        const struct sigaction now = dispositionOf(SIGUSR1);
+        EXPECT_EQ(now.sa_handler, receive);
+        EXPECT_EQ(now.sa_flags & SA_RESTART, SA_RESTART);
+        EXPECT_EQ(sigismember(&now.sa_mask, SIGUSR2), 1);
+        EXPECT_EQ(received, 0);
+        ::raise(SIGUSR1);
+        EXPECT_EQ(received, 1);
+    });
+}
+
+// A signal that comes while it is blocked would wait for its unblocking even if it is ignored.
+TEST(SigIgnorerTest, BlockedSignalIsNotLeftPending)
+{
+    inOwnProcess([] {
+        tools::block(SIGPIPE);
+        tools::block(SIGUSR2);
+        const auto before = ownSignals();
+        {
+            const SigIgnorer ignorer(SIGPIPE);
+            ::raise(SIGPIPE);
+        }
+        EXPECT_EQ(ownSignals(), before);
+        sigset_t pending;
+        ASSERT_EQ(::sigpending(&pending), 0);
+        EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+        EXPECT_TRUE(isBlocked(SIGPIPE));
+    });
+}
+
+TEST(SigIgnorerTest, InterruptedCallsAreRepeated)
+{
+    for (const Call call : {Call::sigprocmask, Call::sigaction})
+        for (int nth = 1; nth <= 2; ++nth)
+            inOwnProcess([call, nth] {
+                tools::block(SIGPIPE);
+                const auto before = ownSignals();
+                FailingCall interrupted(call, nth, EINTR);
+                {
+                    const SigIgnorer ignorer(SIGPIPE);
+                    EXPECT_EQ(ownSignals().ignored, before.ignored | bit(SIGPIPE));
+                }
+                interrupted.stop();
+                EXPECT_TRUE(interrupted.happened());
+                EXPECT_EQ(ownSignals(), before);
+            });
 }

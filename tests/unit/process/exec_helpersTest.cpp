@@ -1739,6 +1739,20 @@ TEST_F(PopenExecTest, InputThatIsNotReadIsReported)
     }
 }
 
+TEST_F(PopenExecTest, CommandWithInputStartsWithTheCallersSigpipe)
+{
+    for (const bool ignored : {true, false})
+        inOwnProcess([ignored] {
+            const ScratchDir scratch;
+            ::signal(SIGPIPE, ignored ? SIG_IGN : SIG_DFL);
+            const Signals before = ownSignals();
+            const std::string command = "cat /proc/self/status > " + scratch.file("status");
+            EXPECT_EQ(popen_exec_with_input(command.c_str(), "", 0), 0);
+            EXPECT_EQ(signalsIn(support::readFile(scratch.file("status"))), before);
+            EXPECT_EQ(ownSignals(), before);
+        });
+}
+
 TEST_F(PopenExecTest, CommandThatCannotBeStartedIsReported)
 {
     const ChildResult result = runInChild([] {
