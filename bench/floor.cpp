@@ -75,8 +75,8 @@ void store(const std::list<std::string>& lines)
     require(::rename(path.c_str(), masterCf) == 0, "rename");
 }
 
-/// master.cf without generated services, a line an element, each with its line feed. True in `changed` when
-/// there were any.
+/// master.cf without generated services, an entry or other line an element, each with its line feed. True in
+/// `changed` when there were any.
 std::list<std::string> loadForeign(bool& changed)
 {
     std::list<std::string> lines;
@@ -84,6 +84,8 @@ std::list<std::string> loadForeign(bool& changed)
     for (std::string line; std::getline(file, line);) {
         if (line.compare(0, 6, "zorvo-") == 0)
             changed = true;
+        else if (!line.empty() && (line[0] == ' ' || line[0] == '\t') && !lines.empty())
+            lines.back() += line + "\n"; // the program writes an entry with all its lines at once
         else
             lines.push_back(line + "\n");
     }

@@ -22,6 +22,17 @@ namespace {
 
 const char* const lockDirectory = "/run/lock/files";
 
+/// The MD5 of the library, looked up once; null when it cannot be had. Locks are taken for every domain.
+const EVP_MD* md5()
+{
+    // Nothing but the digest is wanted from the library, so its configuration file stays unread.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
+    static std::unique_ptr<EVP_MD, void (*)(EVP_MD*)> fetched(nullptr, EVP_MD_free);
+    if (!fetched)
+        fetched.reset(EVP_MD_fetch(nullptr, "MD5", nullptr));
+    return fetched.get();
+}
+
 bool addToDigest(EVP_MD_CTX* context, const char* text)
 {
     return text == nullptr || *text == '\0' || EVP_DigestUpdate(context, text, std::strlen(text)) == 1;
@@ -31,19 +42,21 @@ bool addToDigest(EVP_MD_CTX* context, const char* text)
 
 int get_md5sum(const char* prefix, const char* text, char* buffer)
 {
-    // Nothing but the digest is wanted from the library, so its configuration file stays unread.
-    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
-
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned length = 0;
     const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    const EVP_MD* const type = md5();
     *buffer = '\0';
-    if (!context || EVP_DigestInit_ex(context.get(), EVP_md5(), nullptr) != 1 ||
+    if (!context || type == nullptr || EVP_DigestInit_ex(context.get(), type, nullptr) != 1 ||
         !addToDigest(context.get(), prefix) || !addToDigest(context.get(), text) ||
         EVP_DigestFinal_ex(context.get(), digest, &length) != 1)
         return -1;
-    for (size_t i = 0; i < length; ++i)
-        (void)std::snprintf(buffer + 2 * i, 3, "%02x", static_cast<unsigned>(digest[i]));
+    const char* const digits = "0123456789abcdef";
+    for (size_t i = 0; i < length; ++i) {
+        *buffer++ = digits[digest[i] >> 4];
+        *buffer++ = digits[digest[i] & 0xF];
+    }
+    *buffer = '\0';
     return 0;
 }
 

@@ -3,21 +3,27 @@
 
 #include <iterator>
 #include <stdexcept>
+#include <utility>
 
 namespace zorvo::mail::postfix {
 
 void MasterCfContent::addModule(const ModuleInfo& info, const std::string& text)
 {
-    const Key key(info.name, info.type);
+    addModule(ModuleInfo(info), std::string(text));
+}
+
+void MasterCfContent::addModule(ModuleInfo&& info, std::string&& text)
+{
+    Key key(info.name, info.type);
     const auto position = positions_.lower_bound(key);
     if (position != positions_.end() && position->first == key) {
-        *position->second = text;
-        modules_[key] = info;
+        *position->second = std::move(text);
+        modules_[key] = std::move(info);
         return;
     }
-    rawLines_.push_back(text);
+    rawLines_.push_back(std::move(text));
     positions_.emplace_hint(position, key, std::prev(rawLines_.end()));
-    modules_.emplace(key, info);
+    modules_.emplace(std::move(key), std::move(info));
 }
 
 bool MasterCfContent::hasModule(const std::string& name, ModuleType type) const
@@ -57,9 +63,9 @@ std::vector<ModuleInfo> MasterCfContent::modules() const
     return result;
 }
 
-void MasterCfContent::addRawLine(const std::string& line)
+void MasterCfContent::addRawLine(std::string line)
 {
-    rawLines_.push_back(line);
+    rawLines_.push_back(std::move(line));
 }
 
 } // namespace zorvo::mail::postfix

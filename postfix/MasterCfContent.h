@@ -23,6 +23,9 @@ public:
     /// the last line. `text` has no trailing line feed.
     void addModule(const ModuleInfo& info, const std::string& text);
 
+    /// The same, taking both over: a parser has no more use for them.
+    void addModule(ModuleInfo&& info, std::string&& text);
+
     bool hasModule(const std::string& name, ModuleType type) const;
 
     /// The service and its text, valid until it is changed or removed.
@@ -37,7 +40,7 @@ public:
     std::vector<ModuleInfo> modules() const;
 
     /// Adds a comment or an empty line at the end.
-    void addRawLine(const std::string& line);
+    void addRawLine(std::string line);
 
     /// All lines in file order.
     const std::list<std::string>& rawLines() const noexcept { return rawLines_; }

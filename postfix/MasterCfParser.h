@@ -11,6 +11,7 @@
 #include <boost/spirit/include/classic_push_back_actor.hpp>
 
 #include <string>
+#include <utility>
 
 namespace zorvo::mail::postfix {
 
@@ -37,7 +38,7 @@ public:
     template <class Iterator>
     void operator()(Iterator begin, Iterator end) const
     {
-        content_.addModule(entry_, std::string(begin, end));
+        content_.addModule(std::move(entry_), std::string(begin, end));
         entry_ = ModuleInfo();
     }
 

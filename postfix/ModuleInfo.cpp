@@ -1,8 +1,6 @@
 // ModuleInfo: see the header.
 #include "postfix/ModuleInfo.h"
 
-#include <boost/algorithm/string/join.hpp>
-
 namespace zorvo::mail::postfix {
 
 namespace {
@@ -40,15 +38,17 @@ const char* typeKeyword(ModuleType type) noexcept
 
 std::string formatServiceLine(const ModuleInfo& info)
 {
-    std::list<std::string> columns{info.name,
-                                   typeKeyword(info.type),
-                                   yesNo(info.privateMode),
-                                   yesNo(info.unprivileged),
-                                   yesNo(info.chroot),
-                                   number(info.wakeup) + (info.wakeup != -1 && info.wakeupIfUsed ? "?" : ""),
-                                   number(info.maxProc)};
-    columns.insert(columns.end(), info.command.begin(), info.command.end());
-    return boost::algorithm::join(columns, " ");
+    std::string line = info.name;
+    const auto add = [&line](const std::string& column) { line.append(1, ' ').append(column); };
+    add(typeKeyword(info.type));
+    add(yesNo(info.privateMode));
+    add(yesNo(info.unprivileged));
+    add(yesNo(info.chroot));
+    add(number(info.wakeup) + (info.wakeup != -1 && info.wakeupIfUsed ? "?" : ""));
+    add(number(info.maxProc));
+    for (const std::string& word : info.command)
+        add(word);
+    return line;
 }
 
 } // namespace zorvo::mail::postfix
