@@ -31,6 +31,9 @@ sandbox.example
 4 " "$status $stdout $stderr"
 run "$sandbox" sh -c 'ls /run/sandbox/x /etc/postfix/x /usr/sbin/x 2>/dev/null'
 assert_equal "nothing is left for the next run" "2 " "$status $stdout"
+run "$sandbox" sh -c 'touch /usr/local/bin/zorvo-test || true >>/usr/sbin/chroot || echo kept'
+assert_equal "what belongs to the machine cannot be written" "0 kept" "$status $stdout"
+[[ ! -e /usr/local/bin/zorvo-test ]] || fail "a file got through to the machine"
 if sandbox_has_ipv6; then
     run "$sandbox" sh -c 'for n in 1 2 3 4 5 6 7 8 9; do ip -6 route get 2001:db8::$n; done | grep -c "^local"'
     assert_equal "IPv6 addresses" "0 9 " "$status $stdout $stderr"
