@@ -21,6 +21,6 @@ assert_equal "unknown option" "125  sandbox: unknown option --nonsense" "$status
 run "$sandbox" "$sandbox" true
 assert_equal "a sandbox in a sandbox" "125  sandbox: this is a sandbox already" "$status $stdout $stderr"
 run scripts/test --nonsense
-assert_equal "usage of test" "2  usage: scripts/test [--release|--asan|--all]" "$status $stdout $stderr"
+assert_equal "usage of test" "2  usage: scripts/test [--release|--asan]" "$status $stdout $stderr"
 run scripts/demo --nonsense
 assert_equal "usage of demo" "1  usage: scripts/demo" "$status $stdout $stderr"
