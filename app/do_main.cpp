@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>

@@ -1,6 +1,7 @@
 // AutocleanOFStream: see the header.
 #include "common/AutocleanOFStream.h"
 
+#include "common/closeBuffer.h"
 #include "common/openRetrying.h"
 #include "common/retryOnEintr.h"
 
@@ -24,11 +25,7 @@ AutocleanOFStream::~AutocleanOFStream()
 
 void AutocleanOFStream::close()
 {
-    const bool flushed = rdbuf()->pubsync() == 0;
-    errno = 0;
-    // Linux has released the descriptor of an interrupted close(2), and everything is written by then.
-    const bool closed = rdbuf()->close() != nullptr || errno == EINTR;
-    if (!flushed || !closed)
+    if (!closeBuffer(*rdbuf()))
         setstate(std::ios::failbit);
 }
 

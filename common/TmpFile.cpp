@@ -2,6 +2,7 @@
 #include "common/TmpFile.h"
 
 #include "common/SystemError.h"
+#include "common/closeBuffer.h"
 #include "common/retryOnEintr.h"
 
 #include <fcntl.h>
@@ -74,11 +75,7 @@ int TmpFile::sync()
 
 int TmpFile::close()
 {
-    if (data_.buffer.pubsync() != 0)
-        return -1;
-    errno = 0;
-    // Everything is written by now, and Linux has released the descriptor of an interrupted close(2).
-    return data_.buffer.close() != nullptr || errno == EINTR ? 0 : -1;
+    return closeBuffer(data_.buffer) ? 0 : -1;
 }
 
 } // namespace zorvo

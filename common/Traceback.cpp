@@ -8,23 +8,24 @@
 #include <algorithm>
 #include <cstdlib>
 #include <ostream>
-#include <string>
+#include <string_view>
 
 namespace zorvo {
 
 namespace {
 
 /// "program(_ZN3fooEv+0x1a) [0x4011f6]" with the symbol between "(" and "+" made readable.
-std::string readableFrame(const std::string& line)
+void printFrame(std::ostream& out, std::string_view line)
 {
-    const std::string::size_type open = line.find('(');
-    if (open == std::string::npos)
-        return line;
-    const std::string::size_type plus = line.find('+', open);
-    if (plus == std::string::npos)
-        return line;
-    const std::string symbol = line.substr(open + 1, plus - open - 1);
-    return line.substr(0, open + 1) + demangle(symbol) + line.substr(plus);
+    const size_t open = line.find('(');
+    const size_t plus = open == line.npos ? line.npos : line.find('+', open);
+    if (plus == line.npos) {
+        out << line;
+        return;
+    }
+    out << line.substr(0, open + 1);
+    printDemangled(out, line.substr(open + 1, plus - open - 1));
+    out << line.substr(plus);
 }
 
 } // namespace
@@ -70,8 +71,11 @@ std::ostream& operator<<(std::ostream& out, const Traceback& trace)
     trace.resolveSymbols();
     if (trace.symbols_ != nullptr && trace.skip_ < trace.count_) {
         out << "Traceback:\n";
-        for (unsigned long i = trace.skip_; i < trace.count_; ++i)
-            out << '\t' << readableFrame(trace.symbols_[i]) << std::endl;
+        for (unsigned long i = trace.skip_; i < trace.count_; ++i) {
+            out << '\t';
+            printFrame(out, trace.symbols_[i]);
+            out << std::endl;
+        }
     } else {
         out << "Traceback addresses:\n";
         for (unsigned long i = trace.skip_; i < trace.count_; ++i)

@@ -2,6 +2,7 @@
 #include "common/UtilityErrorStream.h"
 
 #include <iostream>
+#include <new>
 
 namespace zorvo {
 
@@ -11,7 +12,11 @@ UtilityErrorStreamBuf::int_type UtilityErrorStreamBuf::overflow(int_type c)
         return c;
     const char character = traits_type::to_char_type(c);
     std::cerr << character;
-    pending_ += character;
+    try {
+        pending_ += character;
+    } catch (const std::bad_alloc&) {
+        // Without memory the copy is cut, and standard error still gets everything.
+    }
     return c;
 }
 

@@ -1,19 +1,28 @@
-// demangle: see the header.
+// printDemangled: see the header.
 #include "common/demangle.h"
 
 #include <cxxabi.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <ostream>
 
 namespace zorvo {
 
-std::string demangle(const std::string& symbol)
+namespace {
+
+typedef std::unique_ptr<char, void (*)(void*)> MallocText;
+
+} // namespace
+
+void printDemangled(std::ostream& out, std::string_view symbol)
 {
+    const MallocText name(::strndup(symbol.data(), symbol.size()), std::free);
     int status = -1;
-    const std::unique_ptr<char, void (*)(void*)> readable(
-        abi::__cxa_demangle(symbol.c_str(), nullptr, nullptr, &status), std::free);
-    return status == 0 && readable ? std::string(readable.get()) : symbol;
+    const MallocText readable(name ? abi::__cxa_demangle(name.get(), nullptr, nullptr, &status) : nullptr,
+                              std::free);
+    out << (readable ? std::string_view(readable.get()) : symbol);
 }
 
 } // namespace zorvo

@@ -12,7 +12,9 @@ namespace zorvo {
 template <>
 void reportException<std::exception>(const std::exception& e)
 {
-    uerr << "Fatal error: " << demangle(typeid(e).name()) << '(' << e.what() << ')' << std::endl;
+    uerr << "Fatal error: ";
+    printDemangled(uerr, typeid(e).name());
+    uerr << '(' << e.what() << ')' << std::endl;
     if (const auto* trace = dynamic_cast<const Traceback*>(&e))
         uerr << *trace;
 }

@@ -3,7 +3,6 @@
 
 #include "common/SystemError.h"
 #include "common/retryOnEintr.h"
-#include "process/FdOwner.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -49,14 +48,12 @@ void setDisposition(int signal, void (*handler)(int))
 
 void ensureStandardDescriptors()
 {
-    FdOwner fd;
-    do {
-        fd = FdOwner(retryOnEintr([] { return ::open("/dev/null", O_RDWR); }));
-        if (!fd.isOpen())
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        const bool closed = retryOnEintr([&] { return ::fcntl(fd, F_GETFD); }) == -1 && errno == EBADF;
+        // Every lower one is open, so open(2) returns this number.
+        if (closed && retryOnEintr([] { return ::open("/dev/null", O_RDWR); }) == -1)
             throw SystemError("/dev/null open", errno);
-        if (fd.get() <= STDERR_FILENO)
-            (void)fd.release(); // it is a standard descriptor now and stays open
-    } while (!fd.isOpen());
+    }
 }
 
 void takeOverSignals()

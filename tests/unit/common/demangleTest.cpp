@@ -1,12 +1,23 @@
-// demangle: readable names, and names that stay as they are.
+// printDemangled: readable names, and names that stay as they are.
 #include "common/demangle.h"
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <stdexcept>
+#include <string_view>
 #include <typeinfo>
 
-using zorvo::demangle;
+namespace {
+
+std::string demangle(std::string_view symbol)
+{
+    std::ostringstream out;
+    zorvo::printDemangled(out, symbol);
+    return out.str();
+}
+
+} // namespace
 
 TEST(DemangleTest, TypeNameBecomesReadable)
 {
@@ -31,4 +42,9 @@ TEST(DemangleTest, BrokenSymbolStaysAsItIs)
 TEST(DemangleTest, EmptyTextStaysEmpty)
 {
     EXPECT_EQ("", demangle(""));
+}
+
+TEST(DemangleTest, TextBehindTheSymbolIsNotLookedAt)
+{
+    EXPECT_EQ("std::ostream::operator<<(int)", demangle(std::string_view("_ZNSolsEi+0x1a", 9)));
 }

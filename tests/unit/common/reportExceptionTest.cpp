@@ -6,6 +6,7 @@
 #include "common/UtilityErrorStream.h"
 #include "support/Capture.h"
 #include "support/Child.h"
+#include "support/LibcFaults.h"
 
 #include <cxxabi.h>
 #include <gmock/gmock.h>
@@ -148,6 +149,39 @@ TEST(ReportExceptionTest, FramesReachStandardOutputToo)
 {
     const Report report = reportOf(report_test::Traced(0));
     EXPECT_EQ(report.err, report.out);
+}
+
+// In a child: the copy for standard output is cut, and stays so until the next flush.
+TEST(ReportExceptionTest, WithoutMemoryTheNameIsShownRawAndTheReportIsWhole)
+{
+    if (!support::MemoryFault::available())
+        GTEST_SKIP() << "memory cannot be refused under a sanitizer";
+    const report_test::Template<int> exception;
+    const std::string report = std::string("Fatal error: ") + typeid(exception).name() + "(plain text)\n";
+    const support::ChildResult result = support::runInChild([&exception] {
+        const support::MemoryFault fault(0, 1000);
+        zorvo::reportException<std::exception>(exception);
+        return fault.left() < 1000 && zorvo::uerr.good() ? 0 : 1;
+    });
+    EXPECT_TRUE(result.exitedWith(0));
+    EXPECT_EQ(report, result.err);
+    EXPECT_EQ(report.substr(0, std::string().capacity()), result.out);
+}
+
+TEST(ReportExceptionTest, WithoutMemoryFramesAreShownRaw)
+{
+    if (!support::MemoryFault::available())
+        GTEST_SKIP() << "memory cannot be refused under a sanitizer";
+    const report_test::Traced exception(0);
+    (void)reportOf(exception); // makes the table of symbols
+    const support::ChildResult result = support::runInChild([&exception] {
+        const support::MemoryFault fault(0, 1000);
+        zorvo::reportException<std::exception>(exception);
+        return zorvo::uerr.good() ? 0 : 1;
+    });
+    EXPECT_TRUE(result.exitedWith(0));
+    EXPECT_THAT(result.err, MatchesRegex("Fatal error: N11report_test6TracedE\\(traced\\)\nTraceback:\n"
+                                         "(\t[^\n]+\n){1,11}"));
 }
 
 // In a child: bare addresses are not flushed, and what is left in the stream would show in other tests.

@@ -167,6 +167,19 @@ TEST_F(CleanTransportsTest, MasterCfWithoutGeneratedServicesKeepsItsContent)
     EXPECT_EQ(text, cleaned(text));
 }
 
+TEST_F(CleanTransportsTest, EarlierEditsAreStoredEvenWithoutAGeneratedService)
+{
+    support::writeFile(path_, "# top");
+    ModuleManager& modules = ModuleManager::getInstance();
+    modules.loadModules(false);
+    ModuleInfo info;
+    info.name = "pending";
+    info.command = {"x"};
+    modules.addModule(info, true);
+    clean_transports();
+    EXPECT_EQ("# top\npending inet - - n - - x\n", masterCf());
+}
+
 TEST_F(CleanTransportsTest, SecondCleanupChangesNothingMore)
 {
     const std::string once = cleaned("# top\nzorvo-x unix - - n - - smtp\n# end\n");

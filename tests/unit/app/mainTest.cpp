@@ -1,0 +1,49 @@
+// main: what each way to end do_main comes to, on both streams and as exit status.
+#include "support/Child.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+namespace {
+
+support::ChildResult runMain(const char* outcome)
+{
+    return support::runInChild([outcome] {
+        ::execl(MAIN_OUTCOMES, "outcomes", outcome, nullptr);
+        return 127;
+    });
+}
+
+} // namespace
+
+TEST(MainTest, UtilityExceptionIsItsTextOnStandardErrorOnly)
+{
+    const auto result = runMain("utility exception");
+    EXPECT_TRUE(result.exitedWith(1));
+    EXPECT_EQ(result.err, "the text alone\n");
+    EXPECT_EQ(result.out, "");
+}
+
+TEST(MainTest, StandardExceptionIsReportedOnBothStreams)
+{
+    const auto result = runMain("standard exception");
+    EXPECT_TRUE(result.exitedWith(1));
+    EXPECT_EQ(result.err, "Fatal error: std::out_of_range(its text)\n");
+    EXPECT_EQ(result.out, result.err);
+}
+
+TEST(MainTest, AnythingElseIsUnspecifiedOnBothStreamsWithStatusTwo)
+{
+    const auto result = runMain("anything else");
+    EXPECT_TRUE(result.exitedWith(2));
+    EXPECT_EQ(result.err, "UNSPECIFIED ERROR OCCURED\n");
+    EXPECT_EQ(result.out, result.err);
+}
+
+TEST(MainTest, StatusOfDoMainIsTheExitStatus)
+{
+    const auto result = runMain("");
+    EXPECT_TRUE(result.exitedWith(7));
+    EXPECT_EQ(result.out + result.err, "");
+}
