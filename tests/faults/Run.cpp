@@ -343,7 +343,8 @@ void Runner::onEntry(pid_t pid, Tracee& tracee, const __ptrace_syscall_info& inf
     const CallName* const call = findCall(number);
     if (!tracee.started) {
         // The first thing that main does; what comes before is the dynamic linker's and the libraries'.
-        tracee.started = number == SYS_openat && textAt(pid, info.entry.args[1]) == "/dev/null";
+        tracee.started =
+            number == SYS_fcntl && info.entry.args[0] == STDIN_FILENO && info.entry.args[1] == F_GETFD;
         if (!tracee.started)
             return;
     }

@@ -82,7 +82,7 @@ protected:
         ::sigaction(SIGCHLD, &action, &old_);
         blocker_.emplace(SIGCHLD);
     }
-    ~ProcessSetCatcherTest() override
+    ~ProcessSetCatcherTest() noexcept override
     {
         EXPECT_TRUE(hasNoChildren());
         EXPECT_EQ(openFds(), fds_);

@@ -1991,7 +1991,7 @@ TEST_F(ClosefromTest, ThroughProcGivesUpOnANumberBeyondTheTable)
         ASSERT_EQ(::dup2(0, 500), 500);
         rlimit limit{};
         ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-        for (const rlim_t size : {499, 500}) {
+        for (const rlim_t size : {499U, 500U}) {
             limit.rlim_cur = size;
             ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
             EXPECT_EQ(closefrom_through_proc(3), -1);
