@@ -1,6 +1,9 @@
-// bench_floor MODE LIST: the least that a run of the program can cost. Makes the same tool runs in the same
-// order with posix_spawn(3) and the same stores of master.cf with the same number of writes, and nothing
+// bench_floor MODE LIST [fork]: the least that a run of the program can cost. Makes the same tool runs in the
+// same order with posix_spawn(3) and the same stores of master.cf with the same number of writes, and nothing
 // else: no request to parse, no locks, no captured output, no checks.
+//
+// With "fork" the tools are started as the program has to start them, by the simplest means: fork(2) and
+// exec, a pipe for standard error that is read to its end, and a pipe that tells when exec has happened.
 //
 // LIST has a line "DOMAIN IP4 IP6" for each domain, "-" standing for no address.
 #include <fcntl.h>
@@ -15,6 +18,7 @@
 #include <fstream>
 #include <iterator>
 #include <list>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <unordered_map>
@@ -34,6 +38,52 @@ void require(bool condition, const char* what)
     }
 }
 
+bool useFork = false;
+
+/// A pipe, both ends closed on exec.
+struct PipeEnds {
+    PipeEnds() { require(::pipe2(ends, O_CLOEXEC) == 0, "pipe2"); }
+    int ends[2] = {-1, -1};
+};
+
+void drain(PipeEnds& pipe)
+{
+    ::close(pipe.ends[1]);
+    char buffer[1024];
+    while (::read(pipe.ends[0], buffer, sizeof buffer) > 0) {
+    }
+    ::close(pipe.ends[0]);
+}
+
+pid_t spawnTool(char** argv, int inputFd)
+{
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (inputFd != -1)
+        posix_spawn_file_actions_adddup2(&actions, inputFd, STDIN_FILENO);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    require(::posix_spawn(&pid, argv[0], &actions, nullptr, argv, environ) == 0, argv[0]);
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+pid_t forkTool(char** argv, int inputFd, PipeEnds& errors)
+{
+    PipeEnds report;
+    const pid_t pid = ::fork();
+    require(pid != -1, "fork");
+    if (pid == 0) {
+        if (inputFd != -1)
+            ::dup2(inputFd, STDIN_FILENO);
+        ::dup2(errors.ends[1], STDERR_FILENO);
+        ::execv(argv[0], argv);
+        ::_exit(127);
+    }
+    drain(report);
+    return pid;
+}
+
 /// Runs a tool; `input`, where not null, is its standard input.
 void runTool(const std::vector<const char*>& arguments, const std::string* input = nullptr)
 {
@@ -42,23 +92,20 @@ void runTool(const std::vector<const char*>& arguments, const std::string* input
         argv.push_back(const_cast<char*>(argument));
     argv.push_back(nullptr);
 
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    int ends[2] = {-1, -1};
+    int feed[2] = {-1, -1};
+    require(input == nullptr || ::pipe2(feed, O_CLOEXEC) == 0, "pipe2");
+    std::optional<PipeEnds> errors;
+    if (useFork)
+        errors.emplace();
+    const pid_t pid = errors ? forkTool(argv.data(), feed[0], *errors) : spawnTool(argv.data(), feed[0]);
     if (input != nullptr) {
-        require(::pipe2(ends, O_CLOEXEC) == 0, "pipe2");
-        posix_spawn_file_actions_adddup2(&actions, ends[0], STDIN_FILENO);
-    }
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    require(::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0, argv[0]);
-    posix_spawn_file_actions_destroy(&actions);
-    if (input != nullptr) {
-        ::close(ends[0]);
-        require(::write(ends[1], input->data(), input->size()) == static_cast<ssize_t>(input->size()),
+        ::close(feed[0]);
+        require(::write(feed[1], input->data(), input->size()) == static_cast<ssize_t>(input->size()),
                 "write");
-        ::close(ends[1]);
+        ::close(feed[1]);
     }
+    if (errors)
+        drain(*errors);
     int status = 0;
     require(::waitpid(pid, &status, 0) == pid && status == 0, argv[0]);
 }
@@ -117,12 +164,13 @@ std::string serviceLine(const std::string& name, bool withDomain, const std::str
 
 int main(int argc, char* argv[])
 {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: bench_floor domain-ip|domain-name LIST\n");
+    if (argc != 3 && argc != 4) {
+        std::fprintf(stderr, "usage: bench_floor domain-ip|domain-name LIST [fork]\n");
         return 2;
     }
     const bool withDomain = std::string(argv[1]) == "domain-name";
     std::ifstream list(argv[2]);
+    useFork = argc == 4;
 
     runTool({"/usr/sbin/postconf", "-h", "config_directory"});
     runTool({"/usr/sbin/postconf", "-X", "smtp_bind_address"});
