@@ -18,8 +18,8 @@ namespace {
 void printFrame(std::ostream& out, std::string_view line)
 {
     const size_t open = line.find('(');
-    const size_t plus = open == line.npos ? line.npos : line.find('+', open);
-    if (plus == line.npos) {
+    const size_t plus = open == std::string_view::npos ? open : line.find('+', open);
+    if (plus == std::string_view::npos) {
         out << line;
         return;
     }
