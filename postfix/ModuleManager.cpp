@@ -154,16 +154,18 @@ void ModuleManager::loadModules(bool force)
 {
     if (enabled_ && !force)
         return;
+    // Both are read before either counts: after a failure what was in memory stays.
     boost::scoped_ptr<MasterCfContent> enabled(new MasterCfContent);
     loadMasterCf(masterCfPath_, *enabled);
-    enabled_.swap(enabled);
-
+    boost::scoped_ptr<MasterCfContent> disabled;
     struct stat file = {};
     if (::stat(disabledPath, &file) == 0 && file.st_size != 0) {
-        boost::scoped_ptr<MasterCfContent> disabled(new MasterCfContent);
+        disabled.reset(new MasterCfContent);
         loadMasterCf(disabledPath, *disabled);
-        disabled_.swap(disabled);
     }
+    enabled_.swap(enabled);
+    if (disabled)
+        disabled_.swap(disabled);
     enabledChanged_ = false;
     disabledChanged_ = false;
 }
@@ -238,9 +240,10 @@ void ModuleManager::addModule(const ModuleInfo& info, bool enabled)
 void ModuleManager::removeModule(const std::string& name, ModuleType type)
 {
     requireLoaded();
-    if (enabled_->removeModule(name, type))
+    const std::string removed = name; // it may be that of the very entry
+    if (enabled_->removeModule(removed, type))
         enabledChanged_ = true;
-    if (disabled_ && disabled_->removeModule(name, type))
+    if (disabled_ && disabled_->removeModule(removed, type))
         disabledChanged_ = true;
 }
 

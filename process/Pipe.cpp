@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <list>
@@ -251,6 +252,8 @@ void launchAll(const std::vector<Parameters<PipeProcessFlags>>& processes, int f
     const SigBlocker blocker(SIGCHLD);
     catcher.install();
     statuses.assign(processes.size(), ProcessStatus());
+    // Launches of an earlier use are nothing that a failure may end.
+    std::for_each(launches, launches + processes.size(), [](auto& launch) { launch.reset(); });
     try {
         for (size_t i = 0; i < processes.size(); ++i) {
             launchOne(processes, i, firstStdin, lastStdout, launches);

@@ -95,8 +95,8 @@ void ProcessSetCatcher::remove(bool force)
 {
     if (installed != this)
         return;
+    controlWrite_.close_nothrow(); // first: the handler must not write to a pipe without a reader
     controlRead_.close_nothrow();
-    controlWrite_.close_nothrow();
     if (!force && finished_ < children_.size())
         throw std::logic_error("there're some child processes still running");
     // From here on the handler does nothing, so that it cannot meet a table half emptied.

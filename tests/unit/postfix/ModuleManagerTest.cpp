@@ -517,6 +517,25 @@ TEST_F(ModuleManagerTest, BrokenDisabledFileIsNamed)
               exactMessageOf<PostfixConfigurationError>([this] { loaded("# a\n", "# b\nBad\n"); }));
 }
 
+// Else a service disabled afterwards would be stored over a file that nobody could read.
+TEST_F(ModuleManagerTest, BrokenDisabledFileLeavesNothingLoaded)
+{
+    EXPECT_THROW(loaded("# a\n", "# b\nBad\n"), PostfixConfigurationError);
+    EXPECT_EQ(notLoaded, exactMessageOf<std::logic_error>([] { manager().storeModules(true); }));
+    EXPECT_THROW(manager().loadModules(false), PostfixConfigurationError);
+    EXPECT_EQ("# b\nBad\n", disabledFile());
+}
+
+TEST_F(ModuleManagerTest, ServiceIsRemovedByItsOwnName)
+{
+    ModuleManager& m = loaded("a-name-too-long-for-the-string-itself unix - - n - - x\n",
+                              "a-name-too-long-for-the-string-itself unix - - n - - y\n");
+    m.removeModule(m.getModule("a-name-too-long-for-the-string-itself", ModuleType::Unix, true).first.name,
+                   ModuleType::Unix);
+    EXPECT_FALSE(
+        m.hasModule("a-name-too-long-for-the-string-itself", ModuleType::Unix, boost::indeterminate));
+}
+
 TEST_F(ModuleManagerTest, DisabledFileThatIsNoFileIsNamed)
 {
     std::filesystem::create_directory(disabledPath);
