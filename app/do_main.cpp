@@ -11,11 +11,16 @@
 #include "postfix/clean_transports.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
+#include <boost/interprocess/anonymous_shared_memory.hpp>
+#include <boost/interprocess/mapped_region.hpp>
 #include <boost/program_options.hpp>
 
+#include <malloc.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <new>
@@ -32,11 +37,48 @@ const char* const explicitIp = "explicit-ip";
 const char* const domainIp = "domain-ip";
 const char* const domainName = "domain-name";
 
-/// One domain of the request with its source addresses, each of which may be empty.
-struct TransportRequest {
-    std::string domain;
-    std::string ip4;
-    std::string ip6;
+/// The domains of a request with their source addresses, each of which may be empty. They are kept in one
+/// text with a NUL behind each string, and in shared memory: fork(2) copies the page table of private memory,
+/// once for every tool run, however many domains are held there.
+class TransportRequests {
+public:
+    TransportRequests() = default;
+
+    explicit TransportRequests(const transport_info& info)
+    {
+        std::string text;
+        for (size_t i = 0; i < info.count; ++i) {
+            const transport_info_entry& entry = info.entries[i];
+            for (const char* const field : {entry.domain, entry.ip4_addr, entry.ip6_addr})
+                text.append(field, std::strlen(field) + 1);
+        }
+        size_ = text.size();
+        memory_ = boost::interprocess::anonymous_shared_memory(size_ + 1);
+        std::copy(text.begin(), text.end(), static_cast<char*>(memory_.get_address()));
+    }
+
+    /// Calls `action(domain, ip4, ip6)` for each domain, in the order of the request.
+    template <class Action>
+    void forEach(const Action& action) const
+    {
+        const auto* position = static_cast<const char*>(memory_.get_address());
+        const char* const end = position + size_;
+        const auto next = [&position] {
+            std::string field = position;
+            position += field.size() + 1;
+            return field;
+        };
+        while (position != end) {
+            const std::string domain = next();
+            const std::string ip4 = next();
+            const std::string ip6 = next();
+            action(domain, ip4, ip6);
+        }
+    }
+
+private:
+    size_t size_ = 0;
+    boost::interprocess::mapped_region memory_;
 };
 
 /// The server-wide pair of addresses.
@@ -92,7 +134,7 @@ std::string readStandardInput()
     }
 }
 
-std::vector<TransportRequest> parseRequests(std::string& text)
+TransportRequests parseRequests(std::string& text)
 {
     // The parser's messages append errno, which must be one of this reading and not a leftover of start-up.
     errno = 0;
@@ -108,19 +150,16 @@ std::vector<TransportRequest> parseRequests(std::string& text)
     if (parse_transport_info_object(parser.get(), info.get()) != 0)
         throw std::runtime_error(std::string("can not parse data from stdin : ") +
                                  sj_parser_strerror(parser.get()));
-    std::vector<TransportRequest> requests;
-    requests.reserve(info->count);
-    for (size_t i = 0; i < info->count; ++i) {
-        const transport_info_entry& entry = info->entries[i];
-        requests.push_back(TransportRequest{entry.domain, entry.ip4_addr, entry.ip6_addr});
-    }
-    return requests;
+    return TransportRequests(*info);
 }
 
-std::vector<TransportRequest> readRequests()
+TransportRequests readRequests()
 {
     std::string text = readStandardInput();
-    return parseRequests(text);
+    TransportRequests requests = parseRequests(text);
+    text = std::string();
+    (void)::malloc_trim(0); // what reading took is not to be copied by every fork(2)
+    return requests;
 }
 
 void bindServer(const ExplicitAddresses& addresses)
@@ -133,14 +172,14 @@ void bindServer(const ExplicitAddresses& addresses)
 }
 
 template <class Transport>
-void bindDomains(const std::vector<TransportRequest>& requests)
+void bindDomains(const TransportRequests& requests)
 {
-    for (const TransportRequest& request : requests) {
+    requests.forEach([](const std::string& domain, const std::string& ip4, const std::string& ip6) {
         errno = 0; // a refused domain's message appends it
-        SenderTransportManager<Transport> manager(request.domain, request.ip4, request.ip6);
+        SenderTransportManager<Transport> manager(domain, ip4, ip6);
         boost::algorithm::to_lower(manager.domain());
         manager.addDomainToSenderTransport();
-    }
+    });
 }
 
 } // namespace
@@ -157,7 +196,7 @@ int do_main(int argc, char* argv[])
     // All input is read and judged before anything is changed.
     const std::string type = options["transport-type"].as<std::string>();
     ExplicitAddresses addresses;
-    std::vector<TransportRequest> requests;
+    TransportRequests requests;
     if (type == explicitIp)
         addresses = readAddresses(options);
     else

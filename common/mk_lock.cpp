@@ -5,56 +5,43 @@
 #include "common/messlog2.h"
 #include "common/retryOnEintr.h"
 
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
+// The digest by itself (MD5(3)): the interface above it loads a provider and a configuration file, which
+// costs more than the rest of the start, and refuses MD5 where only FIPS algorithms are allowed.
+#define OPENSSL_API_COMPAT 10100
+#include <openssl/md5.h>
 
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
 namespace {
 
-const char* const lockDirectory = "/run/lock/files";
+constexpr char lockDirectory[] = "/run/lock/files/";
 
-/// The MD5 of the library, looked up once; null when it cannot be had. Locks are taken for every domain.
-const EVP_MD* md5()
+bool addToDigest(MD5_CTX* context, const char* text)
 {
-    // Nothing but the digest is wanted from the library, so its configuration file stays unread.
-    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
-    static std::unique_ptr<EVP_MD, void (*)(EVP_MD*)> fetched(nullptr, EVP_MD_free);
-    if (!fetched)
-        fetched.reset(EVP_MD_fetch(nullptr, "MD5", nullptr));
-    return fetched.get();
-}
-
-bool addToDigest(EVP_MD_CTX* context, const char* text)
-{
-    return text == nullptr || *text == '\0' || EVP_DigestUpdate(context, text, std::strlen(text)) == 1;
+    return text == nullptr || MD5_Update(context, text, std::strlen(text)) == 1;
 }
 
 } // namespace
 
 int get_md5sum(const char* prefix, const char* text, char* buffer)
 {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned length = 0;
-    const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-    const EVP_MD* const type = md5();
+    MD5_CTX context;
+    unsigned char digest[MD5_DIGEST_LENGTH];
     *buffer = '\0';
-    if (!context || type == nullptr || EVP_DigestInit_ex(context.get(), type, nullptr) != 1 ||
-        !addToDigest(context.get(), prefix) || !addToDigest(context.get(), text) ||
-        EVP_DigestFinal_ex(context.get(), digest, &length) != 1)
+    if (MD5_Init(&context) != 1 || !addToDigest(&context, prefix) || !addToDigest(&context, text) ||
+        MD5_Final(digest, &context) != 1)
         return -1;
     const char* const digits = "0123456789abcdef";
-    for (size_t i = 0; i < length; ++i) {
-        *buffer++ = digits[digest[i] >> 4];
-        *buffer++ = digits[digest[i] & 0xF];
+    for (const unsigned char byte : digest) {
+        *buffer++ = digits[byte >> 4];
+        *buffer++ = digits[byte & 0xF];
     }
     *buffer = '\0';
     return 0;
@@ -62,16 +49,16 @@ int get_md5sum(const char* prefix, const char* text, char* buffer)
 
 char* mk_flock_path(const char* name)
 {
-    char md5[md5_text_length + 1];
-    if (get_md5sum("", name, md5) != 0) {
-        errno = ENOMEM;
+    constexpr size_t directoryLength = sizeof lockDirectory - 1;
+    char* const path = static_cast<char*>(std::malloc(directoryLength + md5_text_length + 1));
+    if (path == nullptr)
         return nullptr;
-    }
-    const size_t size = std::strlen(lockDirectory) + 1 + sizeof md5;
-    char* const path = static_cast<char*>(std::malloc(size));
-    if (path != nullptr)
-        (void)std::snprintf(path, size, "%s/%s", lockDirectory, md5);
-    return path;
+    std::memcpy(path, lockDirectory, directoryLength);
+    if (get_md5sum("", name, path + directoryLength) == 0)
+        return path;
+    std::free(path);
+    errno = ENOMEM;
+    return nullptr;
 }
 
 lock_handle* mk_lock_(const char* name, int open_flags, int operation, int hashed)

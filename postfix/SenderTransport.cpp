@@ -5,6 +5,8 @@
 
 #include <boost/algorithm/string.hpp>
 
+#include <utility>
+
 namespace zorvo::mail::postfix {
 
 const char* const generatedPrefix = "zorvo-";
@@ -40,10 +42,10 @@ BaseSenderTransport::BaseSenderTransport(const std::string& serviceName, const s
         addOption(ip6.empty() ? "inet_protocols=ipv4" : "inet_protocols=ipv6");
 }
 
-void BaseSenderTransport::addOption(const std::string& setting)
+void BaseSenderTransport::addOption(std::string setting)
 {
     command.emplace_back("-o");
-    command.push_back(setting);
+    command.push_back(std::move(setting));
 }
 
 IpSenderTransport::IpSenderTransport(const std::string&, const std::string& ip4Address,

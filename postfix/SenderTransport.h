@@ -29,7 +29,7 @@ protected:
                         const std::string& ip6Address);
 
     /// Adds "-o setting" to the command.
-    void addOption(const std::string& setting);
+    void addOption(std::string setting);
 };
 
 /// A service named after its address pair, shared by every domain that sends from it.
