@@ -18,15 +18,16 @@ def verdict(value, limit):
 
 def whole_run_table(rows):
     lines = ["| mode | domains | pairs | program wall s | floor wall s | wall ratio (low to high) | best/best |"
-             " CPU ratio (low to high) | best/best | fork's CPU ratio | shell loop wall s | text edit wall s |",
-             "|---|---:|---:|---:|---:|---|---:|---|---:|---:|---:|---:|"]
+             " CPU ratio (low to high) | best/best | fork's CPU ratio | agreed launch's CPU ratio | shell loop wall s |"
+             " text edit wall s |",
+             "|---|---:|---:|---:|---:|---|---:|---|---:|---:|---:|---:|---:|"]
     for row in rows:
         wall, cpu = row["wall"], row["cpu"]
         others = " | ".join(f"{wall[name]:.2f}" if name in wall else "-" for name in ("loop", "edit"))
         lines.append(f"| {row['mode']} | {row['domains']} | {row['pairs']} | {wall['program']:.2f} |"
                      f" {wall['floor']:.2f} | {wall['ratio']:.3f} ({wall['low']:.3f} to {wall['high']:.3f}) |"
                      f" {wall['best']:.3f} | {cpu['ratio']:.3f} ({cpu['low']:.3f} to {cpu['high']:.3f}) |"
-                     f" {cpu['best']:.3f} | {cpu['fork']:.3f} | {others} |")
+                     f" {cpu['best']:.3f} | {cpu['fork']:.3f} | {cpu['agreed']:.3f} | {others} |")
     return lines
 
 
@@ -45,10 +46,10 @@ def medians(parts):
 
 
 def part_table(parts):
-    lines = ["| part | median | speed |", "|---|---:|---:|"]
     def order(name):
         return name.split("/")[0], int((name.split("/") + ["0"])[1])
 
+    lines = ["| part | median | speed |", "|---|---:|---:|"]
     for name in sorted(parts, key=order):
         time, speed, _ = parts[name]
         text = f"{time / 1000:.1f} µs" if time < 1e6 else f"{time / 1e6:.2f} ms"

@@ -148,8 +148,8 @@ class Bench:
             return run([self.program, "-t", mode], f"{WORK}/request.json")
         if name == "floor":
             return run([self.floor, mode, f"{WORK}/list"])
-        if name == "fork":
-            return run([self.floor, mode, f"{WORK}/list", "fork"])
+        if name in ("fork", "agreed"):
+            return run([self.floor, mode, f"{WORK}/list", name])
         return run(["/bin/sh", f"{WORK}/{name}.sh"])
 
     def compare(self, mode, count, pairs, others):
@@ -157,10 +157,10 @@ class Bench:
         shell_loop(count, mode)
         text_edit(count, mode)
         self.side("floor", mode)  # warms the caches
-        sides = ["program", "floor", "fork"]
+        sides = ["program", "floor", "fork", "agreed"]
         runs = {name: [] for name in sides + others}
         for pair in range(pairs):
-            order = sides[pair % 3:] + sides[:pair % 3]
+            order = sides[pair % 4:] + sides[:pair % 4]
             for name in order + (others if pair == 0 else []):
                 runs[name].append(self.side(name, mode))
         row = {"mode": mode, "domains": count, "pairs": pairs}
@@ -170,15 +170,16 @@ class Bench:
             ratios = [a / b for a, b in zip(ours, least)]
             row[what] = {"program": statistics.median(ours), "floor": statistics.median(least),
                          "ratio": statistics.median(ratios), "best": min(ours) / min(least),
-                         "low": min(ratios), "high": max(ratios),
-                         "fork": statistics.median(getattr(u, what) / f for u, f in zip(runs["fork"], least))}
+                         "low": min(ratios), "high": max(ratios)}
+            for name in ("fork", "agreed"):
+                row[what][name] = statistics.median(getattr(u, what) / f for u, f in zip(runs[name], least))
             for name in others:
                 row[what][name] = getattr(runs[name][0], what)
         return row
 
     def whole_runs(self):
         table = []
-        sizes = [(100, 3), (300, 3)] if self.quick else [(100, 11), (300, 7), (1000, 9), (3000, 3)]
+        sizes = [(100, 3), (300, 3)] if self.quick else [(100, 12), (300, 12), (1000, 16), (3000, 3)]
         for mode in ("domain-ip", "domain-name"):
             for count, pairs in sizes:
                 others = ["loop", "edit"] if count <= 1000 else ["edit"]
