@@ -240,7 +240,9 @@ void ModuleManager::addModule(const ModuleInfo& info, bool enabled)
 void ModuleManager::removeModule(const std::string& name, ModuleType type)
 {
     requireLoaded();
-    const std::string removed = name; // it may be that of the very entry
+    // A copy, as it may be the name in the very entry.
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
+    const std::string removed = name;
     if (enabled_->removeModule(removed, type))
         enabledChanged_ = true;
     if (disabled_ && disabled_->removeModule(removed, type))
