@@ -61,6 +61,29 @@ bool TmpFile::requireOpen() noexcept
     return data_.buffer.is_open();
 }
 
+bool TmpFile::writeAll(const char* text, size_t size) noexcept
+{
+    const int fd = data_.buffer.fd();
+    while (size > 0) {
+        const ssize_t written = retryOnEintr([&] { return ::write(fd, text, size); });
+        if (written <= 0)
+            return false;
+        text += written;
+        size -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+void TmpFile::writeLine(const std::string& line)
+{
+    if (!good())
+        return;
+    line_.assign(line).push_back('\n');
+    // What was inserted before comes first.
+    if (!requireOpen() || data_.buffer.pubsync() != 0 || !writeAll(line_.data(), line_.size()))
+        setstate(badbit);
+}
+
 int TmpFile::chmod(unsigned mode) noexcept
 {
     return requireOpen() ? retryOnEintr([&] { return ::fchmod(data_.buffer.fd(), mode); }) : -1;

@@ -48,18 +48,13 @@ std::error_code currentError()
 
 /// Writes the lines up to the last one that is not empty; all of them where all are empty. Each line is
 /// flushed, so that a full disk is met at a line's end.
-void writeLines(std::ostream& out, const std::list<std::string>& lines)
+void writeLines(TmpFile& file, const std::list<std::string>& lines)
 {
     const auto lastText =
         std::find_if(lines.rbegin(), lines.rend(), [](const std::string& line) { return !line.empty(); });
     const auto end = lastText == lines.rend() ? lines.end() : lastText.base();
-    // Straight into the buffer: formatted output would take longer than the writing.
-    std::streambuf& file = *out.rdbuf();
-    for (auto line = lines.begin(); line != end; ++line) {
-        const auto size = static_cast<std::streamsize>(line->size());
-        if (file.sputn(line->data(), size) != size || file.sputc('\n') == EOF || file.pubsync() != 0)
-            out.setstate(std::ios::badbit);
-    }
+    for (auto line = lines.begin(); line != end; ++line)
+        file.writeLine(*line);
 }
 
 /// Gives the finished temporary file its final name.

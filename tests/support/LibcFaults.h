@@ -6,7 +6,7 @@
 
 namespace support {
 
-enum class LibcCall { Open, Close, Flock, Mkstemp, Fsync, Fopen, Writev, count };
+enum class LibcCall { Open, Close, Flock, Mkstemp, Fsync, Fopen, Write, Writev, count };
 
 /// The next `times` calls fail with `error`, doing nothing; later ones work again. Mkstemp stands for
 /// mkostemp(3) too, and spoils the template before it fails, as the C library may. Fopen is what a file
@@ -25,7 +25,7 @@ private:
     LibcCall call_;
 };
 
-/// While it lives, writev(2) writes at most `limit` bytes of its first piece.
+/// While it lives, write(2) writes at most `limit` bytes, and writev(2) at most that of its first piece.
 class ShortWrites {
 public:
     explicit ShortWrites(unsigned long limit);
@@ -33,6 +33,9 @@ public:
     ShortWrites& operator=(const ShortWrites&) = delete;
     ~ShortWrites();
 };
+
+/// How many calls of write(2) came to this test program's own definition so far.
+int writesMade();
 
 /// While it lives, malloc(3) and realloc(3) succeed `allowed` times and then fail with ENOMEM `failing`
 /// times.

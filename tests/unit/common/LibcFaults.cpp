@@ -19,6 +19,7 @@ struct Armed {
 
 Armed armed[static_cast<int>(support::LibcCall::count)];
 unsigned long writeLimit = 0; // 0: none
+int writes = 0;
 int memoryAllowed = 0;
 int memoryFailing = 0;
 
@@ -122,6 +123,16 @@ int faultingMkostemp(char* pattern, int flags)
     return real(pattern, flags);
 }
 
+long faultingWrite(int fd, const void* bytes, unsigned long size) __asm__("write");
+long faultingWrite(int fd, const void* bytes, unsigned long size)
+{
+    ++writes;
+    if (fails(support::LibcCall::Write))
+        return -1;
+    static const auto real = next<long (*)(int, const void*, unsigned long)>("write");
+    return real(fd, bytes, writeLimit != 0 && size > writeLimit ? writeLimit : size);
+}
+
 long faultingWritev(int fd, const iovec* pieces, int count) __asm__("writev");
 long faultingWritev(int fd, const iovec* pieces, int count)
 {
@@ -207,6 +218,11 @@ ShortWrites::ShortWrites(unsigned long limit)
 ShortWrites::~ShortWrites()
 {
     writeLimit = 0;
+}
+
+int writesMade()
+{
+    return writes;
 }
 
 bool MemoryFault::available()

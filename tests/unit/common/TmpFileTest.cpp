@@ -119,6 +119,82 @@ TEST_F(TmpFileTest, BufferHoldsAtMost2048Bytes)
     EXPECT_NE(0U, std::filesystem::file_size(tmp.path()));
 }
 
+TEST_F(TmpFileTest, LineIsInTheFileAtOnceWithALineFeedInOneWrite)
+{
+    TmpFile tmp(prefix_, true);
+    const int before = support::writesMade();
+    tmp.writeLine("first");
+    tmp.writeLine("");
+    tmp.writeLine(std::string(10000, 'x'));
+    EXPECT_EQ(3, support::writesMade() - before);
+    EXPECT_EQ("first\n\n" + std::string(10000, 'x') + "\n", support::readFile(tmp.path()));
+    EXPECT_TRUE(tmp.good());
+}
+
+TEST_F(TmpFileTest, LineComesBehindWhatWasInsertedBefore)
+{
+    TmpFile tmp(prefix_, true);
+    tmp << "one ";
+    tmp.writeLine("two");
+    tmp << "three" << std::flush;
+    EXPECT_EQ("one two\nthree", support::readFile(tmp.path()));
+}
+
+TEST_F(TmpFileTest, LineWrittenInPartsArrivesWhole)
+{
+    TmpFile tmp(prefix_, true);
+    const support::ShortWrites shortly(3);
+    tmp.writeLine("0123456789");
+    EXPECT_EQ("0123456789\n", support::readFile(tmp.path()));
+}
+
+TEST_F(TmpFileTest, InterruptedLineIsRepeated)
+{
+    TmpFile tmp(prefix_, true);
+    const LibcFault fault(LibcCall::Write, EINTR, 3);
+    tmp.writeLine("line");
+    EXPECT_EQ(0, fault.left());
+    EXPECT_EQ("line\n", support::readFile(tmp.path()));
+}
+
+TEST_F(TmpFileTest, FailedLineMakesTheStreamBadWithItsErrno)
+{
+    TmpFile tmp(prefix_, true);
+    const LibcFault fault(LibcCall::Write, ENOSPC, 1);
+    errno = 0;
+    tmp.writeLine("line");
+    EXPECT_EQ(ENOSPC, errno);
+    EXPECT_EQ(std::ios::badbit, tmp.rdstate());
+    EXPECT_EQ("", support::readFile(tmp.path()));
+}
+
+TEST_F(TmpFileTest, FailedLineThrowsWhereAskedTo)
+{
+    TmpFile tmp(prefix_, true);
+    tmp.exceptions(std::ios::badbit);
+    const LibcFault fault(LibcCall::Write, ENOSPC, 1);
+    EXPECT_THROW(tmp.writeLine("line"), std::ios::failure);
+}
+
+TEST_F(TmpFileTest, FailedWriteOfWhatWasInsertedBeforeIsAFailureOfTheLine)
+{
+    TmpFile tmp(prefix_, true);
+    tmp << "before";
+    const LibcFault fault(LibcCall::Write, ENOSPC, 1);
+    tmp.writeLine("line");
+    EXPECT_TRUE(tmp.bad());
+    EXPECT_EQ("", support::readFile(tmp.path()));
+}
+
+TEST_F(TmpFileTest, NoLineIsWrittenToAStreamThatHasFailed)
+{
+    TmpFile tmp(prefix_, true);
+    tmp.setstate(std::ios::failbit);
+    tmp.writeLine("line");
+    EXPECT_EQ(std::ios::failbit, tmp.rdstate());
+    EXPECT_EQ("", support::readFile(tmp.path()));
+}
+
 TEST_F(TmpFileTest, DestructorWritesWhatIsBuffered)
 {
     std::string path;
@@ -397,6 +473,17 @@ TEST_F(TmpFileTest, NothingCanBeWrittenAfterClose)
     tmp.close();
     tmp << "text" << std::flush;
     EXPECT_FALSE(tmp.good());
+    EXPECT_EQ("", support::readFile(tmp.path()));
+}
+
+TEST_F(TmpFileTest, NoLineCanBeWrittenAfterClose)
+{
+    TmpFile tmp(prefix_, true);
+    EXPECT_EQ(0, tmp.close());
+    errno = 0;
+    tmp.writeLine("line");
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(std::ios::badbit, tmp.rdstate());
     EXPECT_EQ("", support::readFile(tmp.path()));
 }
 
