@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace zorvo {
 
@@ -31,6 +32,18 @@ std::pair<std::string, int> init_tmp(const std::string& prefix)
     if (fd == -1)
         throwSystemError("mkstemp() failed: ", errno);
     return {path, fd};
+}
+
+/// False with errno where not all could be written.
+bool writeAll(int fd, std::string_view text) noexcept
+{
+    while (!text.empty()) {
+        const ssize_t written = retryOnEintr([&] { return ::write(fd, text.data(), text.size()); });
+        if (written <= 0)
+            return false;
+        text.remove_prefix(static_cast<size_t>(written));
+    }
+    return true;
 }
 
 } // namespace
@@ -61,26 +74,19 @@ bool TmpFile::requireOpen() noexcept
     return data_.buffer.is_open();
 }
 
-bool TmpFile::writeAll(const char* text, size_t size) noexcept
-{
-    const int fd = data_.buffer.fd();
-    while (size > 0) {
-        const ssize_t written = retryOnEintr([&] { return ::write(fd, text, size); });
-        if (written <= 0)
-            return false;
-        text += written;
-        size -= static_cast<size_t>(written);
-    }
-    return true;
-}
-
-void TmpFile::writeLine(const std::string& line)
+void TmpFile::writeLines(std::list<std::string>::const_iterator line,
+                         std::list<std::string>::const_iterator last)
 {
     if (!good())
         return;
-    line_.assign(line).push_back('\n');
     // What was inserted before comes first.
-    if (!requireOpen() || data_.buffer.pubsync() != 0 || !writeAll(line_.data(), line_.size()))
+    bool written = requireOpen() && data_.buffer.pubsync() == 0;
+    std::string text;
+    for (const int fd = written ? data_.buffer.fd() : -1; written && line != last; ++line) {
+        text.assign(*line).push_back('\n');
+        written = writeAll(fd, text);
+    }
+    if (!written)
         setstate(badbit);
 }
 

@@ -7,7 +7,7 @@
 
 #include <ext/stdio_filebuf.h>
 
-#include <cstddef>
+#include <list>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -45,11 +45,12 @@ public:
     /// Name of the file, as made by mkstemp(3).
     const std::string& path() const noexcept { return data_.path; }
 
-    /// Writes `line` and a line feed and flushes, all with one write(2) where nothing interrupts it. The same
-    /// as inserting them and flushing, at a third of the instructions, as the buffer is passed by. When not
-    /// all could be written the stream is bad, with errno of the failed call, and throws where exceptions()
-    /// says so. Nothing is written to a stream that has failed before.
-    void writeLine(const std::string& line);
+    /// Writes the lines from `line` up to, not with, `last`, each with its line feed and a flush, that is
+    /// with one write(2) where nothing interrupts it. The same as inserting and flushing them, at a quarter
+    /// of the instructions, as the buffer is passed by. When a line could not be written whole the stream is
+    /// bad, with errno of the failed call, the lines behind it are not tried, and it throws where
+    /// exceptions() says so. Nothing is written to a stream that has failed before.
+    void writeLines(std::list<std::string>::const_iterator line, std::list<std::string>::const_iterator last);
 
     /// Sets the mode of the file (fchmod(2)). Returns 0, or -1 with errno.
     int chmod(unsigned mode) noexcept;
@@ -65,9 +66,7 @@ public:
 
 private:
     bool requireOpen() noexcept;
-    bool writeAll(const char* text, size_t size) noexcept;
 
-    std::string line_; ///< What writeLine() writes; kept for its memory.
     bool autoclean_;
 };
 

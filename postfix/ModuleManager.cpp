@@ -53,8 +53,7 @@ void writeLines(TmpFile& file, const std::list<std::string>& lines)
     const auto lastText =
         std::find_if(lines.rbegin(), lines.rend(), [](const std::string& line) { return !line.empty(); });
     const auto end = lastText == lines.rend() ? lines.end() : lastText.base();
-    for (auto line = lines.begin(); line != end; ++line)
-        file.writeLine(*line);
+    file.writeLines(lines.begin(), end);
 }
 
 /// Gives the finished temporary file its final name.

@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <list>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -53,6 +54,11 @@ protected:
         const rlimit limit{size, size};
         if (::setrlimit(RLIMIT_FSIZE, &limit) != 0)
             ::_exit(90);
+    }
+
+    static void writeLines(TmpFile& tmp, const std::list<std::string>& lines)
+    {
+        tmp.writeLines(lines.begin(), lines.end());
     }
 
     ScratchDir scratch_;
@@ -119,13 +125,11 @@ TEST_F(TmpFileTest, BufferHoldsAtMost2048Bytes)
     EXPECT_NE(0U, std::filesystem::file_size(tmp.path()));
 }
 
-TEST_F(TmpFileTest, LineIsInTheFileAtOnceWithALineFeedInOneWrite)
+TEST_F(TmpFileTest, EachLineIsInTheFileAtOnceWithALineFeedInOneWrite)
 {
     TmpFile tmp(prefix_, true);
     const int before = support::writesMade();
-    tmp.writeLine("first");
-    tmp.writeLine("");
-    tmp.writeLine(std::string(10000, 'x'));
+    writeLines(tmp, {"first", "", std::string(10000, 'x')});
     EXPECT_EQ(3, support::writesMade() - before);
     EXPECT_EQ("first\n\n" + std::string(10000, 'x') + "\n", support::readFile(tmp.path()));
     EXPECT_TRUE(tmp.good());
@@ -135,7 +139,7 @@ TEST_F(TmpFileTest, LineComesBehindWhatWasInsertedBefore)
 {
     TmpFile tmp(prefix_, true);
     tmp << "one ";
-    tmp.writeLine("two");
+    writeLines(tmp, {"two"});
     tmp << "three" << std::flush;
     EXPECT_EQ("one two\nthree", support::readFile(tmp.path()));
 }
@@ -144,7 +148,7 @@ TEST_F(TmpFileTest, LineWrittenInPartsArrivesWhole)
 {
     TmpFile tmp(prefix_, true);
     const support::ShortWrites shortly(3);
-    tmp.writeLine("0123456789");
+    writeLines(tmp, {"0123456789"});
     EXPECT_EQ("0123456789\n", support::readFile(tmp.path()));
 }
 
@@ -152,7 +156,7 @@ TEST_F(TmpFileTest, InterruptedLineIsRepeated)
 {
     TmpFile tmp(prefix_, true);
     const LibcFault fault(LibcCall::Write, EINTR, 3);
-    tmp.writeLine("line");
+    writeLines(tmp, {"line"});
     EXPECT_EQ(0, fault.left());
     EXPECT_EQ("line\n", support::readFile(tmp.path()));
 }
@@ -162,10 +166,28 @@ TEST_F(TmpFileTest, FailedLineMakesTheStreamBadWithItsErrno)
     TmpFile tmp(prefix_, true);
     const LibcFault fault(LibcCall::Write, ENOSPC, 1);
     errno = 0;
-    tmp.writeLine("line");
+    writeLines(tmp, {"line"});
     EXPECT_EQ(ENOSPC, errno);
     EXPECT_EQ(std::ios::badbit, tmp.rdstate());
     EXPECT_EQ("", support::readFile(tmp.path()));
+}
+
+TEST_F(TmpFileTest, LinesBehindAFailedOneAreNotTried)
+{
+    TmpFile tmp(prefix_, true);
+    const LibcFault fault(LibcCall::Write, ENOSPC, 1);
+    writeLines(tmp, {"first", "second"});
+    EXPECT_TRUE(tmp.bad());
+    EXPECT_EQ("", support::readFile(tmp.path()));
+}
+
+TEST_F(TmpFileTest, NoLinesWriteNothing)
+{
+    TmpFile tmp(prefix_, true);
+    const int before = support::writesMade();
+    writeLines(tmp, {});
+    EXPECT_EQ(0, support::writesMade() - before);
+    EXPECT_TRUE(tmp.good());
 }
 
 TEST_F(TmpFileTest, FailedLineThrowsWhereAskedTo)
@@ -173,7 +195,7 @@ TEST_F(TmpFileTest, FailedLineThrowsWhereAskedTo)
     TmpFile tmp(prefix_, true);
     tmp.exceptions(std::ios::badbit);
     const LibcFault fault(LibcCall::Write, ENOSPC, 1);
-    EXPECT_THROW(tmp.writeLine("line"), std::ios::failure);
+    EXPECT_THROW(writeLines(tmp, {"line"}), std::ios::failure);
 }
 
 TEST_F(TmpFileTest, FailedWriteOfWhatWasInsertedBeforeIsAFailureOfTheLine)
@@ -181,7 +203,7 @@ TEST_F(TmpFileTest, FailedWriteOfWhatWasInsertedBeforeIsAFailureOfTheLine)
     TmpFile tmp(prefix_, true);
     tmp << "before";
     const LibcFault fault(LibcCall::Write, ENOSPC, 1);
-    tmp.writeLine("line");
+    writeLines(tmp, {"line"});
     EXPECT_TRUE(tmp.bad());
     EXPECT_EQ("", support::readFile(tmp.path()));
 }
@@ -190,7 +212,7 @@ TEST_F(TmpFileTest, NoLineIsWrittenToAStreamThatHasFailed)
 {
     TmpFile tmp(prefix_, true);
     tmp.setstate(std::ios::failbit);
-    tmp.writeLine("line");
+    writeLines(tmp, {"line"});
     EXPECT_EQ(std::ios::failbit, tmp.rdstate());
     EXPECT_EQ("", support::readFile(tmp.path()));
 }
@@ -481,7 +503,7 @@ TEST_F(TmpFileTest, NoLineCanBeWrittenAfterClose)
     TmpFile tmp(prefix_, true);
     EXPECT_EQ(0, tmp.close());
     errno = 0;
-    tmp.writeLine("line");
+    writeLines(tmp, {"line"});
     EXPECT_EQ(EBADF, errno);
     EXPECT_EQ(std::ios::badbit, tmp.rdstate());
     EXPECT_EQ("", support::readFile(tmp.path()));
