@@ -31,6 +31,20 @@ def whole_run_table(rows):
     return lines
 
 
+def launch_table(rows, whole):
+    """What each way of launching costs above the floor, without the tool, and how much that is of a real domain."""
+    lines = ["| mode | domains | rounds | floor µs | fork above it | agreed launch above it | program above it |"
+             " program above it, of the floor's domain with the real tool |",
+             "|---|---:|---:|---:|---:|---:|---:|---:|"]
+    real = {(row["mode"], row["domains"]): row["cpu"]["floor"] / row["domains"] * 1e6 for row in whole}
+    for row in rows:
+        above = {name: row[name] - row["floor"] for name in ("fork", "agreed", "program")}
+        lines.append(f"| {row['mode']} | {row['domains']} | {row['rounds']} | {row['floor']:.0f} | {above['fork']:.0f} |"
+                     f" {above['agreed']:.0f} | {above['program']:.0f} |"
+                     f" {100 * above['program'] / real[(row['mode'], row['domains'])]:.1f} % |")
+    return lines
+
+
 def medians(parts):
     """Median CPU time (real time for what runs in other processes) in nanoseconds over the repetitions, by name."""
     times = {}
@@ -119,6 +133,8 @@ def table_of(parts, whole):
     wait = whole["wait"]
     lines = ["Whole runs, Postfix's own wait taken out on both sides:", ""]
     lines += whole_run_table(whole["whole"])
+    lines += ["", "A domain with a stand-in for postmap that only reads its input, CPU time, medians:", ""]
+    lines += launch_table(whole["launches"], whole["whole"])
     lines += ["", f"With that wait, 10 domains: program {wait['program']:.2f} s, floor {wait['floor']:.2f} s.", "",
               "Parts of the program (the number behind a name: domains, strings or services):", ""]
     lines += part_table(parts)

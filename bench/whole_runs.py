@@ -132,6 +132,7 @@ class Bench:
         self.program = f"{build}/zorvo-smtp-bind"
         self.floor = f"{build}/bench/bench_floor"
         self.wrapper = f"{build}/bench/bench_postconf"
+        self.stand_in = f"{build}/bench/bench_stand_in"
         self.quick = quick
         self.stock = open(MASTER_CF, encoding="ascii").read()
 
@@ -144,6 +145,9 @@ class Bench:
 
     def side(self, name, mode):
         self.reset()
+        return self.once(name, mode)
+
+    def once(self, name, mode):
         if name == "program":
             return run([self.program, "-t", mode], f"{WORK}/request.json")
         if name == "floor":
@@ -187,6 +191,26 @@ class Bench:
                 others = ["loop", "edit"] if count <= 1000 else ["edit"]
                 table.append(self.compare(mode, count, pairs, others))
                 print(f"# {mode} {count}: wall ratio {table[-1]['wall']['ratio']:.3f}", file=sys.stderr)
+        return table
+
+    def launches(self):
+        """What a domain costs in each way of launching when postmap does nothing, in microseconds of CPU time."""
+        count, rounds = (100, 3) if self.quick else (1000, 16)
+        sides = ["program", "floor", "fork", "agreed"]
+        table = []
+        self.reset()
+        bind(self.stand_in, POSTMAP)
+        for mode in ("domain-ip", "domain-name"):
+            write_inputs(count, mode)
+            runs = {name: [] for name in sides}
+            for turn in range(rounds):
+                for name in sides[turn % 4:] + sides[:turn % 4]:
+                    write(MASTER_CF, self.stock)
+                    runs[name].append(self.once(name, mode).cpu / count * 1e6)
+            row = {"mode": mode, "domains": count, "rounds": rounds}
+            row.update({name: statistics.median(values) for name, values in runs.items()})
+            table.append(row)
+        unbind(POSTMAP)
         return table
 
     def tool_wait(self):
@@ -265,7 +289,7 @@ def main():
     shutil.copy2(POSTCONF, f"{WORK}/real-postconf")
     bind(bench.wrapper, POSTCONF)
     os.environ["PATH"] = "/usr/sbin:/usr/bin:/sbin:/bin"
-    result = {"whole": bench.whole_runs(), "wait": bench.tool_wait(), "start_cpu": bench.start_cpu()}
+    result = {"launches": bench.launches(), "whole": bench.whole_runs(), "wait": bench.tool_wait(), "start_cpu": bench.start_cpu()}
     result["counts"] = bench.with_quick_tools(bench.counts)
     result["memory"] = bench.with_quick_tools(bench.memory)
     with open(output, "w", encoding="ascii") as file:
