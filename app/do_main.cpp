@@ -3,7 +3,7 @@
 
 #include "app/transport_info.h"
 #include "common/SystemError.h"
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 #include "common/sj.h"
 #include "postfix/MainCfManager.h"
 #include "postfix/SenderTransportManager.h"

@@ -1,8 +1,8 @@
 // main: makes the process fit to work, runs the utility, turns an exception into a message and an exit
 // status.
 #include "app/do_main.h"
+#include "common/SystemError.h"
 #include "common/UtilityErrorStream.h"
-#include "common/ZorvoUtilException.h"
 #include "common/reportException.h"
 #include "process/StartState.h"
 

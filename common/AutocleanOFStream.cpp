@@ -1,9 +1,7 @@
 // AutocleanOFStream: see the header.
 #include "common/AutocleanOFStream.h"
 
-#include "common/closeBuffer.h"
-#include "common/openRetrying.h"
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 
 #include <unistd.h>
 

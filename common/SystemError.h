@@ -5,6 +5,7 @@
 // operator reads first: keep it short and name the step.
 #pragma once
 
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 
@@ -52,4 +53,23 @@ extern template class ExSystemError<11>; // EAGAIN
 /// Code 0 throws a plain SystemError with the current errno, whatever that is.
 [[noreturn]] void throwSystemError(const std::string& message, int code);
 
+/// Caught first in main: what() goes to standard error alone, exit status 1.
+class ZorvoUtilException : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
 } // namespace zorvo
+
+namespace zorvo::mail {
+
+/// A std::filesystem::filesystem_error whose message names the operation, the final name and the file that
+/// was to become it: "rename for TARGET (PATH)".
+class FSError : public std::filesystem::filesystem_error {
+public:
+    /// `code` is an errno value; 0 stands for ECANCELED. `path` becomes path1().
+    FSError(const std::string& operation, const std::filesystem::path& path, const std::string& target,
+            int code);
+};
+
+} // namespace zorvo::mail

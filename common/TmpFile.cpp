@@ -2,8 +2,7 @@
 #include "common/TmpFile.h"
 
 #include "common/SystemError.h"
-#include "common/closeBuffer.h"
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

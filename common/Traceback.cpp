@@ -1,18 +1,21 @@
 // Traceback: see the header.
 #include "common/Traceback.h"
 
-#include "common/demangle.h"
-
+#include <cxxabi.h>
 #include <execinfo.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <ostream>
 #include <string_view>
 
 namespace zorvo {
 
 namespace {
+
+using MallocText = std::unique_ptr<char, void (*)(void*)>;
 
 /// "program(_ZN3fooEv+0x1a) [0x4011f6]" with the symbol between "(" and "+" made readable.
 void printFrame(std::ostream& out, std::string_view line)
@@ -29,6 +32,15 @@ void printFrame(std::ostream& out, std::string_view line)
 }
 
 } // namespace
+
+void printDemangled(std::ostream& out, std::string_view symbol)
+{
+    const MallocText name(::strndup(symbol.data(), symbol.size()), std::free);
+    int status = -1;
+    const MallocText readable(name ? abi::__cxa_demangle(name.get(), nullptr, nullptr, &status) : nullptr,
+                              std::free);
+    out << (readable ? std::string_view(readable.get()) : symbol);
+}
 
 Traceback::Traceback(unsigned long skip) noexcept : frames_(), count_(0), skip_(0), symbols_(nullptr)
 {

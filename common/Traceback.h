@@ -2,6 +2,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <string_view>
 
 namespace zorvo {
 
@@ -32,5 +33,9 @@ private:
 };
 
 std::ostream& operator<<(std::ostream& out, const Traceback& trace);
+
+/// Writes the readable name that `symbol` stands for to `out`; `symbol` itself where it cannot be demangled
+/// or memory is short, so that a lack of memory can be reported, too. Throws only what `out` throws.
+void printDemangled(std::ostream& out, std::string_view symbol);
 
 } // namespace zorvo

@@ -1,9 +1,8 @@
 // mk_lock: see the header.
 #include "common/mk_lock.h"
 
-#include "common/closeRetrying.h"
+#include "common/eintr.h"
 #include "common/messlog2.h"
-#include "common/retryOnEintr.h"
 
 // The digest by itself (MD5(3)): the interface above it loads a provider and a configuration file, which
 // costs more than the rest of the start, and refuses MD5 where only FIPS algorithms are allowed.

@@ -3,7 +3,6 @@
 
 #include "common/Traceback.h"
 #include "common/UtilityErrorStream.h"
-#include "common/demangle.h"
 
 #include <typeinfo>
 

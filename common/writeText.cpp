@@ -1,7 +1,7 @@
 // writeText: see the header.
 #include "common/writeText.h"
 
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 
 #include <sys/uio.h>
 

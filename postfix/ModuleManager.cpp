@@ -1,10 +1,10 @@
 // ModuleManager: see the header. Also the home of the shared grammar instances.
 #include "postfix/ModuleManager.h"
 
-#include "common/FSError.h"
 #include "common/MKLock.h"
+#include "common/SystemError.h"
 #include "common/TmpFile.h"
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 #include "postfix/MainCfManager.h"
 #include "postfix/MasterCfParser.h"
 #include "postfix/PostfixError.h"

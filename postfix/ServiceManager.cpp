@@ -1,8 +1,7 @@
 // ServiceManager: see the header.
 #include "postfix/ServiceManager.h"
 
-#include "common/openRetrying.h"
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 #include "process/exec_helpers.h"
 #include "process/iterateProcesses.h"
 

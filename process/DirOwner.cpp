@@ -1,7 +1,7 @@
 // DirOwner: see the header.
 #include "process/DirOwner.h"
 
-#include "common/closeRetrying.h"
+#include "common/eintr.h"
 
 #include <cerrno>
 

@@ -2,7 +2,7 @@
 #include "process/FdOwner.h"
 
 #include "common/SystemError.h"
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -2,7 +2,7 @@
 // Borrowers take a plain int and never close it.
 #pragma once
 
-#include "common/closeRetrying.h"
+#include "common/eintr.h"
 
 #include <utility>
 

@@ -2,7 +2,7 @@
 #include "process/Pipe.h"
 
 #include "common/SystemError.h"
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 #include "process/SigBlocker.h"
 #include "process/StartState.h"
 

@@ -3,7 +3,7 @@
 #include "process/ProcessLaunch.h"
 
 #include "common/SystemError.h"
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 #include "process/StartState.h"
 
 #include <boost/lexical_cast.hpp>

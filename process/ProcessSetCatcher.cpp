@@ -2,7 +2,7 @@
 #include "process/ProcessSetCatcher.h"
 
 #include "common/SystemError.h"
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>

@@ -2,7 +2,7 @@
 #include "process/SigBlocker.h"
 
 #include "common/SystemError.h"
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 
 #include <cerrno>
 #include <exception>

@@ -2,7 +2,7 @@
 #include "process/StartState.h"
 
 #include "common/SystemError.h"
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 
 #include <fcntl.h>
 #include <unistd.h>

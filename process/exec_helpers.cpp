@@ -2,9 +2,8 @@
 #include "process/exec_helpers.h"
 
 #include "common/SystemError.h"
-#include "common/closeRetrying.h"
+#include "common/eintr.h"
 #include "common/messlog2.h"
-#include "common/retryOnEintr.h"
 #include "common/writeText.h"
 #include "common/zorvo_log.h"
 #include "process/DirOwner.h"

@@ -1,7 +1,7 @@
 // iterateProcesses: see the header.
 #include "process/iterateProcesses.h"
 
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 #include "common/zorvo_log.h"
 #include "process/DirOwner.h"
 #include "process/FdOwner.h"

@@ -1,5 +1,5 @@
 // FSError: the composed message, the path and the code.
-#include "common/FSError.h"
+#include "common/SystemError.h"
 
 #include <gtest/gtest.h>
 

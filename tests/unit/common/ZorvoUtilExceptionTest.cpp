@@ -1,5 +1,5 @@
 // ZorvoUtilException: a text and nothing else.
-#include "common/ZorvoUtilException.h"
+#include "common/SystemError.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // closeRetrying: an interruption is no failure, and a failure is no interruption.
-#include "common/closeRetrying.h"
+#include "common/eintr.h"
 
 #include "support/LibcFaults.h"
 #include "support/OpenFds.h"

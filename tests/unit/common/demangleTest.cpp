@@ -1,5 +1,5 @@
 // printDemangled: readable names, and names that stay as they are.
-#include "common/demangle.h"
+#include "common/Traceback.h"
 
 #include <gtest/gtest.h>
 

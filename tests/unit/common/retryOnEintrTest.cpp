@@ -1,5 +1,5 @@
 // retryOnEintr: what is repeated and what is not.
-#include "common/retryOnEintr.h"
+#include "common/eintr.h"
 
 #include <gtest/gtest.h>
 #include <sys/time.h>

@@ -1,7 +1,6 @@
 // ModuleManager: the two files in memory, the moves between them, and the replacement of a file.
 #include "postfix/ModuleManager.h"
 
-#include "common/FSError.h"
 #include "common/SystemError.h"
 #include "postfix/PostfixError.h"
 #include "unit/postfix/PostfixFloor.h"

@@ -1,6 +1,6 @@
 // A do_main that ends in the way its argument names, under the program's own main.
 #include "app/do_main.h"
-#include "common/ZorvoUtilException.h"
+#include "common/SystemError.h"
 
 #include <stdexcept>
 #include <string>

@@ -1,9 +1,21 @@
-// closeBuffer: see the header.
-#include "common/closeBuffer.h"
+// System calls that survive a signal.
+#include "common/eintr.h"
 
-#include <cerrno>
+#include <unistd.h>
 
 namespace zorvo {
+
+int closeRetrying(int fd) noexcept
+{
+    bool interrupted = false;
+    for (;;) {
+        if (::close(fd) == 0 || (interrupted && errno == EBADF))
+            return 0;
+        if (errno != EINTR)
+            return -1;
+        interrupted = true;
+    }
+}
 
 bool closeBuffer(std::filebuf& buffer)
 {
