@@ -47,7 +47,7 @@ def instruction_row(counts):
     small, middle, large = sorted(int(count) for count in counts)
     at = {int(count): value for count, value in counts.items()}
     growth = ((at[large] - at[middle]) / (large - middle)) / ((at[middle] - at[small]) / (middle - small))
-    return goal(f"domain-ip: instructions per domain, from {middle} to {large} domains against from {small} to {middle}",
+    return goal(f"domain-ip: instructions per domain, {middle} to {large} domains against {small} to {middle}",
                 growth, 1.02)
 
 
