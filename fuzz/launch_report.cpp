@@ -1,8 +1,8 @@
 // Fuzz target: what a child sends through the control pipe before exec (LaunchReport of
 // process/ProcessLaunch.h).
 //
-// Input: one byte that seeds the places where the report is split, then the report. A report comes out the
-// same whole, byte by byte and split anywhere, and as a model says that knows the whole of it.
+// Input: one byte that seeds the places where the report is split, then the report. Whole, byte by byte and
+// split anywhere, a report must give what a model gives that sees all of it at once.
 #include "common/SystemError.h"
 #include "fuzz/fuzz.h"
 #include "process/ProcessLaunch.h"
@@ -60,7 +60,7 @@ Outcome feed(const std::string& report, NextSize nextSize)
     try {
         zorvo::process::LaunchReport reader;
         for (size_t begin = 0; begin < report.size();) {
-            // In a block of its own, so that reading behind the piece is seen.
+            // In a block of its own, so that reading past the piece is seen.
             const size_t size = std::min<size_t>(nextSize(), report.size() - begin);
             const std::vector<char> piece(report.data() + begin, report.data() + begin + size);
             reader.feed(piece.data(), piece.size());
@@ -81,7 +81,7 @@ Outcome feed(const std::string& report, NextSize nextSize)
     return outcome;
 }
 
-/// Decimal digits behind at most one sign, within the range of int.
+/// Decimal digits after at most one sign, within the range of int.
 std::optional<int> toInt(const std::string& text)
 {
     const bool sign = !text.empty() && (text[0] == '-' || text[0] == '+');
