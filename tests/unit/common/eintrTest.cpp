@@ -6,17 +6,24 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <optional>
+#include <stdexcept>
+#include <string>
 
 using support::LibcCall;
 using support::LibcFault;
 using support::openFds;
+using support::ShortWrites;
 using zorvo::closeRetrying;
+using zorvo::readAll;
 using zorvo::retryOnEintr;
+using zorvo::writeAll;
 
 namespace {
 
@@ -36,6 +43,30 @@ struct Scripted {
         }
         return result;
     }
+};
+
+/// A file in memory, at its beginning.
+class TextFile {
+public:
+    explicit TextFile(const std::string& text) : fd_(::memfd_create("text", MFD_CLOEXEC))
+    {
+        if (::pwrite(fd_, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size()))
+            throw std::runtime_error("cannot make a file in memory");
+    }
+    TextFile(const TextFile&) = delete;
+    TextFile& operator=(const TextFile&) = delete;
+    ~TextFile() { ::close(fd_); }
+
+    int fd() const { return fd_; }
+
+    std::string text() const
+    {
+        char content[100] = "";
+        return {content, static_cast<size_t>(::pread(fd_, content, sizeof content, 0))};
+    }
+
+private:
+    int fd_;
 };
 
 int newDescriptor()
@@ -173,4 +204,82 @@ TEST(CloseRetryingTest, OtherFailureIsReturnedAtOnce)
     EXPECT_EQ(-1, closeRetrying(fd));
     EXPECT_EQ(EIO, errno);
     EXPECT_EQ(1, fault.left());
+}
+
+TEST(WriteAllTest, ShortAndInterruptedWritesAreContinued)
+{
+    const TextFile file("");
+    const ShortWrites limit(3);
+    const LibcFault fault(LibcCall::Write, EINTR, 2);
+    EXPECT_EQ(10U, writeAll(file.fd(), "0123456789"));
+    EXPECT_EQ(0, fault.left());
+    EXPECT_EQ("0123456789", file.text());
+}
+
+TEST(WriteAllTest, NothingToWriteMakesNoCall)
+{
+    EXPECT_EQ(0U, writeAll(-1, ""));
+}
+
+TEST(WriteAllTest, FailureAtOnceReturnsNoneAndItsErrno)
+{
+    const TextFile file("");
+    const LibcFault fault(LibcCall::Write, ENOSPC, 1);
+    EXPECT_EQ(0U, writeAll(file.fd(), "0123456789"));
+    EXPECT_EQ(ENOSPC, errno);
+    EXPECT_EQ("", file.text());
+}
+
+TEST(WriteAllTest, FullPipeReturnsWhatItTookAndItsErrno)
+{
+    int ends[2];
+    ASSERT_EQ(0, ::pipe2(ends, O_CLOEXEC | O_NONBLOCK));
+    const std::string bytes(1 << 20, 'x');
+    const size_t written = writeAll(ends[1], bytes);
+    EXPECT_EQ(EAGAIN, errno);
+    ::close(ends[1]);
+    EXPECT_GT(bytes.size(), written);
+    EXPECT_EQ(bytes.substr(0, written), readAll(ends[0]));
+    ::close(ends[0]);
+}
+
+TEST(ReadAllTest, LongTextIsReadWhole)
+{
+    const std::string text(100000, 'x');
+    EXPECT_EQ(text, readAll(TextFile(text).fd()));
+}
+
+TEST(ReadAllTest, EmptyFileIsAnEmptyText)
+{
+    EXPECT_EQ("", readAll(TextFile("").fd()));
+}
+
+TEST(ReadAllTest, NulsAreBytesLikeOthers)
+{
+    const std::string text("a\0b", 3);
+    EXPECT_EQ(text, readAll(TextFile(text).fd()));
+}
+
+TEST(ReadAllTest, InterruptedReadIsRepeated)
+{
+    const TextFile file("text");
+    const LibcFault fault(LibcCall::Read, EINTR, 2);
+    EXPECT_EQ("text", readAll(file.fd()));
+    EXPECT_EQ(0, fault.left());
+}
+
+TEST(ReadAllTest, OtherFailureIsEmptyWithItsErrno)
+{
+    const TextFile file("text");
+    const LibcFault fault(LibcCall::Read, EIO, 1);
+    EXPECT_EQ(std::nullopt, readAll(file.fd()));
+    EXPECT_EQ(EIO, errno);
+}
+
+TEST(ReadAllTest, DirectoryCannotBeRead)
+{
+    const int fd = ::open("/", O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(std::nullopt, readAll(fd));
+    EXPECT_EQ(EISDIR, errno);
+    ::close(fd);
 }
