@@ -4,6 +4,7 @@
 #include "support/Capture.h"
 #include "support/Child.h"
 #include "support/InterruptedPipe.h"
+#include "support/LibcFaults.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -92,7 +93,7 @@ TEST_F(UtilityErrorStreamTest, TextWithoutFlushReachesStandardErrorOnly)
     EXPECT_THAT(events_, ElementsAre("err:a", "err:b"));
 }
 
-TEST_F(UtilityErrorStreamTest, FlushSendsTheTextToStandardOutputAsOneBlockBehindStandardError)
+TEST_F(UtilityErrorStreamTest, FlushSendsTheTextToStandardOutputAsOneBlockAfterStandardError)
 {
     UtilityErrorStream stream;
     stream << "ab";
@@ -176,6 +177,25 @@ TEST_F(UtilityErrorStreamTest, EveryByteReachesBothStreams)
     for (const char c : all)
         expected.push_back(std::string("err:") + c);
     expected.insert(expected.end(), {"err flushed", "out:" + all, "out flushed"});
+    EXPECT_EQ(expected, events_);
+}
+
+TEST_F(UtilityErrorStreamTest, WithoutMemoryOnlyTheCopyOnStandardOutputIsCut)
+{
+    if (!support::MemoryFault::available())
+        GTEST_SKIP() << "memory cannot be refused under a sanitizer";
+    const std::string kept(std::string().capacity(), 'k');
+    UtilityErrorStream stream;
+    events_.reserve(100);
+    {
+        const support::MemoryFault fault(0, 1000);
+        stream << kept << "lost";
+    }
+    stream << std::flush;
+    EXPECT_TRUE(stream.good());
+    std::vector<std::string> expected(kept.size(), "err:k");
+    expected.insert(expected.end(),
+                    {"err:l", "err:o", "err:s", "err:t", "err flushed", "out:" + kept, "out flushed"});
     EXPECT_EQ(expected, events_);
 }
 
