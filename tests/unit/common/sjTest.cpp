@@ -468,12 +468,12 @@ TEST(SjParseInt64, NoDigitsBehindWhitespaceLeaveTheCursorBeforeTheWhitespace)
     EXPECT_EQ((Int64{0, 4, 0}), run(sj_parse_int64, "  x"));
 }
 
-TEST(SjParseInt64, FractionIsError6WithTheCursorBehindTheIntegerPart)
+TEST(SjParseInt64, FractionIsError6WithTheCursorAfterTheIntegerPart)
 {
     EXPECT_EQ((Int64{1, 6, 1}), run(sj_parse_int64, "1.5"));
 }
 
-TEST(SjParseInt64, ExponentIsError6WithTheCursorBehindTheIntegerPart)
+TEST(SjParseInt64, ExponentIsError6WithTheCursorAfterTheIntegerPart)
 {
     EXPECT_EQ((Int64{1, 6, 1}), run(sj_parse_int64, "1e3"));
     EXPECT_EQ((Int64{-12, 6, 3}), run(sj_parse_int64, "-12E3"));
@@ -490,6 +490,22 @@ TEST(SjParseInt64, EarlierRangeErrorInErrnoIsNotTakenForThisNumber)
     errno = ERANGE;
     EXPECT_EQ(5, sj_parse_int64(reader));
     EXPECT_EQ(0, reader->error);
+}
+
+TEST(SjParseInt64, NumberKeepsTheErrnoOfAnEarlierCall)
+{
+    Reader reader("5");
+    errno = ENOENT;
+    EXPECT_EQ(5, sj_parse_int64(reader));
+    EXPECT_EQ(ENOENT, errno);
+}
+
+TEST(SjParseInt64, MissingNumberKeepsTheErrnoOfAnEarlierCall)
+{
+    Reader reader("x");
+    errno = ENOENT;
+    EXPECT_EQ(0, sj_parse_int64(reader));
+    EXPECT_EQ(ENOENT, errno);
 }
 
 TEST(SjParseUint64, LargestValueIsAccepted)
@@ -534,12 +550,12 @@ TEST(SjParseUint64, NoDigitsAreError4WithTheCursorStaying)
     }
 }
 
-TEST(SjParseUint64, FractionIsError6WithTheCursorBehindTheIntegerPart)
+TEST(SjParseUint64, FractionIsError6WithTheCursorAfterTheIntegerPart)
 {
     EXPECT_EQ((Uint64{12, 6, 2}), run(sj_parse_uint64, "12.5"));
 }
 
-TEST(SjParseUint64, ExponentIsError6WithTheCursorBehindTheIntegerPart)
+TEST(SjParseUint64, ExponentIsError6WithTheCursorAfterTheIntegerPart)
 {
     EXPECT_EQ((Uint64{1, 6, 1}), run(sj_parse_uint64, "1E3"));
 }
@@ -550,6 +566,30 @@ TEST(SjParseUint64, EarlierRangeErrorInErrnoIsNotTakenForThisNumber)
     errno = ERANGE;
     EXPECT_EQ(5U, sj_parse_uint64(reader));
     EXPECT_EQ(0, reader->error);
+}
+
+TEST(SjParseUint64, NumberKeepsTheErrnoOfAnEarlierCall)
+{
+    Reader reader("5");
+    errno = ENOENT;
+    EXPECT_EQ(5U, sj_parse_uint64(reader));
+    EXPECT_EQ(ENOENT, errno);
+}
+
+TEST(SjParseInt, NumberKeepsTheErrorOfAnEarlierReader)
+{
+    Reader reader("5");
+    reader->error = 7;
+    EXPECT_EQ(5, sj_parse_int(reader));
+    EXPECT_EQ(7, reader->error);
+}
+
+TEST(SjParseUint, NumberKeepsTheErrorOfAnEarlierReader)
+{
+    Reader reader("5");
+    reader->error = 7;
+    EXPECT_EQ(5U, sj_parse_uint(reader));
+    EXPECT_EQ(7, reader->error);
 }
 
 TEST(SjParseInt, LargestValueIsAccepted)
@@ -1471,6 +1511,39 @@ TEST(SjParserStrerror, SystemErrorIsAppendedToEveryCode)
         errno = EACCES;
         EXPECT_EQ(without + "Also system error occured: Permission denied (13).", sj_parser_strerror(reader));
     }
+}
+
+TEST(SjParserStrerror, NumbersThatWereReadBeforeLeaveTheSystemErrorOfAnEarlierCall)
+{
+    Reader reader("5x");
+    errno = EACCES;
+    sj_parse_int(reader);
+    sj_parse_uint64(reader);
+    EXPECT_STREQ(
+        "Number is expected. Error occured at offset 1, character 'x'. Also system error occured: Permission "
+        "denied (13).",
+        sj_parser_strerror(reader));
+}
+
+TEST(SjParserStrerror, NumbersThatWereReadBeforeLeaveNoSystemError)
+{
+    Reader reader("5x");
+    errno = 0;
+    sj_parse_int(reader);
+    sj_parse_uint64(reader);
+    EXPECT_STREQ("Number is expected. Error occured at offset 1, character 'x'. ",
+                 sj_parser_strerror(reader));
+}
+
+TEST(SjParserStrerror, NumberOutOfRangeIsASystemErrorToo)
+{
+    Reader reader("9223372036854775808");
+    errno = 0;
+    sj_parse_int64(reader);
+    EXPECT_STREQ(
+        "Number value is out of range for expected type. Error occured at offset 0, character '9'. Also "
+        "system error occured: Numerical result out of range (34).",
+        sj_parser_strerror(reader));
 }
 
 TEST(SjParserStrerror, NextCallOverwritesTheText)
