@@ -10,6 +10,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <cstdlib>
 #include <memory>
@@ -264,6 +265,20 @@ TEST_F(MKLockTest, MissingDirectoryLeavesNoDescriptor)
         EXPECT_THROW(MKLock(scratch_.file("missing/lock"), PlainName, Blocking), zorvo::SystemError);
     }
     EXPECT_EQ(before, openFds());
+}
+
+TEST_F(MKLockTest, FailedLockKeepsNoMemory)
+{
+    const std::string missing = scratch_.file("missing/lock");
+    const auto fail = [&missing] { EXPECT_THROW(MKLock(missing, PlainName, Blocking), zorvo::SystemError); };
+    Capture capture;
+    fail(); // What is allocated once, and the allocator's own stores.
+    const size_t before = ::mallinfo2().uordblks;
+    for (int i = 0; i < 100; ++i)
+        fail();
+    const size_t after = ::mallinfo2().uordblks;
+    capture.stop();
+    EXPECT_EQ(before, after);
 }
 
 TEST_F(MKLockTest, MissingLockDirectoryIsReportedAndThrown)
