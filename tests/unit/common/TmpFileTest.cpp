@@ -262,7 +262,7 @@ TEST_F(TmpFileTest, LeavesNoDescriptor)
     EXPECT_EQ(before, openFds());
 }
 
-TEST_F(TmpFileTest, MovedAwayFileIsNoFailureOfAutoclean)
+TEST_F(TmpFileTest, MovedAwayFileIsNotAFailureOfAutoclean)
 {
     Capture capture;
     {
@@ -283,7 +283,7 @@ TEST_F(TmpFileTest, MovedAwayFileStays)
     EXPECT_EQ("text", support::readFile(prefix_));
 }
 
-TEST_F(TmpFileTest, FailedRemovalIsSaidOnStandardErrorOnly)
+TEST_F(TmpFileTest, FailedRemovalIsReportedOnStandardErrorOnly)
 {
     Capture capture;
     {
@@ -297,7 +297,7 @@ TEST_F(TmpFileTest, FailedRemovalIsSaidOnStandardErrorOnly)
     EXPECT_EQ("", out);
 }
 
-TEST_F(TmpFileTest, FailedRemovalWithoutAutocleanCannotHappen)
+TEST_F(TmpFileTest, WithoutAutocleanNothingIsRemovedOrReported)
 {
     Capture capture;
     {

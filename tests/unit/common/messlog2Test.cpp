@@ -145,7 +145,7 @@ TEST(Messlog2Test, SystemErrorArrivesWholeWhereverTheFirstBufferEnds)
     }
 }
 
-TEST(Messlog2Test, SystemErrorBehindAVeryLongMessageArrivesWhole)
+TEST(Messlog2Test, SystemErrorAfterAVeryLongMessageArrivesWhole)
 {
     const std::string message(100000, 'm');
     EXPECT_TRUE(message + "\nSystem error 2: No such file or directory\n" == errOf(ENOENT, message));
@@ -194,7 +194,7 @@ TEST(Messlog2Test, TextIsOutAtOnce)
     EXPECT_EQ("x\n", result.out);
 }
 
-TEST(Messlog2Test, TextStandsBehindWhatStdioWroteBefore)
+TEST(Messlog2Test, TextComesAfterWhatStdioWrote)
 {
     const ChildResult result = runInChild([] {
         errno = 0;

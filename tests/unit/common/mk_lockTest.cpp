@@ -417,7 +417,7 @@ TEST_F(MkLockTest, DescriptorIsClosedOnExecWhateverTheFlags)
     EXPECT_EQ(FD_CLOEXEC, ::fcntl(handle->fd, F_GETFD));
 }
 
-TEST_F(MkLockTest, SharedLocksOfTheWorkerStandBesideEachOther)
+TEST_F(MkLockTest, SharedLocksOfTheWorkerDoNotExcludeEachOther)
 {
     const Owner first(mk_lock_(file_.c_str(), O_RDWR | O_CREAT, LOCK_SH, 0));
     const Owner second(mk_lock_(file_.c_str(), O_RDWR | O_CREAT, LOCK_SH | LOCK_NB, 0));
