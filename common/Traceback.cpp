@@ -55,10 +55,12 @@ Traceback::Traceback(const Traceback& other) noexcept
 
 Traceback& Traceback::operator=(const Traceback& other) noexcept
 {
-    frames_ = other.frames_;
-    count_ = other.count_;
-    skip_ = other.skip_;
-    symbols_.reset();
+    if (this != &other) {
+        frames_ = other.frames_;
+        count_ = other.count_;
+        skip_ = other.skip_;
+        symbols_.reset();
+    }
     return *this;
 }
 

@@ -2,6 +2,7 @@
 #include "common/zorvo_log.h"
 
 #include "support/Child.h"
+#include "support/InterruptedPipe.h"
 #include "support/OpenFds.h"
 
 #include <gmock/gmock.h>
@@ -255,6 +256,22 @@ TEST(ZorvoLogConsoleTest, LongMessageArrivesWhole)
     const ChildResult result = inChild([&] { zorvo_log(LOG_ERR, "%s", text.c_str()); });
     EXPECT_TRUE(text + "\n" == result.err);
     EXPECT_TRUE(text + "\n" == result.out);
+}
+
+TEST(ZorvoLogConsoleTest, InterruptedLineIsWholeOnBothStreams)
+{
+    const ChildResult interruptedErr = inChild([] {
+        support::InterruptedPipe err(STDERR_FILENO);
+        zorvo_log(LOG_ERR, "%s", "line");
+        std::cout << err.text();
+    });
+    const ChildResult interruptedOut = inChild([] {
+        support::InterruptedPipe out(STDOUT_FILENO);
+        zorvo_log(LOG_ERR, "%s", "line");
+        std::cerr << out.text();
+    });
+    EXPECT_EQ("line\nline\n", interruptedErr.out);
+    EXPECT_EQ("line\nline\n", interruptedOut.err);
 }
 
 struct Location {
