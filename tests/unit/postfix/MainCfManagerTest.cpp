@@ -3,7 +3,7 @@
 
 #include "common/SystemError.h"
 #include "postfix/PostfixError.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
 #include "support/Capture.h"

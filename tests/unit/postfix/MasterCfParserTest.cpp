@@ -2,7 +2,7 @@
 // refused with which message, and that files survive being loaded and stored.
 #include "postfix/ModuleManager.h"
 #include "postfix/PostfixError.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
 
 #include "support/OpenFds.h"
 #include "support/ScratchDir.h"

@@ -3,7 +3,7 @@
 #include "postfix/SenderTransport.h"
 
 #include "common/SystemError.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // decide.
 #include "postfix/ServiceManager.h"
 
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
 #include "support/Capture.h"

@@ -1,6 +1,6 @@
 #include "unit/postfix/ToolStandIns.h"
 
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
 
 #include <gtest/gtest.h>
 

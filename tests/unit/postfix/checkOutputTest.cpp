@@ -2,7 +2,7 @@
 #include "postfix/checkOutput.h"
 
 #include "postfix/PostfixError.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
 
 #include <gtest/gtest.h>
 

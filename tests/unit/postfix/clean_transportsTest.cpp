@@ -5,7 +5,7 @@
 #include "postfix/ModuleManager.h"
 #include "postfix/PostfixError.h"
 #include "postfix/SenderTransportManager.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
 #include "support/Child.h"
