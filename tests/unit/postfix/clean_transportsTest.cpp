@@ -5,6 +5,7 @@
 #include "postfix/ModuleManager.h"
 #include "postfix/PostfixError.h"
 #include "postfix/SenderTransportManager.h"
+#include "unit/postfix/FreshStart.h"
 #include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
@@ -38,7 +39,7 @@ const std::vector<std::string> remove6{postconfPath, "-X", "smtp_bind_address6"}
 const std::vector<std::string> rebuild{postmapPath, "-r", table};
 
 /// With postconf and postmap replaced, and master.cf in a directory of the test's own.
-class CleanTransportsTest : public testing::Test {
+class CleanTransportsTest : public support::FreshProcessTest {
 protected:
     CleanTransportsTest()
     {
@@ -63,7 +64,7 @@ protected:
     const std::string path_ = scratch_.file("master.cf");
 };
 
-TEST_F(CleanTransportsTest, ToolsRunInOrder)
+PROCESS_TEST_F(CleanTransportsTest, ToolsRunInOrder)
 {
     cleaned("zorvo-x unix - - n - - smtp\n");
     EXPECT_EQ((CommandLines{directoryQuery, remove4, remove6, rebuild, directoryQuery}),
@@ -71,7 +72,7 @@ TEST_F(CleanTransportsTest, ToolsRunInOrder)
 }
 
 // The table is rebuilt from an empty source file, which does not stay.
-TEST_F(CleanTransportsTest, TableIsEmptiedBeforeMasterCfIsTouched)
+PROCESS_TEST_F(CleanTransportsTest, TableIsEmptiedBeforeMasterCfIsTouched)
 {
     cleaned("zorvo-x unix - - n - - smtp\n# end\n");
     const support::ToolCall run = tools_.calls().at(3);
@@ -82,7 +83,7 @@ TEST_F(CleanTransportsTest, TableIsEmptiedBeforeMasterCfIsTouched)
     EXPECT_EQ("# end\n", masterCf());
 }
 
-TEST_F(CleanTransportsTest, ParametersAreRemovedUnderTheLock)
+PROCESS_TEST_F(CleanTransportsTest, ParametersAreRemovedUnderTheLock)
 {
     const std::string mainCfLock = support::lockFileOf(scratch_.path() + "/main.cf");
     const std::string tableLock = support::lockFileOf(tableSource);
@@ -96,7 +97,7 @@ TEST_F(CleanTransportsTest, ParametersAreRemovedUnderTheLock)
     EXPECT_FALSE(calls.at(3).lockHeld.at(mainCfLock));
 }
 
-TEST_F(CleanTransportsTest, UnixServicesOfThePrefixAreRemoved)
+PROCESS_TEST_F(CleanTransportsTest, UnixServicesOfThePrefixAreRemoved)
 {
     EXPECT_EQ("# top\nsmtp unix - - n - - smtp\n# end\n",
               cleaned("# top\n"
@@ -110,7 +111,7 @@ TEST_F(CleanTransportsTest, UnixServicesOfThePrefixAreRemoved)
                       "# end\n"));
 }
 
-TEST_F(CleanTransportsTest, OtherServicesStay)
+PROCESS_TEST_F(CleanTransportsTest, OtherServicesStay)
 {
     const std::string text = "zorvo-x inet n - n - - smtpd\n"
                              "zorvo-x fifo - - n - - smtp\n"
@@ -126,7 +127,7 @@ TEST_F(CleanTransportsTest, OtherServicesStay)
 }
 
 // Such a name cannot be read from a file, but it can be in memory.
-TEST_F(CleanTransportsTest, PrefixIsCaseSensitive)
+PROCESS_TEST_F(CleanTransportsTest, PrefixIsCaseSensitive)
 {
     support::writeFile(path_, "# top");
     ModuleManager& modules = ModuleManager::getInstance();
@@ -143,7 +144,7 @@ TEST_F(CleanTransportsTest, PrefixIsCaseSensitive)
 }
 
 // A service of another type in master.cf does not cost a disabled one of its name.
-TEST_F(CleanTransportsTest, DisabledNamesakeStays)
+PROCESS_TEST_F(CleanTransportsTest, DisabledNamesakeStays)
 {
     const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
     support::writeFile(disabledPath, "zorvo-x unix - - n - - smtp\n");
@@ -152,7 +153,7 @@ TEST_F(CleanTransportsTest, DisabledNamesakeStays)
 }
 
 // Services that are disabled are no services of master.cf.
-TEST_F(CleanTransportsTest, DisabledServicesStay)
+PROCESS_TEST_F(CleanTransportsTest, DisabledServicesStay)
 {
     const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
     support::writeFile(disabledPath, "zorvo-x unix - - n - - smtp\n");
@@ -161,13 +162,13 @@ TEST_F(CleanTransportsTest, DisabledServicesStay)
     EXPECT_EQ("# end\n", masterCf());
 }
 
-TEST_F(CleanTransportsTest, MasterCfWithoutGeneratedServicesKeepsItsContent)
+PROCESS_TEST_F(CleanTransportsTest, MasterCfWithoutGeneratedServicesKeepsItsContent)
 {
     const std::string text = "# top\nsmtp  inet\tn - n - - smtpd # c\n\n  -o a=b\n# end\n";
     EXPECT_EQ(text, cleaned(text));
 }
 
-TEST_F(CleanTransportsTest, EarlierEditsAreStoredEvenWithoutAGeneratedService)
+PROCESS_TEST_F(CleanTransportsTest, EarlierEditsAreStoredEvenWithoutAGeneratedService)
 {
     support::writeFile(path_, "# top");
     ModuleManager& modules = ModuleManager::getInstance();
@@ -180,7 +181,7 @@ TEST_F(CleanTransportsTest, EarlierEditsAreStoredEvenWithoutAGeneratedService)
     EXPECT_EQ("# top\npending inet - - n - - x\n", masterCf());
 }
 
-TEST_F(CleanTransportsTest, SecondCleanupChangesNothingMore)
+PROCESS_TEST_F(CleanTransportsTest, SecondCleanupChangesNothingMore)
 {
     const std::string once = cleaned("# top\nzorvo-x unix - - n - - smtp\n# end\n");
     clean_transports();
@@ -192,7 +193,7 @@ TEST_F(CleanTransportsTest, SecondCleanupChangesNothingMore)
 
 // --- failures
 
-TEST_F(CleanTransportsTest, FailureOfTheFirstParameterStopsThere)
+PROCESS_TEST_F(CleanTransportsTest, FailureOfTheFirstParameterStopsThere)
 {
     tools_.answer(postconfPath, {"-X", "smtp_bind_address"}, ToolAnswer::fails(1, "postconf: fatal: x\n"));
     EXPECT_EQ("postconf: fatal: x\n", exactMessageOf<PostfixConfigurationError>(
@@ -201,7 +202,7 @@ TEST_F(CleanTransportsTest, FailureOfTheFirstParameterStopsThere)
     EXPECT_EQ("zorvo-x unix - - n - - smtp\n", masterCf());
 }
 
-TEST_F(CleanTransportsTest, FailureOfTheSecondParameterStopsThere)
+PROCESS_TEST_F(CleanTransportsTest, FailureOfTheSecondParameterStopsThere)
 {
     tools_.answer(postconfPath, {"-X", "smtp_bind_address6"}, ToolAnswer::fails(1, ""));
     EXPECT_EQ("unknown error", exactMessageOf<PostfixConfigurationError>(
@@ -209,7 +210,7 @@ TEST_F(CleanTransportsTest, FailureOfTheSecondParameterStopsThere)
     EXPECT_EQ((CommandLines{directoryQuery, remove4, remove6}), tools_.commandLines());
 }
 
-TEST_F(CleanTransportsTest, FailureOfTheTableLeavesTheServices)
+PROCESS_TEST_F(CleanTransportsTest, FailureOfTheTableLeavesTheServices)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: fatal: x\n"));
     EXPECT_EQ("postmap: fatal: x\n", exactMessageOf<PostfixConfigurationError>(
@@ -219,7 +220,7 @@ TEST_F(CleanTransportsTest, FailureOfTheTableLeavesTheServices)
     EXPECT_FALSE(std::filesystem::exists(tableSource));
 }
 
-TEST_F(CleanTransportsTest, UnreadableMasterCfComesAfterTheRest)
+PROCESS_TEST_F(CleanTransportsTest, UnreadableMasterCfComesAfterTheRest)
 {
     EXPECT_EQ(
         "unable to parse " + path_ + ": syntax error at position 0 near 'Bad'",
@@ -232,7 +233,7 @@ TEST_F(CleanTransportsTest, UnreadableMasterCfComesAfterTheRest)
 // --- runs one after the other, each a process of its own
 
 // The file's final line feed leaves an empty last line in memory; each run adds its services behind it.
-TEST_F(CleanTransportsTest, EachRunLeavesABlankLineMoreAboveItsServices)
+PROCESS_TEST_F(CleanTransportsTest, EachRunLeavesABlankLineMoreAboveItsServices)
 {
     support::writeFile(path_, "# top\n");
     const auto run = [] {
@@ -266,7 +267,9 @@ TEST_F(CleanTransportsTest, EachRunLeavesABlankLineMoreAboveItsServices)
 
 // --- with the real tools
 
-TEST(CleanTransportsPostfixTest, EverythingGeneratedIsGone)
+class CleanTransportsPostfixTest : public support::FreshProcessTest {};
+
+PROCESS_TEST_F(CleanTransportsPostfixTest, EverythingGeneratedIsGone)
 {
     const std::string mainCf = support::readFile("/etc/postfix/main.cf");
     const std::string masterCf = support::readFile("/etc/postfix/master.cf");
