@@ -2,7 +2,7 @@
 #include "postfix/DatabaseHelper.h"
 
 #include "postfix/PostfixError.h"
-#include "postfix/checkOutput.h"
+#include "postfix/PostfixTool.h"
 
 #include <boost/algorithm/string/predicate.hpp>
 

@@ -3,7 +3,7 @@
 
 #include "common/MKLock.h"
 #include "postfix/PostfixError.h"
-#include "postfix/checkOutput.h"
+#include "postfix/PostfixTool.h"
 #include "process/Pipe.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // checkOutput and the judging of tool runs: see the header.
-#include "postfix/checkOutput.h"
+#include "postfix/PostfixTool.h"
 
 #include "postfix/PostfixError.h"
 

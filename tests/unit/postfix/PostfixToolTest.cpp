@@ -1,5 +1,5 @@
 // checkOutput, toolSucceeded, requireToolSuccess: what counts as a failure of one of Postfix's tools.
-#include "postfix/checkOutput.h"
+#include "postfix/PostfixTool.h"
 
 #include "postfix/PostfixError.h"
 #include "unit/postfix/PostfixTestTools.h"
