@@ -31,9 +31,9 @@ typedef std::vector<std::vector<std::string>> CommandLines;
 typedef SenderTransportManager<IpSenderTransport> IpManager;
 typedef SenderTransportManager<DomainSenderTransport> DomainManager;
 
-const char* const table = "hash:/var/spool/postfix/zorvo/sdd_transport_maps";
-const char* const tableLock =
-    "/run/lock/files/3f2d29bd9506937ccda01890b1c213f1"; // MD5 of the path behind "hash:"
+const std::string table = senderTransportTable;
+const std::string tableSource = support::sourceOf(table);
+const std::string tableLock = support::lockFileOf(tableSource);
 const std::vector<std::string> directoryQuery{postconfPath, "-h", "config_directory"};
 const std::vector<std::string> merge{postmapPath, "-r", "-i", table};
 
@@ -56,7 +56,7 @@ protected:
         tools_.replace(postmapPath);
         tools_.answer(postconfPath, {"-h", "config_directory"}, ToolAnswer::prints(scratch_.path() + "\n"));
         tools_.watchFile(path_);
-        tools_.watchFile("/var/spool/postfix/zorvo/sdd_transport_maps");
+        tools_.watchFile(tableSource);
         tools_.probeLock(tableLock);
     }
 
@@ -94,7 +94,7 @@ PROCESS_TEST_F(SenderTransportManagerTest, AddingWritesTheServiceThenTheRecord)
     EXPECT_EQ("@example.org zorvo-192.0.2.1-:\n", run.input);
     EXPECT_EQ(std::string("# top\n") + ipService + "\n", run.files.at(path_)->content);
     EXPECT_EQ(0644U, run.files.at(path_)->mode);
-    EXPECT_EQ(std::nullopt, run.files.at("/var/spool/postfix/zorvo/sdd_transport_maps"));
+    EXPECT_EQ(std::nullopt, run.files.at(tableSource));
     EXPECT_TRUE(run.lockHeld.at(tableLock));
     EXPECT_EQ(std::string("# top\n") + ipService + "\n", masterCf());
 }
@@ -409,13 +409,10 @@ protected:
     {
         support::ageMainCf();
         // An empty table, as the cleanup of every run leaves it.
-        support::outputOf(std::string("/usr/sbin/postmap -r -i ") + table + " </dev/null");
+        support::outputOf("/usr/sbin/postmap -r -i " + table + " </dev/null");
     }
 
-    static std::string records()
-    {
-        return support::outputOf(std::string("/usr/sbin/postmap -s ") + table + " | sort");
-    }
+    static std::string records() { return support::outputOf("/usr/sbin/postmap -s " + table + " | sort"); }
 
     /// The generated services as postconf(1) reads them, one blank between words.
     static std::string services()
