@@ -517,13 +517,57 @@ PROCESS_TEST_F(ModuleManagerTest, BrokenDisabledFileIsNamed)
               exactMessageOf<PostfixConfigurationError>([this] { loaded("# a\n", "# b\nBad\n"); }));
 }
 
-// Else a service disabled afterwards would be stored over a file that nobody could read.
-PROCESS_TEST_F(ModuleManagerTest, BrokenDisabledFileLeavesNothingLoaded)
+// master.cf counts as soon as it is read, before the other file is looked at.
+PROCESS_TEST_F(ModuleManagerTest, BrokenDisabledFileLeavesMasterCfLoaded)
 {
-    EXPECT_THROW(loaded("# a\n", "# b\nBad\n"), PostfixConfigurationError);
-    EXPECT_EQ(notLoaded, exactMessageOf<std::logic_error>([] { manager().storeModules(true); }));
-    EXPECT_THROW(manager().loadModules(false), PostfixConfigurationError);
+    EXPECT_THROW(loaded("a unix - - n - - x\n", "# b\nBad\n"), PostfixConfigurationError);
+    EXPECT_TRUE(manager().hasModule("a", ModuleType::Unix, true));
+    manager().loadModules(false);
+    manager().storeModules(true);
+    EXPECT_EQ("a unix - - n - - x\n", enabledFile());
     EXPECT_EQ("# b\nBad\n", disabledFile());
+}
+
+PROCESS_TEST_F(ModuleManagerTest, ForcedLoadWithABrokenDisabledFileReplacesTheEnabledServicesOnly)
+{
+    ModuleManager& m = loaded("a unix - - n - - x\n", "c unix - - n - - x\n");
+    support::writeFile(path_, "b unix - - n - - x\n");
+    support::writeFile(disabledPath, "Bad\n");
+    EXPECT_EQ(std::string("unable to parse ") + disabledPath + ": syntax error at position 0 near 'Bad'",
+              exactMessageOf<PostfixConfigurationError>([&] { m.loadModules(true); }));
+    EXPECT_FALSE(m.hasModule("a", ModuleType::Unix, true));
+    EXPECT_TRUE(m.hasModule("b", ModuleType::Unix, true));
+    EXPECT_TRUE(m.hasModule("c", ModuleType::Unix, false));
+}
+
+// Taken for absent, it would be replaced by the next store.
+PROCESS_TEST_F(ModuleManagerTest, DisabledFileThatCannotBeReachedIsAnErrorAfterMasterCf)
+{
+    std::filesystem::create_symlink(disabledPath, disabledPath);
+    EXPECT_EQ(std::string("filesystem error: cannot get file size: Too many levels of symbolic links [") +
+                  disabledPath + "]",
+              exactMessageOf<std::filesystem::filesystem_error>([this] { loaded("a unix - - n - - x\n"); }));
+    EXPECT_TRUE(manager().hasModule("a", ModuleType::Unix, true));
+}
+
+PROCESS_TEST_F(ModuleManagerTest, FileInPlaceOfTheDisabledFilesDirectoryIsAnError)
+{
+    const std::filesystem::path directory = std::filesystem::path(disabledPath).parent_path();
+    std::filesystem::remove(directory);
+    support::writeFile(directory, "");
+    const std::string message =
+        exactMessageOf<std::filesystem::filesystem_error>([this] { loaded("# a\n"); });
+    std::filesystem::remove(directory);
+    std::filesystem::create_directory(directory);
+    EXPECT_EQ(std::string("filesystem error: cannot get file size: Not a directory [") + disabledPath + "]",
+              message);
+}
+
+PROCESS_TEST_F(ModuleManagerTest, SymbolicLinkToNothingIsAnAbsentDisabledFile)
+{
+    std::filesystem::create_symlink(scratch_.file("nothing"), disabledPath);
+    ModuleManager& m = loaded("a unix - - n - - x\n");
+    EXPECT_FALSE(m.hasModule("a", ModuleType::Unix, false));
 }
 
 PROCESS_TEST_F(ModuleManagerTest, ServiceIsRemovedByItsOwnName)
@@ -536,13 +580,11 @@ PROCESS_TEST_F(ModuleManagerTest, ServiceIsRemovedByItsOwnName)
         m.hasModule("a-name-too-long-for-the-string-itself", ModuleType::Unix, boost::indeterminate));
 }
 
-PROCESS_TEST_F(ModuleManagerTest, DisabledFileThatIsNoFileIsNamed)
+PROCESS_TEST_F(ModuleManagerTest, DirectoryInPlaceOfTheDisabledFileIsAnError)
 {
     std::filesystem::create_directory(disabledPath);
-    support::writeFile(std::string(disabledPath) + "/content", "x");
-    support::writeFile(path_, "# a\n");
-    EXPECT_EQ(std::string("unable to open ") + disabledPath,
-              exactMessageOf<PostfixConfigurationError>([] { manager().loadModules(false); }));
+    EXPECT_EQ(std::string("filesystem error: cannot get file size: Is a directory [") + disabledPath + "]",
+              exactMessageOf<std::filesystem::filesystem_error>([this] { loaded("# a\n"); }));
 }
 
 PROCESS_TEST_F(ModuleManagerTest, UnreadableDisabledFileIsNamed)
