@@ -14,13 +14,33 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <list>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
+
+namespace {
+
+// So many of the next calls of remove(3) fail with EINTR.
+int removalsToInterrupt = 0;
+
+} // namespace
+
+extern "C" int remove(const char* path) noexcept
+{
+    if (removalsToInterrupt > 0) {
+        --removalsToInterrupt;
+        errno = EINTR;
+        return -1;
+    }
+    const int result = ::unlink(path);
+    return result == -1 && errno == EISDIR ? ::rmdir(path) : result;
+}
 
 namespace {
 
@@ -567,6 +587,47 @@ TEST_F(DatabaseHelperTest, MissingLmdbFileIsNoError)
 {
     replace("lmdb:" + source_, twoRecords);
     EXPECT_EQ((std::vector<std::string>{postmapPath, "-r", "lmdb:" + source_}), call().argv);
+}
+
+TEST_F(DatabaseHelperTest, InterruptedRemovalOfTheLmdbFileIsRepeated)
+{
+    const std::string database = source_ + ".lmdb";
+    support::writeFile(database, "old");
+    tools_.watchFile(database);
+    removalsToInterrupt = 2;
+    replace("lmdb:" + source_, twoRecords);
+    EXPECT_EQ(0, removalsToInterrupt);
+    EXPECT_EQ(std::nullopt, call().files.at(database));
+}
+
+TEST_F(DatabaseHelperTest, LmdbFileThatCannotBeRemovedStopsTheRebuild)
+{
+    const std::string database = source_ + ".lmdb";
+    std::filesystem::create_directory(database);
+    support::writeFile(database + "/content", "x");
+    EXPECT_EQ("filesystem error: cannot remove: Directory not empty [" + database + "]",
+              exactMessageOf<std::filesystem::filesystem_error>(
+                  [this] { replace("lmdb:" + source_, twoRecords); }));
+    EXPECT_TRUE(tools_.calls().empty());
+    EXPECT_EQ(std::set<std::string>{"table.lmdb"}, scratch_.names());
+}
+
+// The records are not safe in the source file then, so the old table stays.
+TEST_F(DatabaseHelperTest, FailedCloseKeepsTheLmdbFile)
+{
+    support::writeFile(source_ + ".lmdb", "old");
+    const auto result = support::runInChild([this] {
+        support::failCloseOf(support::nextDescriptor(1), EIO); // The first one is the lock's.
+        try {
+            replace("lmdb:" + source_, twoRecords);
+        } catch (const std::ios_base::failure&) {
+            return 7;
+        }
+        return 0;
+    });
+    EXPECT_TRUE(result.exitedWith(7));
+    EXPECT_TRUE(tools_.calls().empty());
+    EXPECT_EQ(std::set<std::string>{"table.lmdb"}, scratch_.names());
 }
 
 TEST_F(DatabaseHelperTest, LmdbFileIsGoneAfterAFailedRebuild)

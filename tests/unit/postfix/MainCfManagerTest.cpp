@@ -159,6 +159,17 @@ PROCESS_TEST_F(MainCfManagerTest, LockIsNamedByTheDirectoryAsItStands)
     EXPECT_FALSE(tools_.calls().at(1).lockHeld.at(mainCfLock));
 }
 
+PROCESS_TEST_F(MainCfManagerTest, LockIsNamedByTheBuiltInDirectoryWhereThatIsUsed)
+{
+    const std::string lock = support::lockFileOf("/built/in/main.cf");
+    tools_.probeLock(lock);
+    tools_.answerOnce(postconfPath, ToolAnswer::fails(1, "postconf: fatal: text\n"));
+    tools_.answerOnce(postconfPath, ToolAnswer::prints("/built/in\n"));
+    MainCfManager::getInstance().removeKey("name");
+    EXPECT_TRUE(tools_.calls().at(2).lockHeld.at(lock));
+    EXPECT_FALSE(tools_.calls().at(2).lockHeld.at(mainCfLock));
+}
+
 // --- reading a value
 
 PROCESS_TEST_F(MainCfManagerTest, ValueIsAskedForByName)

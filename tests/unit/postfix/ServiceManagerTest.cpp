@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -284,6 +285,62 @@ TEST(PrintStatusTest, AnythingElseIsStopped)
         EXPECT_EQ("", capture.err());
         EXPECT_EQ(0, result);
     }
+}
+
+int announcing = -1; ///< A signal is announced here.
+
+char stateOf(pid_t process)
+{
+    const std::string stat = support::readFile("/proc/" + std::to_string(process) + "/stat");
+    return stat.at(stat.rfind(')') + 2);
+}
+
+/// A pipe that holds as much as it can.
+struct FullPipe {
+    FullPipe()
+    {
+        if (::pipe2(ends, O_NONBLOCK) != 0)
+            throw std::runtime_error("pipe2");
+        while (::write(ends[1], "x", 1) == 1)
+            content += 'x';
+        ::fcntl(ends[0], F_SETFL, 0);
+        ::fcntl(ends[1], F_SETFL, 0);
+    }
+
+    int ends[2];
+    std::string content;
+};
+
+TEST(PrintStatusTest, LineIsWholeWhenASignalInterruptsIt)
+{
+    FullPipe output;
+    int announcements[2];
+    ASSERT_EQ(0, ::pipe(announcements));
+    const pid_t child = support::forkChild([&] {
+        announcing = announcements[1];
+        struct sigaction action {};
+        action.sa_handler = [](int) { (void)!::write(announcing, "s", 1); };
+        ::sigaction(SIGUSR1, &action, nullptr);
+        ::close(output.ends[0]);
+        ::dup2(output.ends[1], 1);
+        ::close(output.ends[1]);
+        (void)!::write(announcing, "r", 1);
+        return print_status(1);
+    });
+    ::close(output.ends[1]);
+    char byte = 0;
+    ASSERT_EQ(1, ::read(announcements[0], &byte, 1));
+    while (stateOf(child) != 'S')
+        ::usleep(1000);
+    ::kill(child, SIGUSR1);
+    ASSERT_EQ(1, ::read(announcements[0], &byte, 1));
+    std::string text;
+    while (::read(output.ends[0], &byte, 1) == 1)
+        text += byte;
+    EXPECT_EQ(0, support::waitFor(child));
+    EXPECT_EQ(output.content + "is stopped\n", text);
+    for (const int fd : {output.ends[0], announcements[0], announcements[1]})
+        ::close(fd);
 }
 
 // --- the pid file
