@@ -65,6 +65,7 @@ struct MasterCfParser : zorvo::parser::classic::grammar<MasterCfParser> {
     mutable ModuleInfo entry; ///< The one being read.
 };
 
+// Long because the grammar is one thing: its sets, then its rules from the file down to a word.
 template <class Scanner>
 MasterCfParser::definition<Scanner>::definition(const MasterCfParser& self)
 {

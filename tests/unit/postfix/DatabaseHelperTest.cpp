@@ -52,8 +52,8 @@ using support::ToolAnswer;
 using support::ToolCall;
 using namespace zorvo::mail::postfix;
 
-typedef std::vector<std::vector<std::string>> CommandLines;
-typedef std::vector<std::string> Keys;
+using CommandLines = std::vector<std::vector<std::string>>;
+using Keys = std::vector<std::string>;
 
 const RecordList noRecords;
 const RecordList twoRecords{{"@example.org", "zorvo-192.0.2.1-:"}, {"@example.com", "zorvo--2001-db8--1:"}};
@@ -219,7 +219,7 @@ TEST_F(DatabaseHelperTest, FailedAdditionWithoutErrorOutputIsUnknown)
 }
 
 // Judged by the tool's end alone, unlike a removal.
-TEST_F(DatabaseHelperTest, AdditionWithToleratedErrorOutputFailsAllTheSame)
+TEST_F(DatabaseHelperTest, AdditionWithToleratedErrorOutputStillFails)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: warning: x\n"));
     EXPECT_EQ("postmap: warning: x\n",
@@ -355,7 +355,7 @@ TEST_F(DatabaseHelperTest, RemovingManyRunsUnderTheLock)
     EXPECT_TRUE(support::lockIsFree(lock_));
 }
 
-TEST_F(DatabaseHelperTest, RemovalOfManyIsJudgedLikeThatOfOne)
+TEST_F(DatabaseHelperTest, RemovalOfManyIsJudgedLikeRemovalOfOne)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: warning: x\n"));
     EXPECT_EQ("(no exception)", messageOf<std::exception>([this] { remove(table_, {"a"}); }));
@@ -443,7 +443,7 @@ TEST_F(DatabaseHelperTest, FailedRebuildWithoutErrorOutputIsUnknown)
               exactMessageOf<PostfixConfigurationError>([this] { replace(table_, noRecords); }));
 }
 
-TEST_F(DatabaseHelperTest, RebuildWithToleratedErrorOutputFailsAllTheSame)
+TEST_F(DatabaseHelperTest, RebuildWithToleratedErrorOutputStillFails)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: warning: x\n"));
     EXPECT_EQ("postmap: warning: x\n",
@@ -561,7 +561,7 @@ TEST_F(DatabaseHelperTest, NameWithoutColonIsThePathItself)
     EXPECT_EQ(twoRecordsText, tools_.calls().front().files.at(source_)->content);
 }
 
-// The type is no part of the lock's name.
+// The type is not part of the lock's name.
 TEST_F(DatabaseHelperTest, OneLockServesAllTypesOfATable)
 {
     for (const std::string type : {"hash:", "btree:", "lmdb:", "cdb:", ":"})
@@ -583,7 +583,7 @@ TEST_F(DatabaseHelperTest, LmdbFileIsRemovedBeforeARebuild)
     EXPECT_TRUE(scratch_.names().empty());
 }
 
-TEST_F(DatabaseHelperTest, MissingLmdbFileIsNoError)
+TEST_F(DatabaseHelperTest, MissingLmdbFileIsNotAnError)
 {
     replace("lmdb:" + source_, twoRecords);
     EXPECT_EQ((std::vector<std::string>{postmapPath, "-r", "lmdb:" + source_}), call().argv);
@@ -651,7 +651,7 @@ TEST_F(DatabaseHelperTest, OtherTypesKeepTheirDatabaseFiles)
 }
 
 // A name that only contains the word is none of that type: its source file has a longer name.
-TEST_F(DatabaseHelperTest, LmdbFurtherBehindIsNoType)
+TEST_F(DatabaseHelperTest, LmdbLaterInTheNameIsNotTheType)
 {
     const std::filesystem::path before = std::filesystem::current_path();
     std::filesystem::current_path(scratch_.path());
@@ -795,7 +795,7 @@ TEST_F(DatabaseHelperPostfixTest, RemovedRecordsAreGone)
 }
 
 // postmap(1) exits with 1 without a word.
-TEST_F(DatabaseHelperPostfixTest, RemovingAnAbsentKeyIsNoError)
+TEST_F(DatabaseHelperPostfixTest, RemovingAnAbsentKeySucceeds)
 {
     replace({{"a", "1"}});
     DatabaseHelper::removeRecord(table_, "b");

@@ -34,7 +34,7 @@ using support::zorvorcPath;
 using testing::MatchesRegex;
 using zorvo::mail::postfix::ServiceManager;
 
-typedef std::vector<std::vector<std::string>> CommandLines;
+using CommandLines = std::vector<std::vector<std::string>>;
 
 const char* const pidPath = "/var/spool/postfix/pid/master.pid";
 
@@ -345,13 +345,13 @@ TEST(PrintStatusTest, LineIsWholeWhenASignalInterruptsIt)
 
 // --- the pid file
 
-TEST(MasterPidTest, MissingFileIsNoPid)
+TEST(MasterPidTest, MissingFileHasNoPid)
 {
     std::filesystem::remove(pidPath);
     EXPECT_EQ(-1, ServiceManager::getMasterPid());
 }
 
-TEST(MasterPidTest, NumberIsReadBehindWhiteSpace)
+TEST(MasterPidTest, NumberIsReadAfterWhiteSpace)
 {
     for (const std::string text :
          {"4242", "4242\n", "   4242\n", "\n\t 4242 \n", "4242 more", "4242abc\n", "+4242"}) {
@@ -367,7 +367,7 @@ TEST(MasterPidTest, NumberIsReadAsPostfixWritesIt)
     EXPECT_EQ(1234, ServiceManager::getMasterPid());
 }
 
-TEST(MasterPidTest, TextWithoutNumberIsNoPid)
+TEST(MasterPidTest, TextWithoutNumberHasNoPid)
 {
     for (const std::string text : {"", "\n", "   ", "letters\n", "x42", "-", "#1"}) {
         support::writeFile(pidPath, text);
@@ -375,7 +375,7 @@ TEST(MasterPidTest, TextWithoutNumberIsNoPid)
     }
 }
 
-TEST(MasterPidTest, NumberOutOfRangeIsNoPid)
+TEST(MasterPidTest, NumberOutOfRangeIsNotAPid)
 {
     for (const std::string text : {"2147483648", "99999999999999999999", "-2147483649"}) {
         support::writeFile(pidPath, text);
@@ -394,7 +394,7 @@ TEST(MasterPidTest, NumberIsDecimal)
     EXPECT_EQ(0, ServiceManager::getMasterPid());
 }
 
-TEST(MasterPidTest, DirectoryIsNoPid)
+TEST(MasterPidTest, DirectoryHasNoPid)
 {
     std::filesystem::remove(pidPath);
     std::filesystem::create_directory(pidPath);
@@ -419,7 +419,7 @@ TEST_F(ServiceManagerTest, MasterWithoutQueueManagerIsNotRunning)
     EXPECT_EQ(1, ServiceManager::statusServer(0));
 }
 
-TEST_F(ServiceManagerTest, OtherNamesAreNoQueueManager)
+TEST_F(ServiceManagerTest, OtherNamesAreNotTheQueueManager)
 {
     for (const std::string name : {"qmgr2", "Qmgr", "nqmgr", "qmg", "(qmgr)", "pickup"}) {
         const NamedProcess other(name);
@@ -496,7 +496,7 @@ TEST_F(ServiceManagerTest, FirstSuccessfulLookIsTheLast)
 }
 
 // The file appears after the first look: a helper writes it as soon as that was made.
-TEST_F(ServiceManagerTest, MasterThatComesUpMeanwhileIsNoticed)
+TEST_F(ServiceManagerTest, MasterThatComesUpBetweenLooksIsNoticed)
 {
     const NamedProcess qmgr("qmgr");
     writePidFile("letters\n");
@@ -718,7 +718,7 @@ TEST_F(ServiceManagerPostfixTest, ReloadKeepsTheMaster)
     EXPECT_EQ(master, ServiceManager::getMasterPid());
 }
 
-// The script is content with a master, but no queue manager comes up.
+// The script is satisfied with a master, although no queue manager comes up.
 TEST_F(ServiceManagerPostfixTest, MasterWithoutQueueManagerServiceIsAFailedStart)
 {
     support::outputOf("sed -i '/^qmgr /d' /etc/postfix/master.cf");
