@@ -1,4 +1,4 @@
-// ModuleManager: see the header. Also the home of the shared grammar instances.
+// ModuleManager, and the shared instances of the grammars of CommonParsers.h.
 #include "postfix/ModuleManager.h"
 
 #include "common/MKLock.h"
@@ -33,7 +33,7 @@ namespace zorvo::mail::postfix {
 namespace {
 
 namespace fs = std::filesystem;
-typedef boost::spirit::classic::file_iterator<char> MappedFile;
+using MappedFile = boost::spirit::classic::file_iterator<char>;
 
 const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
 constexpr unsigned masterCfMode = 0644;
@@ -49,7 +49,7 @@ void writeLines(std::ostream& out, const std::list<std::string>& lines)
         out << *line << std::endl;
 }
 
-/// Maps a file; an empty iterator for what is no readable regular file with content.
+/// Maps a file; an empty iterator for anything except a readable regular file with content.
 MappedFile mapFile(const std::string& path)
 {
     MappedFile file;
@@ -64,6 +64,19 @@ MappedFile mapFile(const std::string& path)
     return file;
 }
 
+/// Size of the file of disabled services; 0 without one. Everything else that keeps it from being told is an
+/// error: a file that is taken for absent is replaced by the next store.
+std::uintmax_t disabledFileSize()
+{
+    std::error_code error;
+    const std::uintmax_t size = fs::file_size(disabledPath, error);
+    if (error == std::errc::no_such_file_or_directory)
+        return 0;
+    if (error)
+        throw fs::filesystem_error("cannot get file size", disabledPath, error);
+    return size;
+}
+
 bool includesEnabled(boost::logic::tribool enabled)
 {
     return enabled.value != boost::logic::tribool::false_value;
@@ -75,7 +88,7 @@ bool includesDisabled(boost::logic::tribool enabled)
 }
 
 /// The text from `position` to the end of its line.
-std::string lineFrom(const char* position, const char* end)
+std::string lineFrom(const MappedFile& position, const MappedFile& end)
 {
     return std::string(position, std::find(position, end, '\n'));
 }
@@ -96,12 +109,10 @@ ModuleManager::ModuleManager()
 
 void ModuleManager::loadMasterCf(const std::string& path, MasterCfContent& content)
 {
-    MappedFile file = mapFile(path);
-    if (!file)
+    MappedFile begin = mapFile(path);
+    if (!begin)
         throw PostfixConfigurationError("unable to open " + path);
-    // Plain pointers into the mapping: copies of a file iterator share a counted owner and are slow.
-    const char* const begin = &*file;
-    const char* const end = begin + (file.make_end() - file);
+    const MappedFile end = begin.make_end();
     const MasterCfParser grammar(content);
     const auto result = parser::classic::parse(begin, end, grammar);
     if (!result.full) {
@@ -125,25 +136,21 @@ void ModuleManager::loadModules(bool force)
 {
     if (enabled_ && !force)
         return;
-    // Both are read before either counts: after a failure what was in memory stays.
     boost::scoped_ptr<MasterCfContent> enabled(new MasterCfContent);
     loadMasterCf(masterCfPath_, *enabled);
-    boost::scoped_ptr<MasterCfContent> disabled;
-    struct stat file = {};
-    if (::stat(disabledPath, &file) == 0 && file.st_size != 0) {
-        disabled.reset(new MasterCfContent);
-        loadMasterCf(disabledPath, *disabled);
-    }
     enabled_.swap(enabled);
-    if (disabled)
+    if (disabledFileSize() != 0) {
+        boost::scoped_ptr<MasterCfContent> disabled(new MasterCfContent);
+        loadMasterCf(disabledPath, *disabled);
         disabled_.swap(disabled);
+    }
     enabledChanged_ = false;
     disabledChanged_ = false;
 }
 
 void ModuleManager::storeModules(bool force)
 {
-    requireLoaded();
+    _requireLoaded();
     if (force || enabledChanged_) {
         storeMasterCf(masterCfPath_, *enabled_);
         enabledChanged_ = false;
@@ -154,13 +161,13 @@ void ModuleManager::storeModules(bool force)
     }
 }
 
-void ModuleManager::requireLoaded() const
+void ModuleManager::_requireLoaded() const
 {
     if (!enabled_)
         throw std::logic_error("modules configuration isn't loaded yet");
 }
 
-MasterCfContent& ModuleManager::disabledContent()
+MasterCfContent& ModuleManager::_disabledContent()
 {
     if (!disabled_)
         disabled_.reset(new MasterCfContent);
@@ -169,13 +176,13 @@ MasterCfContent& ModuleManager::disabledContent()
 
 const MasterCfContent& ModuleManager::enabledContent() const
 {
-    requireLoaded();
+    _requireLoaded();
     return *enabled_;
 }
 
 bool ModuleManager::hasModule(const std::string& name, ModuleType type, boost::logic::tribool enabled) const
 {
-    requireLoaded();
+    _requireLoaded();
     return (includesEnabled(enabled) && enabled_->hasModule(name, type)) ||
            (includesDisabled(enabled) && disabled_ && disabled_->hasModule(name, type));
 }
@@ -183,7 +190,7 @@ bool ModuleManager::hasModule(const std::string& name, ModuleType type, boost::l
 std::pair<const ModuleInfo&, const std::string&>
 ModuleManager::getModule(const std::string& name, ModuleType type, boost::logic::tribool enabled) const
 {
-    requireLoaded();
+    _requireLoaded();
     if (!includesDisabled(enabled) || (includesEnabled(enabled) && enabled_->hasModule(name, type)))
         return enabled_->getModule(name, type);
     if (!disabled_)
@@ -193,7 +200,7 @@ ModuleManager::getModule(const std::string& name, ModuleType type, boost::logic:
 
 void ModuleManager::addModule(const ModuleInfo& info, bool enabled)
 {
-    requireLoaded();
+    _requireLoaded();
     const std::string text = formatServiceLine(info);
     if (enabled) {
         enabled_->addModule(info, text);
@@ -201,7 +208,7 @@ void ModuleManager::addModule(const ModuleInfo& info, bool enabled)
         if (disabled_ && disabled_->removeModule(info.name, info.type))
             disabledChanged_ = true;
     } else {
-        disabledContent().addModule(info, text);
+        _disabledContent().addModule(info, text);
         disabledChanged_ = true;
         if (enabled_->removeModule(info.name, info.type))
             enabledChanged_ = true;
@@ -210,8 +217,8 @@ void ModuleManager::addModule(const ModuleInfo& info, bool enabled)
 
 void ModuleManager::removeModule(const std::string& name, ModuleType type)
 {
-    requireLoaded();
-    // A copy, as it may be the name in the very entry.
+    _requireLoaded();
+    // A copy, as it may be the name in the entry itself.
     // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
     const std::string removed = name;
     if (enabled_->removeModule(removed, type))
@@ -222,7 +229,7 @@ void ModuleManager::removeModule(const std::string& name, ModuleType type)
 
 void ModuleManager::enableModule(const std::string& name, ModuleType type)
 {
-    requireLoaded();
+    _requireLoaded();
     if (enabled_->hasModule(name, type))
         return;
     if (!disabled_)
@@ -236,11 +243,11 @@ void ModuleManager::enableModule(const std::string& name, ModuleType type)
 
 void ModuleManager::disableModule(const std::string& name, ModuleType type)
 {
-    requireLoaded();
+    _requireLoaded();
     if (!enabled_->hasModule(name, type))
         return;
     const auto module = enabled_->getModule(name, type);
-    disabledContent().addModule(module.first, module.second);
+    _disabledContent().addModule(module.first, module.second);
     enabled_->removeModule(name, type);
     enabledChanged_ = true;
     disabledChanged_ = true;

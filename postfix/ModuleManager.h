@@ -27,19 +27,22 @@ public:
     ModuleManager(const ModuleManager&) = delete;
     ModuleManager& operator=(const ModuleManager&) = delete;
 
-    /// Reads both files, unless they are loaded and `force` is false. A disabled-services file that is absent
-    /// or empty leaves those in memory. Throws as loadMasterCf.
+    /// Reads master.cf, then the disabled-services file, unless the first is loaded and `force` is false.
+    /// Each replaces what was in memory as soon as it is read; a disabled-services file that is absent or
+    /// empty replaces nothing. Throws as loadMasterCf, or std::filesystem::filesystem_error "cannot get file
+    /// size" where it cannot be told whether the second file is there.
     void loadModules(bool force);
 
     /// Writes those of the two files whose services were changed; with `force` both, the disabled one where
     /// there is anything in memory for it. Throws as storeMasterCf.
     void storeModules(bool force);
 
-    /// `enabled` true: in master.cf; false: among the disabled; indeterminate: either.
+    /// Whether the service is in master.cf (`enabled` true), among the disabled ones (false) or in either
+    /// (indeterminate).
     bool hasModule(const std::string& name, ModuleType type, boost::logic::tribool enabled) const;
 
-    /// The service and its text, looked up likewise, enabled first; valid until changed or removed.
-    /// Throws std::out_of_range "no such module NAME".
+    /// The service and its text, looked up in the same way, enabled first; valid until it is changed or
+    /// removed. Throws std::out_of_range "no such module NAME".
     std::pair<const ModuleInfo&, const std::string&> getModule(const std::string& name, ModuleType type,
                                                                boost::logic::tribool enabled) const;
 
@@ -47,7 +50,7 @@ public:
     /// others.
     void addModule(const ModuleInfo& info, bool enabled);
 
-    /// Removes a service wherever it is; an unknown one is no error.
+    /// Removes a service wherever it is; an unknown one is not an error.
     void removeModule(const std::string& name, ModuleType type);
 
     /// Moves a service with its text to the end of master.cf. Nothing to do for an enabled one;
@@ -60,8 +63,9 @@ public:
     /// The services of master.cf as loaded.
     const MasterCfContent& enabledContent() const;
 
-    /// Reads one file into `content`. Throws PostfixConfigurationError "unable to open PATH" for what is no
-    /// readable regular file or empty, and "unable to parse PATH: syntax error at position N near 'TEXT'".
+    /// Reads one file into `content`. Throws PostfixConfigurationError "unable to open PATH" for anything
+    /// except a readable regular file with content, and "unable to parse PATH: syntax error at position N
+    /// near 'TEXT'"; what was read before that stays in `content`.
     static void loadMasterCf(const std::string& path, MasterCfContent& content);
 
     /// Replaces one file with the content's lines without empty ones at the end, mode 0644. The new file is
@@ -73,8 +77,8 @@ public:
 
 private:
     ModuleManager();
-    void requireLoaded() const;
-    MasterCfContent& disabledContent(); ///< Made on first need.
+    void _requireLoaded() const;
+    MasterCfContent& _disabledContent(); ///< Made on first need.
 
     boost::scoped_ptr<MasterCfContent> enabled_;  ///< Null: nothing is loaded yet.
     boost::scoped_ptr<MasterCfContent> disabled_; ///< Null: no disabled services so far.

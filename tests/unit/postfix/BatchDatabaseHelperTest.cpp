@@ -2,7 +2,7 @@
 #include "postfix/BatchDatabaseHelper.h"
 
 #include "postfix/PostfixError.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
 #include "support/ScratchDir.h"
@@ -53,7 +53,7 @@ using support::postmapPath;
 using support::ToolAnswer;
 using namespace zorvo::mail::postfix;
 
-typedef std::vector<std::vector<std::string>> CommandLines;
+using CommandLines = std::vector<std::vector<std::string>>;
 
 class BatchDatabaseHelperTest : public testing::Test {
 protected:
