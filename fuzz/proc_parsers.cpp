@@ -5,7 +5,7 @@
 // text.
 #include "process/proc_parsers.h"
 #include "fuzz/fuzz.h"
-#include "process/exec_helpers.h"
+#include "process/fork_exec.h"
 
 #include <algorithm>
 #include <climits>

@@ -2,7 +2,7 @@
 #include "postfix/ServiceManager.h"
 
 #include "common/eintr.h"
-#include "process/exec_helpers.h"
+#include "process/fork_exec.h"
 #include "process/iterateProcesses.h"
 
 #include <cerrno>

@@ -3,7 +3,7 @@
 
 #include "common/SystemError.h"
 #include "common/eintr.h"
-#include "process/SigBlocker.h"
+#include "process/signals.h"
 #include "process/StartState.h"
 
 #include <boost/bind/bind.hpp>

@@ -5,7 +5,7 @@
 #include "common/zorvo_log.h"
 #include "process/DirOwner.h"
 #include "process/FdOwner.h"
-#include "process/exec_helpers.h"
+#include "process/fork_exec.h"
 #include "process/proc_parsers.h"
 
 #include <fcntl.h>

@@ -1,5 +1,5 @@
 // SigBlocker and SigIgnorer: a signal is blocked or ignored within a scope, and all is as before after it.
-#include "process/SigBlocker.h"
+#include "process/signals.h"
 
 #include "unit/process/FailingCall.h"
 #include "unit/process/ProcessTestTools.h"

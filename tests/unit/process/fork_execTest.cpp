@@ -1,6 +1,6 @@
-// exec_helpers: real programs run by the plain functions: results, captured output, what is reported where,
+// fork_exec: real programs run by the plain functions: results, captured output, what is reported where,
 // and what is left.
-#include "process/exec_helpers.h"
+#include "process/fork_exec.h"
 
 #include "common/zorvo_log.h"
 #include "process/StartState.h"

@@ -1,5 +1,5 @@
-// exec_helpers: see the header.
-#include "process/exec_helpers.h"
+// fork_exec: see the header.
+#include "process/fork_exec.h"
 
 #include "common/SystemError.h"
 #include "common/eintr.h"
@@ -8,7 +8,7 @@
 #include "common/zorvo_log.h"
 #include "process/DirOwner.h"
 #include "process/FdOwner.h"
-#include "process/SigBlocker.h"
+#include "process/signals.h"
 #include "process/StartState.h"
 
 #include <fcntl.h>

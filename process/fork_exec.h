@@ -1,4 +1,4 @@
-// exec_helpers: plain functions that run a program, wait for it and translate its end.
+// fork_exec: plain functions that run a program, wait for it and translate its end.
 //
 // Argument vectors are null-terminated and begin with the program's name. Variable lists do likewise and end
 // with a (char*)NULL; of them at most 100 arguments are taken. Unless said otherwise a function blocks until

@@ -1,5 +1,5 @@
-// SigBlocker and SigIgnorer: see the header.
-#include "process/SigBlocker.h"
+// signals: see the header.
+#include "process/signals.h"
 
 #include "common/SystemError.h"
 #include "common/eintr.h"
