@@ -4,6 +4,7 @@
 
 #include "process/signals.h"
 #include "support/Capture.h"
+#include "support/InterruptedPipe.h"
 #include "support/OpenFds.h"
 #include "support/ScratchDir.h"
 #include "unit/process/ExecTestTools.h"
@@ -126,11 +127,13 @@ std::string failureOf(const Launch& launch)
     return failure;
 }
 
-/// What the constructor throws. Nothing may be left.
+/// What the constructor throws. No child may be created, and nothing be left.
 std::string refusalOf(const Launch& launch)
 {
     const auto fds = openFds();
+    const FailingCall fork(Call::fork, 1, EAGAIN);
     std::string thrown = thrownBy([&launch] { launch.start(); });
+    EXPECT_FALSE(fork.happened());
     EXPECT_TRUE(hasNoChildren());
     EXPECT_EQ(openFds(), fds);
     return thrown;
@@ -1271,6 +1274,20 @@ TEST(RethrowReportTest, CodeMayBeNegative)
     EXPECT_EQ(reportOf(records({"ET: SystemError", "EM: step", "EC: -5"})), systemError("step", -5));
 }
 
+// Standard error is unbuffered, and stdio gives up where a signal interrupts its write(2).
+TEST(RethrowReportTest, UnknownRecordArrivesWholeInSpiteOfSignals)
+{
+    inOwnProcess([] {
+        const std::string text(3000, 'x');
+        const int saved = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+        support::InterruptedPipe interrupted(STDERR_FILENO);
+        rethrowReport(records({text, "second"}));
+        const std::string written = interrupted.text();
+        ::dup2(saved, STDERR_FILENO);
+        EXPECT_EQ(written, "child output: " + text + "\nchild output: second\n");
+    });
+}
+
 // ---- The report on its way through a real control pipe
 
 TEST(ProcessLaunchControlPipeTest, UntaggedRecordIsLoggedAndIsNoError)
@@ -1319,6 +1336,23 @@ TEST(ProcessLaunchControlPipeTest, RecordsMaySpanChunks)
         EXPECT_EQ(failureOf(launch), "nothing; 0");
         EXPECT_EQ(clog.str(), "child output: " + text + "\nchild output: short\n");
     }
+}
+
+// Nothing of the pipe is left open, although interpreting ends at the bad record.
+TEST(ProcessLaunchControlPipeTest, ReportIsReadToItsEndBeforeItIsInterpreted)
+{
+    const ClogCapture clog;
+    const auto fds = openFds();
+    Launch launch;
+    launch.closeOtherFds = true;
+    launch.hook = [] { writeToControlPipe(records({"before", "EC: many", "after"})); };
+    const auto process = launch.start();
+    EXPECT_EQ(
+        thrownBy([&process] { process->waitExec(); }),
+        "boost::bad_lexical_cast: bad lexical cast: source type value could not be interpreted as target");
+    EXPECT_EQ(openFds(), fds);
+    EXPECT_EQ(process->waitExit(), 0);
+    EXPECT_EQ(clog.str(), "child output: before\n");
 }
 
 TEST(ProcessLaunchControlPipeTest, CodeThatIsNoNumberThrows)

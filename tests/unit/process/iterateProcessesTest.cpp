@@ -486,6 +486,22 @@ TEST_F(IterateMadeUpProcessesTest, OnlyDirectoriesWithANumberCount)
     });
 }
 
+// Not every file system tells the type of an entry; then the file itself does, and a link is not followed.
+TEST_F(IterateMadeUpProcessesTest, EntriesOfUnknownTypeAreLookedAt)
+{
+    withMadeUpProc([] {
+        makeDirectory("/proc/12");
+        makeDirectory("/proc/self");
+        writeFile("/proc/77", "");
+        std::filesystem::create_symlink("/proc/12", "/proc/78");
+        std::filesystem::create_symlink("/nowhere", "/proc/79");
+        const faults::UntypedEntries untyped;
+        Records records;
+        EXPECT_EQ(iterateProcesses(0, collect, &records), 1);
+        EXPECT_THAT(records, UnorderedElementsAre(Key(12)));
+    });
+}
+
 TEST_F(IterateMadeUpProcessesTest, AllFieldsComeFromTheirFiles)
 {
     withMadeUpProc([] {
