@@ -145,7 +145,7 @@ TEST(Messlog2Test, SystemErrorArrivesWholeWhereverTheFirstBufferEnds)
     }
 }
 
-TEST(Messlog2Test, SystemErrorBehindAVeryLongMessageArrivesWhole)
+TEST(Messlog2Test, SystemErrorAfterAVeryLongMessageArrivesWhole)
 {
     const std::string message(100000, 'm');
     EXPECT_TRUE(message + "\nSystem error 2: No such file or directory\n" == errOf(ENOENT, message));
@@ -194,7 +194,7 @@ TEST(Messlog2Test, TextIsOutAtOnce)
     EXPECT_EQ("x\n", result.out);
 }
 
-TEST(Messlog2Test, TextStandsBehindWhatStdioWroteBefore)
+TEST(Messlog2Test, TextComesAfterWhatStdioWrote)
 {
     const ChildResult result = runInChild([] {
         errno = 0;
@@ -339,6 +339,7 @@ TEST(Messlog2MemoryTest, WithoutTheFirstBufferAFixedTextIsReported)
     });
     EXPECT_EQ("Can't allocate memory for error message\n", report.err);
     EXPECT_EQ("Can't allocate memory for error message\n", report.out);
+    EXPECT_EQ(0, report.result);
 }
 
 TEST(Messlog2MemoryTest, WithoutALargerBufferTheTextIsCutAt4095Characters)

@@ -86,7 +86,7 @@ ChildResult withDevLog(const std::function<std::string(DevLog&)>& body)
     if ((result).exitedWith(noDevLog))                                                                       \
     GTEST_SKIP() << "/dev/log is taken and no private /dev can be had"
 
-/// Runs `body` in a child, for the logger's state is that of the process.
+/// Runs `body` in a child, because the logger's state belongs to the process.
 ChildResult inChild(const std::function<void()>& body)
 {
     return runInChild([&] {
@@ -236,7 +236,7 @@ TEST(ZorvoLogConsoleTest, TextIsOutAtOnce)
     EXPECT_EQ("x\n", result.out);
 }
 
-TEST(ZorvoLogConsoleTest, TextStandsBehindWhatStdioWroteBefore)
+TEST(ZorvoLogConsoleTest, TextComesAfterWhatStdioWrote)
 {
     EXPECT_EQ("before\nx\n", inChild([] {
                                  std::fputs("before\n", stdout);
@@ -538,7 +538,7 @@ TEST(ZorvoLogSyslogTest, LongLineWithoutTraceIdIsNotCut)
     EXPECT_TRUE("<19>tool[PID]: " + std::string(20000, 't') == result.out);
 }
 
-TEST(ZorvoLogSyslogTest, NobodyListeningIsNoFailure)
+TEST(ZorvoLogSyslogTest, NobodyListeningIsNotAFailure)
 {
     const ChildResult result = withDevLog([](DevLog&) {
         ::unlink("/dev/log");
