@@ -272,7 +272,7 @@ TEST_F(ToolFailureTest, ToolThatFailsWithoutReadingAShortRecordSpeaksForItself)
     }
 }
 
-TEST_F(ToolFailureTest, ToolThatIsKilledBeforeItReadsItsInputIsNoFailedWrite)
+TEST_F(ToolFailureTest, ToolThatIsKilledBeforeItReadsItsInputIsNotAFailedWrite)
 {
     answer(Answer(addRecord).leavesInput().diesBy(SIGKILL));
     for (const size_t length : {1U, 2000000U}) {

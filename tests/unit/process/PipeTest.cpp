@@ -58,7 +58,7 @@ using zorvo::process::ProcessStatus;
 
 namespace {
 
-typedef Parameters<PipeProcessFlags> Process;
+using Process = Parameters<PipeProcessFlags>;
 
 Process shell(const std::string& script)
 {
@@ -379,7 +379,7 @@ TEST_F(PipeTest, StdoutAndStderrCanBeACallersDescriptor)
     EXPECT_EQ(support::readFile(scratch.file("out")), "output\nerror\nopen");
 }
 
-TEST_F(PipeTest, StdoutSelectorThatIsNoneIsRefused)
+TEST_F(PipeTest, StdoutSelectorThatDoesNotExistIsRefused)
 {
     Pipe pipe;
     pipe.processes().push_back(Process("true"));
@@ -387,7 +387,7 @@ TEST_F(PipeTest, StdoutSelectorThatIsNoneIsRefused)
     EXPECT_EQ(thrownBy([&pipe] { pipe.run(); }), "std::invalid_argument: invalid FD for stdout");
 }
 
-TEST_F(PipeTest, StdinSelectorThatIsNoneIsRefused)
+TEST_F(PipeTest, StdinSelectorThatDoesNotExistIsRefused)
 {
     Pipe pipe;
     pipe.processes().push_back(Process("true"));
@@ -443,7 +443,7 @@ TEST_F(PipeTest, PipeWithoutAReceiverFailsAtTheFirstOutput)
     EXPECT_EQ(thrownBy([&err] { err.run(); }), failure);
 }
 
-TEST_F(PipeTest, PipeWithoutAReceiverIsNoFailureForSilence)
+TEST_F(PipeTest, PipeWithoutAReceiverIsNotAFailureForSilence)
 {
     Pipe pipe;
     pipe.processes().push_back(shell("exit 3"));
@@ -934,7 +934,7 @@ TEST_F(PipeTest, OutputOfAGrandchildIsCollectedToTheEnd)
     EXPECT_EQ(out, "early\nlate\n");
 }
 
-TEST_F(PipeTest, StoppedAndContinuedProcessIsNoEnd)
+TEST_F(PipeTest, StopAndContinuationOfAProcessAreNotItsEnd)
 {
     std::string out;
     Pipe pipe;

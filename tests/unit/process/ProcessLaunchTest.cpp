@@ -253,7 +253,7 @@ void writeToControlPipe(const std::string& bytes)
 
 // ---- Selectors
 
-TEST(ProcessLaunchSelectorTest, StdinRefusesWhatIsNoSelectorForIt)
+TEST(ProcessLaunchSelectorTest, StdinRefusesWhatIsNotASelectorForIt)
 {
     for (const int selector : {-1, static_cast<int>(kSameAsStdoutFd), -6, std::numeric_limits<int>::min()}) {
         SCOPED_TRACE(selector);
@@ -263,7 +263,7 @@ TEST(ProcessLaunchSelectorTest, StdinRefusesWhatIsNoSelectorForIt)
     }
 }
 
-TEST(ProcessLaunchSelectorTest, StdoutRefusesWhatIsNoSelectorForIt)
+TEST(ProcessLaunchSelectorTest, StdoutRefusesWhatIsNotASelectorForIt)
 {
     for (const int selector : {-1, static_cast<int>(kSameAsStdoutFd), -6, std::numeric_limits<int>::min()}) {
         SCOPED_TRACE(selector);
@@ -274,7 +274,7 @@ TEST(ProcessLaunchSelectorTest, StdoutRefusesWhatIsNoSelectorForIt)
     }
 }
 
-TEST(ProcessLaunchSelectorTest, StderrRefusesWhatIsNoSelectorForIt)
+TEST(ProcessLaunchSelectorTest, StderrRefusesWhatIsNotASelectorForIt)
 {
     for (const int selector : {-1, -6, std::numeric_limits<int>::min()}) {
         SCOPED_TRACE(selector);
@@ -576,7 +576,8 @@ TEST(ProcessLaunchParentFailureTest, PipeThatCannotBeMadeIsNamed)
     }
 }
 
-// The same labels come from a real lack of descriptors: with room for ever more of them ever later ones fail.
+// The same labels come from a real lack of descriptors: with room for more and more of them, a later and
+// later one fails.
 TEST(ProcessLaunchParentFailureTest, LackOfDescriptorsIsNamedStepByStep)
 {
     inOwnProcess([] {
@@ -1127,7 +1128,7 @@ TEST(ProcessLaunchTest, HookSeesNoDescriptorOfTheLaunchButTheControlPipe)
     });
 }
 
-// If the second child held the first one's stdin open, the first would wait for ever.
+// If the second child held the first one's stdin open, the first would wait forever.
 TEST(ProcessLaunchTest, ParentsPipeEndsReachNoOtherChild)
 {
     Launch launch;
@@ -1222,7 +1223,7 @@ TEST(RethrowReportTest, UnterminatedTailIsALastRecord)
     EXPECT_EQ(clog.str(), "child output: tail\n");
 }
 
-TEST(RethrowReportTest, UnknownRecordsGoToTheLogStreamAndAreNoError)
+TEST(RethrowReportTest, UnknownRecordsGoToTheLogStreamAndAreNotAnError)
 {
     ClogCapture clog;
     EXPECT_EQ(reportOf(records({"hello", "ET:", "et: SystemError", " ET: SystemError", "EX: 1", "E"})),
@@ -1251,7 +1252,7 @@ TEST(RethrowReportTest, UnknownRecordBesideAFailureIsLogged)
     EXPECT_EQ(clog.str(), "child output: before\nchild output: after\n");
 }
 
-TEST(RethrowReportTest, CodeThatIsNoNumberThrows)
+TEST(RethrowReportTest, CodeThatIsNotANumberThrows)
 {
     for (const char* const code : {"", "x", "12x", " 12", "12 ", "1.5", "99999999999"}) {
         SCOPED_TRACE(code);
@@ -1261,7 +1262,7 @@ TEST(RethrowReportTest, CodeThatIsNoNumberThrows)
     }
 }
 
-TEST(RethrowReportTest, CodeThatIsNoNumberThrowsForAnyTypeAndAsATail)
+TEST(RethrowReportTest, CodeThatIsNotANumberThrowsForAnyTypeAndAsATail)
 {
     const std::string failure =
         "boost::bad_lexical_cast: bad lexical cast: source type value could not be interpreted as target";
@@ -1290,7 +1291,7 @@ TEST(RethrowReportTest, UnknownRecordArrivesWholeInSpiteOfSignals)
 
 // ---- The report on its way through a real control pipe
 
-TEST(ProcessLaunchControlPipeTest, UntaggedRecordIsLoggedAndIsNoError)
+TEST(ProcessLaunchControlPipeTest, UntaggedRecordIsLoggedAndIsNotAnError)
 {
     const ClogCapture clog;
     Launch launch;
@@ -1355,7 +1356,7 @@ TEST(ProcessLaunchControlPipeTest, ReportIsReadToItsEndBeforeItIsInterpreted)
     EXPECT_EQ(clog.str(), "child output: before\n");
 }
 
-TEST(ProcessLaunchControlPipeTest, CodeThatIsNoNumberThrows)
+TEST(ProcessLaunchControlPipeTest, CodeThatIsNotANumberThrows)
 {
     Launch launch;
     launch.closeOtherFds = true;

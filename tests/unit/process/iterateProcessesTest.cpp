@@ -54,7 +54,7 @@ struct Record {
     int owner = 0;
 };
 
-typedef std::map<int, Record> Records;
+using Records = std::map<int, Record>;
 
 int collect(process_info* info, void* context)
 {
