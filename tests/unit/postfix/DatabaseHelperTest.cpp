@@ -236,7 +236,7 @@ TEST_F(DatabaseHelperTest, AdditionWithErrorOutputAndExitZeroSucceeds)
 }
 
 // A tool that ends without reading costs a report, not the process.
-TEST_F(DatabaseHelperTest, ToolThatDoesNotReadFailsTheWrite)
+TEST_F(DatabaseHelperTest, ToolThatSucceedsWithoutReadingFailsTheWrite)
 {
     RecordList records;
     for (int i = 0; i < 50000; ++i)
@@ -247,6 +247,36 @@ TEST_F(DatabaseHelperTest, ToolThatDoesNotReadFailsTheWrite)
     EXPECT_EQ("write: Broken pipe", exactMessageOf<zorvo::SystemError>([&] { add(table_, records); }));
     EXPECT_TRUE(support::lockIsFree(lock_));
     EXPECT_TRUE(support::hasNoChildren());
+}
+
+TEST_F(DatabaseHelperTest, ToolThatFailsWithoutReadingIsReportedInItsOwnWords)
+{
+    RecordList many;
+    for (int i = 0; i < 50000; ++i)
+        many.emplace_back("key" + std::to_string(i), "value");
+    ToolAnswer answer = ToolAnswer::fails(1, "postmap: fatal: no\n");
+    answer.readsInput = false;
+    tools_.answer(postmapPath, answer);
+    for (const RecordList& records : {many, RecordList(twoRecords)})
+        EXPECT_EQ("postmap: fatal: no\n",
+                  exactMessageOf<PostfixConfigurationError>([&] { add(table_, records); }));
+    answer = ToolAnswer::dies(SIGKILL, "");
+    answer.readsInput = false;
+    tools_.answer(postmapPath, answer);
+    EXPECT_EQ("unknown error", exactMessageOf<PostfixConfigurationError>([&] { add(table_, many); }));
+}
+
+TEST_F(DatabaseHelperTest, RemovalThatFailsWithoutReadingIsReportedInItsOwnWords)
+{
+    std::list<std::string> keys;
+    for (int i = 0; i < 50000; ++i)
+        keys.push_back("key" + std::to_string(i));
+    ToolAnswer answer = ToolAnswer::fails(1, "postmap: fatal: no\n");
+    answer.readsInput = false;
+    tools_.answer(postmapPath, answer);
+    EXPECT_EQ("postmap: fatal: no\n", exactMessageOf<PostfixDatabaseError>([&] {
+                  DatabaseHelper::removeRecords(table_, keys.begin(), keys.end());
+              }));
 }
 
 // --- removing one

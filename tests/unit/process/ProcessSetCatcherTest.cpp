@@ -4,7 +4,7 @@
 // within the call that unblocks it, or the test calls it by hand.
 #include "process/ProcessSetCatcher.h"
 
-#include "process/SigBlocker.h"
+#include "process/signals.h"
 #include "support/OpenFds.h"
 #include "unit/process/FailingCall.h"
 #include "unit/process/ProcessTestTools.h"
@@ -384,7 +384,7 @@ TEST_F(ProcessSetCatcherTest, RunningChildIsLeftAlone)
 }
 
 // No byte, not finished, no event: waitpid(2) without WUNTRACED does not even tell of it.
-TEST_F(ProcessSetCatcherTest, StoppedChildIsNoEvent)
+TEST_F(ProcessSetCatcherTest, StoppedChildIsNotAnEvent)
 {
     ProcessSetCatcher catcher;
     catcher.install();
