@@ -33,13 +33,39 @@ Outcome runUndisturbed()
     return outcome;
 }
 
-// One child of each kind: with its output in pipes, with its input from one, the service script.
+// The program, and one child of each kind: with its output in pipes, with its input from one, the service
+// script.
 bool isTypicalProcess(int process)
 {
-    return process == 0 || process == 1 || process == 6 || process == scriptProcess;
+    return process == 0 || process == processOf(support::askDirectory) ||
+           process == processOf(support::addRecord) || isScript(process);
 }
 
 } // namespace
+
+const support::Command& commandOf(int process)
+{
+    static const std::vector<support::Command> tools = threeDomains.tools();
+    return tools.at(static_cast<size_t>(process) - 1);
+}
+
+int processOf(const support::Command& command)
+{
+    int process = 1;
+    while (commandOf(process) != command)
+        ++process;
+    return process;
+}
+
+bool isScript(int process)
+{
+    return process != 0 && commandOf(process) == support::restart;
+}
+
+bool isFed(int process)
+{
+    return process != 0 && commandOf(process) == support::addRecord;
+}
 
 const std::vector<Event>& undisturbedRun()
 {

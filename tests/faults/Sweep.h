@@ -18,14 +18,17 @@ const std::vector<Event>& undisturbedRun();
 /// first and the last, and of the children one of each kind.
 std::vector<Event> placesToStrike(bool longForm, const std::function<bool(const Event&)>& wanted);
 
-/// Children are the launched tools in order; this is the service script, which is launched in another way.
-constexpr int scriptProcess = 9;
+/// What a child of a run of `threeDomains` is launched for: child N runs the N-th tool.
+const support::Command& commandOf(int process);
 
-/// Those that get a record on standard input.
-constexpr bool isFedProcess(int process)
-{
-    return process >= 6 && process <= 8;
-}
+/// The first child that runs that tool.
+int processOf(const support::Command& command);
+
+/// Whether a child runs the service script, which is launched in another way than the others.
+bool isScript(int process);
+
+/// Whether a child gets a record on standard input.
+bool isFed(int process);
 
 /// Runs `threeDomains` in a fresh world with that fault. When the run does not come to the place, since the
 /// order of signals is chance, a few more are tried.

@@ -55,11 +55,15 @@ std::vector<std::string> pipeLabels()
     const std::vector<std::string> query = {catcher, "stdout pipe", "stderr pipe", "pipe"};
     const std::vector<std::string> change = {catcher, "stderr pipe", "pipe"};
     const std::vector<std::string> addition = {catcher, "stdin pipe", "stderr pipe", "pipe"};
+    const std::vector<std::string> script(2);
     std::vector<std::string> labels;
-    for (const auto* const launch :
-         {&query, &change, &change, &change, &query, &addition, &addition, &addition})
-        labels.insert(labels.end(), launch->begin(), launch->end());
-    labels.resize(labels.size() + 2);
+    for (const support::Command& command : threeDomains.tools()) {
+        const auto& launch = command == support::askDirectory ? query
+                             : command == support::addRecord  ? addition
+                             : command == support::restart    ? script
+                                                              : change;
+        labels.insert(labels.end(), launch.begin(), launch.end());
+    }
     return labels;
 }
 
@@ -78,7 +82,7 @@ Expected expectOpen(const Event& place, int error, const char* reason)
                         std::to_string(error) + ": " + reason + '\n' + expected.text;
         return expected;
     }
-    if (path == tablePath)
+    if (path == tableSourcePath)
         return fatal(streamFailure);
     if (path == masterCfPath)
         return fatal("zorvo::mail::postfix::PostfixConfigurationError(unable to open " + path + ')');
@@ -87,7 +91,7 @@ Expected expectOpen(const Event& place, int error, const char* reason)
     // Whether Postfix came up does not decide about the run: it is looked at again a second later.
     if (path == "/proc")
         return {"unable to open /proc filesystem: " + std::string(reason) + "\n\n", true, false, false};
-    if (path == "/var/spool/postfix/pid/master.pid" || path == "PID/stat")
+    if (path == support::pidFilePath || path == "PID/stat")
         return tolerated();
     return fatal("(no expectation for " + path + ')');
 }
@@ -118,7 +122,7 @@ Expected expectOfProgram(const Event& place, int error)
     if (place.call == "flock")
         return systemError("lock() failed", reason);
     if (place.call == "fork")
-        return place.occurrence == static_cast<unsigned>(scriptProcess)
+        return isScript(static_cast<int>(place.occurrence))
                    ? scriptFailure("fork_execv_pipes: fork() failed", error, reason)
                    : systemError("fork", reason);
     const std::string label = pipeLabels().at(place.occurrence - 1);
@@ -132,9 +136,9 @@ Expected expectOfChild(const Event& place, int error)
     const std::string reason = strerror(error);
     // The signals' state is a courtesy; the script's failure is its result, which does not decide about the
     // run.
-    if (place.process == scriptProcess && place.call == "dup2")
+    if (isScript(place.process) && place.call == "dup2")
         return {"fork_execv: dup() failed: " + reason + '\n', true, false, true};
-    if (place.process == scriptProcess || place.call == "rt_sigaction" || place.call == "rt_sigprocmask")
+    if (isScript(place.process) || place.call == "rt_sigaction" || place.call == "rt_sigprocmask")
         return tolerated();
     std::string label = place.call;
     if (place.call == "execve")
@@ -156,8 +160,8 @@ std::string withoutChance(const std::string& text)
 /// The script itself was not run.
 bool preventsScript(const Event& place)
 {
-    return place.process == scriptProcess && (place.call == "dup2" || place.call == "execve" ||
-                                              (place.call == "close" && place.occurrence <= 2));
+    return isScript(place.process) && (place.call == "dup2" || place.call == "execve" ||
+                                       (place.call == "close" && place.occurrence <= 2));
 }
 
 void requireToleratedEnd(Problems& problems, const Event& place, const Expected& expected, Outcome outcome)
