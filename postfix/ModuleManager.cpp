@@ -2,9 +2,7 @@
 #include "postfix/ModuleManager.h"
 
 #include "common/MKLock.h"
-#include "common/SystemError.h"
 #include "common/TmpFile.h"
-#include "common/eintr.h"
 #include "postfix/MainCfManager.h"
 #include "postfix/MasterCfParser.h"
 #include "postfix/PostfixError.h"
@@ -12,7 +10,6 @@
 #include <boost/spirit/include/classic_file_iterator.hpp>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -41,30 +38,15 @@ typedef boost::spirit::classic::file_iterator<char> MappedFile;
 const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
 constexpr unsigned masterCfMode = 0644;
 
-std::error_code currentError()
-{
-    return {errno, std::system_category()};
-}
-
 /// Writes the lines up to the last one that is not empty; all of them where all are empty. Each line is
 /// flushed, so that a full disk is met at a line's end.
-void writeLines(TmpFile& file, const std::list<std::string>& lines)
+void writeLines(std::ostream& out, const std::list<std::string>& lines)
 {
     const auto lastText =
         std::find_if(lines.rbegin(), lines.rend(), [](const std::string& line) { return !line.empty(); });
     const auto end = lastText == lines.rend() ? lines.end() : lastText.base();
-    file.writeLines(lines.begin(), end);
-}
-
-/// Gives the finished temporary file its final name.
-void replaceFile(TmpFile& file, const std::string& path)
-{
-    file.keep();
-    if (file.close() == 0 && retryOnEintr([&] { return ::rename(file.path().c_str(), path.c_str()); }) == 0)
-        return;
-    const int error = errno;
-    retryOnEintr([&] { return ::unlink(file.path().c_str()); });
-    throw FSError("rename", file.path(), path, error);
+    for (auto line = lines.begin(); line != end; ++line)
+        out << *line << std::endl;
 }
 
 /// Maps a file; an empty iterator for what is no readable regular file with content.
@@ -136,12 +118,7 @@ void ModuleManager::storeMasterCf(const std::string& path, const MasterCfContent
     TmpFile file(path, true);
     file.exceptions(std::ios::badbit | std::ios::failbit);
     writeLines(file, content.rawLines());
-    if (file.chmod(masterCfMode) != 0)
-        throw fs::filesystem_error("chmod", file.path(), currentError());
-    // After a power failure the name must stand for the old or the new file, never for an empty one.
-    if (file.sync() != 0)
-        throw fs::filesystem_error("fsync", file.path(), currentError());
-    replaceFile(file, path);
+    file.replace(path, masterCfMode);
 }
 
 void ModuleManager::loadModules(bool force)

@@ -6,11 +6,11 @@
 
 namespace support {
 
-enum class LibcCall { Open, Close, Flock, Mkstemp, Fsync, Fopen, Write, Writev, count };
+enum class LibcCall { Open, Close, Flock, Mkstemp, Fsync, Read, Write, Writev, count };
 
 /// The next `times` calls fail with `error`, doing nothing; later ones work again. Mkstemp stands for
-/// mkostemp(3) too, and spoils the template before it fails, as the C library may. Fopen is what a file
-/// stream opens its file with. A failing close(2) does nothing with EINTR, and closes for any other error.
+/// mkostemp(3) too, and spoils the template before it fails, as the C library may. A failing close(2) does
+/// nothing with EINTR, and closes for any other error.
 class LibcFault {
 public:
     LibcFault(LibcCall call, int error, int times);

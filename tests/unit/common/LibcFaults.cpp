@@ -123,6 +123,15 @@ int faultingMkostemp(char* pattern, int flags)
     return real(pattern, flags);
 }
 
+long faultingRead(int fd, void* buffer, unsigned long size) __asm__("read");
+long faultingRead(int fd, void* buffer, unsigned long size)
+{
+    if (fails(support::LibcCall::Read))
+        return -1;
+    static const auto real = next<long (*)(int, void*, unsigned long)>("read");
+    return real(fd, buffer, size);
+}
+
 long faultingWrite(int fd, const void* bytes, unsigned long size) __asm__("write");
 long faultingWrite(int fd, const void* bytes, unsigned long size)
 {
@@ -147,15 +156,6 @@ long faultingWritev(int fd, const iovec* pieces, int count)
     if (first.iov_len > writeLimit)
         first.iov_len = writeLimit;
     return real(fd, &first, 1);
-}
-
-void* faultingFopen64(const char* path, const char* mode) __asm__("fopen64");
-void* faultingFopen64(const char* path, const char* mode)
-{
-    if (fails(support::LibcCall::Fopen))
-        return nullptr;
-    static const auto real = next<void* (*)(const char*, const char*)>("fopen64");
-    return real(path, mode);
 }
 
 #ifndef __SANITIZE_ADDRESS__

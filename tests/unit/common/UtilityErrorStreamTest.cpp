@@ -3,6 +3,8 @@
 
 #include "support/Capture.h"
 #include "support/Child.h"
+#include "support/InterruptedPipe.h"
+#include "support/LibcFaults.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -91,7 +93,7 @@ TEST_F(UtilityErrorStreamTest, TextWithoutFlushReachesStandardErrorOnly)
     EXPECT_THAT(events_, ElementsAre("err:a", "err:b"));
 }
 
-TEST_F(UtilityErrorStreamTest, FlushSendsTheTextToStandardOutputAsOneBlockBehindStandardError)
+TEST_F(UtilityErrorStreamTest, FlushSendsTheTextToStandardOutputAsOneBlockAfterStandardError)
 {
     UtilityErrorStream stream;
     stream << "ab";
@@ -178,6 +180,25 @@ TEST_F(UtilityErrorStreamTest, EveryByteReachesBothStreams)
     EXPECT_EQ(expected, events_);
 }
 
+TEST_F(UtilityErrorStreamTest, WithoutMemoryOnlyTheCopyOnStandardOutputIsCut)
+{
+    if (!support::MemoryFault::available())
+        GTEST_SKIP() << "memory cannot be refused under a sanitizer";
+    const std::string kept(std::string().capacity(), 'k');
+    UtilityErrorStream stream;
+    events_.reserve(100);
+    {
+        const support::MemoryFault fault(0, 1000);
+        stream << kept << "lost";
+    }
+    stream << std::flush;
+    EXPECT_TRUE(stream.good());
+    std::vector<std::string> expected(kept.size(), "err:k");
+    expected.insert(expected.end(),
+                    {"err:l", "err:o", "err:s", "err:t", "err flushed", "out:" + kept, "out flushed"});
+    EXPECT_EQ(expected, events_);
+}
+
 TEST(UerrTest, ReachesTheDescriptorsOfBothStreams)
 {
     support::Capture capture;
@@ -202,4 +223,28 @@ TEST(UerrTest, UnflushedTextReachesTheDescriptorOfStandardErrorOnly)
 TEST(UerrTest, HasItsOwnBuffer)
 {
     EXPECT_NE(nullptr, dynamic_cast<UtilityErrorStreamBuf*>(zorvo::uerr.rdbuf()));
+}
+
+TEST(UerrTest, InterruptedWritesToStandardErrorAreRepeated)
+{
+    const support::ChildResult result = support::runInChild([] {
+        support::InterruptedPipe err(STDERR_FILENO);
+        zorvo::uerr << "the whole report" << std::endl;
+        std::cout << "standard error: " << err.text();
+        return zorvo::uerr.good() && std::cerr.good() ? 0 : 1;
+    });
+    EXPECT_TRUE(result.exitedWith(0));
+    EXPECT_EQ("the whole report\nstandard error: the whole report\n", result.out);
+}
+
+TEST(UerrTest, InterruptedCopyOnStandardOutputIsWhole)
+{
+    const support::ChildResult result = support::runInChild([] {
+        support::InterruptedPipe out(STDOUT_FILENO);
+        zorvo::uerr << "the whole report" << std::endl;
+        std::cerr << "standard output: " << out.text();
+        return zorvo::uerr.good() && std::cout.good() ? 0 : 1;
+    });
+    EXPECT_TRUE(result.exitedWith(0));
+    EXPECT_EQ("the whole report\nstandard output: the whole report\n", result.err);
 }

@@ -339,6 +339,7 @@ TEST(Messlog2MemoryTest, WithoutTheFirstBufferAFixedTextIsReported)
     });
     EXPECT_EQ("Can't allocate memory for error message\n", report.err);
     EXPECT_EQ("Can't allocate memory for error message\n", report.out);
+    EXPECT_EQ(0, report.result);
 }
 
 TEST(Messlog2MemoryTest, WithoutALargerBufferTheTextIsCutAt4095Characters)
