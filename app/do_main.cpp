@@ -2,6 +2,7 @@
 
 #include "app/request.h"
 #include "common/MKLock.h"
+#include "common/writeText.h"
 #include "postfix/MainCfManager.h"
 #include "postfix/SenderTransportManager.h"
 #include "postfix/ServiceManager.h"
@@ -12,6 +13,7 @@
 
 #include <cerrno>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -96,7 +98,9 @@ int do_main(int argc, char* argv[])
     const po::options_description description = describeOptions();
     const po::variables_map options = parseCommandLine(argc, argv, description);
     if (options.count("help") != 0) {
-        std::clog << description << std::endl;
+        std::ostringstream text;
+        text << description << '\n';
+        zorvo::writeText(std::clog, {text.str()});
         return 1;
     }
 
