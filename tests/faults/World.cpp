@@ -188,9 +188,7 @@ void setUpMachine(const std::string& toolPath)
     fs::create_directories(keptTools);
     for (const std::string tool : tools)
         fs::copy_file(tool, keptTools + ("/" + fs::path(tool).filename().string()));
-    useRealTools(false);
-    install(standin, support::serviceScriptPath);
-    resetWorld();
+    restoreMachine();
     startQmgr();
     // What a run leaves behind becomes a child of this process.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
@@ -211,6 +209,13 @@ void resetWorld()
     writeFile(masterCfPath, firstMasterCf);
     writeFile(mainCfPath, std::string(cleanMainCf) + "smtp_bind_address = 192.0.2.9\n");
     writeFile(databasePath, "@old.example zorvo-old.example-192.0.2.9-:\n");
+}
+
+void restoreMachine()
+{
+    useRealTools(false);
+    install(standin, support::serviceScriptPath);
+    resetWorld();
 }
 
 std::vector<std::string> toolNotes()

@@ -23,7 +23,6 @@ using support::readFile;
 using support::tableSourcePath;
 using support::writeFile;
 
-
 /// Where the stand-in of postmap keeps the table's records, as text.
 constexpr char databasePath[] = "/var/spool/postfix/zorvo/sdd_transport_maps.db";
 
@@ -77,8 +76,11 @@ void setUpMachine(const std::string& toolPath);
 /// Puts the real postconf and postmap in place, or the stand-ins again.
 void useRealTools(bool real);
 
-/// The world as it is at the start.
+/// The files as they are at the start.
 void resetWorld();
+
+/// The same, and the stand-ins in place.
+void restoreMachine();
 
 /// The tools that were run since, without what else is noted; and with it.
 std::vector<std::string> toolCalls();

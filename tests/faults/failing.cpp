@@ -9,6 +9,7 @@
 #include <regex>
 #include <set>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace faults {
 
@@ -16,8 +17,8 @@ namespace {
 
 const int errors[] = {ENOSPC, EIO, EACCES, EMFILE, ENOMEM, EROFS};
 
-const std::set<std::string> programCalls = {"openat", "write", "fchmod", "fsync",
-                                            "rename", "pipe2", "fork",   "flock"};
+const std::set<std::string> programCalls = {"openat", "write", "fchmod", "fsync", "rename",
+                                            "pipe2",  "fork",  "flock",  "writev"};
 const std::set<std::string> childCalls = {"close",  "fcntl",      "dup2",         "execve",
                                           "openat", "getdents64", "rt_sigaction", "rt_sigprocmask"};
 
@@ -218,6 +219,60 @@ void failAt(Report& report, const Event& place, int error)
     report.add(name, describe(outcome.target), problems);
 }
 
+/// Whether `found` is `whole` with characters left out.
+bool isPartOf(const std::string& found, const std::string& whole)
+{
+    size_t at = 0;
+    for (const char c : whole)
+        if (at < found.size() && found[at] == c)
+            ++at;
+    return at == found.size();
+}
+
+/// A failing call in a run that ends with a report anyway: the earlier failure is reported, or the one that
+/// it would have been; and where it is the report itself that cannot be written, what else there is of it
+/// arrives.
+void failReporting(Report& report, const Scenario& scenario, const Event& place, int error,
+                   const std::string& masterCf)
+{
+    const std::string name = errorName(error) + ' ' + place.call + " in a run that ends with a report";
+    const Outcome outcome = strike(scenario, place, Effect::Fail, error);
+    if (!outcome.struck) {
+        report.missed(name);
+        return;
+    }
+    Problems problems;
+    problems.require(outcome.status == W_EXITCODE(scenario.status, 0),
+                     "wait status " + std::to_string(outcome.status));
+    const bool isReport = place.process == 0 && (place.call == "write" || place.call == "writev");
+    if (isReport && place.arguments[0] == STDOUT_FILENO) {
+        problems.requireEqual("standard error", scenario.err, outcome.err);
+        problems.require(isPartOf(outcome.out, scenario.out), "standard output: " + outcome.out);
+    } else if (isReport && place.arguments[0] == STDERR_FILENO) {
+        problems.requireEqual("standard output", scenario.out, outcome.out);
+        problems.require(isPartOf(outcome.err, scenario.err), "standard error: " + outcome.err);
+    } else {
+        Expected expected = place.process == 0 ? expectOfProgram(place, error) : expectOfChild(place, error);
+        if (expected.tolerated)
+            expected.text = scenario.err;
+        problems.requireEqual("standard error", expected.text, withoutChance(outcome.err));
+        problems.requireEqual("standard output", expected.text, withoutChance(outcome.out));
+    }
+    requireCleanEnd(problems, outcome);
+    problems.requireEqual(masterCfPath, masterCf, readFile(masterCfPath));
+    problems.requireEqual("further files", std::vector<std::string>(), strayFiles());
+    problems.requireEqual("locks held", std::vector<std::string>(), heldLocks());
+    report.add(name, scenario.name + ": " + describe(outcome.target), problems);
+}
+
+/// All errors, in the long form; else one, in turn, so that every error strikes at some places.
+std::vector<int> errorsAt(size_t place, bool longForm)
+{
+    if (longForm)
+        return {std::begin(errors), std::end(errors)};
+    return {errors[place % std::size(errors)]};
+}
+
 } // namespace
 
 void testFailing(Report& report, bool longForm)
@@ -226,13 +281,19 @@ void testFailing(Report& report, bool longForm)
         return (event.process == 0 ? programCalls : childCalls).count(event.call) != 0;
     };
     size_t next = 0;
-    for (const Event& place : placesToStrike(longForm, wanted)) {
-        if (longForm)
-            for (const int error : errors)
+    for (const Event& place : placesToStrike(undisturbedRun(), longForm, wanted))
+        for (const int error : errorsAt(next++, longForm))
+            if (report.takes())
                 failAt(report, place, error);
-        else // every place, and every error at some of them
-            failAt(report, place, errors[next++ % std::size(errors)]);
+    for (const Scenario& scenario : reportingScenarios(longForm)) {
+        const std::vector<Event> events = runUndisturbed(scenario).events;
+        const std::string masterCf = readFile(masterCfPath);
+        for (const Event& place : placesToStrike(events, longForm, wanted))
+            for (const int error : errorsAt(next++, longForm))
+                if (report.takes())
+                    failReporting(report, scenario, place, error, masterCf);
     }
+    restoreMachine();
 }
 
 } // namespace faults

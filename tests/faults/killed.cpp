@@ -112,7 +112,9 @@ void testKilled(Report& report, bool longForm)
             return longForm || event.call == "execve";
         return longForm || changing.count(event.call) != 0 || opensForWriting(event);
     };
-    for (const Event& place : placesToStrike(longForm, wanted)) {
+    for (const Event& place : placesToStrike(undisturbedRun(), longForm, wanted)) {
+        if (!report.takes())
+            continue;
         if (place.process != 0) {
             killChild(report, place);
             continue;
