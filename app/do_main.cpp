@@ -1,29 +1,19 @@
-// do_main: see the header. The run flow, readable from top to bottom at the end of this file.
 #include "app/do_main.h"
 
-#include "app/transport_info.h"
-#include "common/SystemError.h"
-#include "common/eintr.h"
-#include "common/sj.h"
+#include "app/request.h"
+#include "common/MKLock.h"
+#include "common/writeText.h"
 #include "postfix/MainCfManager.h"
 #include "postfix/SenderTransportManager.h"
 #include "postfix/ServiceManager.h"
 #include "postfix/clean_transports.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
-#include <boost/interprocess/anonymous_shared_memory.hpp>
-#include <boost/interprocess/mapped_region.hpp>
 #include <boost/program_options.hpp>
 
-#include <malloc.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <iostream>
-#include <memory>
-#include <new>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -37,49 +27,9 @@ const char* const explicitIp = "explicit-ip";
 const char* const domainIp = "domain-ip";
 const char* const domainName = "domain-name";
 
-/// The domains of a request with their source addresses, each of which may be empty. They are kept in one
-/// text with a NUL behind each string, and in shared memory: fork(2) copies the page table of private memory,
-/// once for every tool run, however many domains are held there.
-class TransportRequests {
-public:
-    TransportRequests() = default;
-
-    explicit TransportRequests(const transport_info& info)
-    {
-        std::string text;
-        for (size_t i = 0; i < info.count; ++i) {
-            const transport_info_entry& entry = info.entries[i];
-            for (const char* const field : {entry.domain, entry.ip4_addr, entry.ip6_addr})
-                text.append(field, std::strlen(field) + 1);
-        }
-        size_ = text.size();
-        memory_ = boost::interprocess::anonymous_shared_memory(size_ + 1);
-        std::copy(text.begin(), text.end(), static_cast<char*>(memory_.get_address()));
-    }
-
-    /// Calls `action(domain, ip4, ip6)` for each domain, in the order of the request.
-    template <class Action>
-    void forEach(const Action& action) const
-    {
-        const auto* position = static_cast<const char*>(memory_.get_address());
-        const char* const end = position + size_;
-        const auto next = [&position] {
-            std::string field = position;
-            position += field.size() + 1;
-            return field;
-        };
-        while (position != end) {
-            const std::string domain = next();
-            const std::string ip4 = next();
-            const std::string ip6 = next();
-            action(domain, ip4, ip6);
-        }
-    }
-
-private:
-    size_t size_ = 0;
-    boost::interprocess::mapped_region memory_;
-};
+/// What the lock is named by that a run holds from its first change to its end. No file is locked by this
+/// name.
+const char* const runLockName = "/var/spool/postfix/zorvo";
 
 /// The server-wide pair of addresses.
 struct ExplicitAddresses {
@@ -90,11 +40,13 @@ struct ExplicitAddresses {
 po::options_description describeOptions()
 {
     po::options_description description("Options");
-    description.add_options()("transport-type,t", po::value<std::string>(),
-                              "Type of transport. Should be explicit-ip, domain-ip, domain-name")(
-        "ip4-addr,4", po::value<std::string>(),
-        "IP v4 address")("ip6-addr,6", po::value<std::string>(),
-                         "IP v6 address")("help,h", "Show usage message")("verbose,v", "Verbose output");
+    po::options_description_easy_init add = description.add_options();
+    add("transport-type,t", po::value<std::string>(),
+        "Type of transport. Should be explicit-ip, domain-ip, domain-name");
+    add("ip4-addr,4", po::value<std::string>(), "IP v4 address");
+    add("ip6-addr,6", po::value<std::string>(), "IP v6 address");
+    add("help,h", "Show usage message");
+    add("verbose,v", "Verbose output");
     return description;
 }
 
@@ -119,49 +71,6 @@ ExplicitAddresses readAddresses(const po::variables_map& options)
     return addresses;
 }
 
-std::string readStandardInput()
-{
-    std::string text;
-    std::vector<char> chunk(65536);
-    for (;;) {
-        const ssize_t size =
-            zorvo::retryOnEintr([&] { return ::read(STDIN_FILENO, chunk.data(), chunk.size()); });
-        if (size == -1)
-            throw zorvo::SystemError("stdin read", errno);
-        if (size == 0)
-            return text;
-        text.append(chunk.data(), static_cast<size_t>(size));
-    }
-}
-
-TransportRequests parseRequests(std::string& text)
-{
-    // The parser's messages append errno, which must be one of this reading and not a leftover of start-up.
-    errno = 0;
-    const std::unique_ptr<sj_parser, void (*)(sj_parser*)> parser(sj_create_parser(text.data(), nullptr),
-                                                                  sj_free_parser);
-    if (!parser)
-        throw std::bad_alloc();
-    const auto release = [&parser](transport_info* info) { free_transport_info_object(parser.get(), info); };
-    const std::unique_ptr<transport_info, decltype(release)> info(create_transport_info_object(parser.get()),
-                                                                  release);
-    if (!info)
-        throw std::runtime_error("can not create transport_info object");
-    if (parse_transport_info_object(parser.get(), info.get()) != 0)
-        throw std::runtime_error(std::string("can not parse data from stdin : ") +
-                                 sj_parser_strerror(parser.get()));
-    return TransportRequests(*info);
-}
-
-TransportRequests readRequests()
-{
-    std::string text = readStandardInput();
-    TransportRequests requests = parseRequests(text);
-    text = std::string();
-    (void)::malloc_trim(0); // what reading took is not to be copied by every fork(2)
-    return requests;
-}
-
 void bindServer(const ExplicitAddresses& addresses)
 {
     MainCfManager& mainCf = MainCfManager::getInstance();
@@ -172,14 +81,14 @@ void bindServer(const ExplicitAddresses& addresses)
 }
 
 template <class Transport>
-void bindDomains(const TransportRequests& requests)
+void bindDomains(const std::vector<Binding>& bindings)
 {
-    requests.forEach([](const std::string& domain, const std::string& ip4, const std::string& ip6) {
+    for (const Binding& binding : bindings) {
         errno = 0; // a refused domain's message appends it
-        SenderTransportManager<Transport> manager(domain, ip4, ip6);
+        SenderTransportManager<Transport> manager(binding.domain, binding.ip4, binding.ip6);
         boost::algorithm::to_lower(manager.domain());
         manager.addDomainToSenderTransport();
-    });
+    }
 }
 
 } // namespace
@@ -189,18 +98,28 @@ int do_main(int argc, char* argv[])
     const po::options_description description = describeOptions();
     const po::variables_map options = parseCommandLine(argc, argv, description);
     if (options.count("help") != 0) {
-        std::clog << description << std::endl;
+        std::ostringstream text;
+        text << description << '\n';
+        zorvo::writeText(std::clog, {text.str()});
         return 1;
     }
 
     // All input is read and judged before anything is changed.
     const std::string type = options["transport-type"].as<std::string>();
     ExplicitAddresses addresses;
-    TransportRequests requests;
+    std::vector<Binding> bindings;
     if (type == explicitIp)
         addresses = readAddresses(options);
     else
-        requests = readRequests();
+        bindings = readRequest();
+
+    // From here on one run at a time. The first change takes the lock of main.cf; where locks cannot be had
+    // at all, that is the one to be reported, so it is tried before.
+    {
+        const zorvo::MKLock mainCfLock(MainCfManager::getInstance().mainCfPath(), zorvo::HashedName,
+                                       zorvo::Blocking);
+    }
+    const zorvo::MKLock runLock(runLockName, zorvo::HashedName, zorvo::Blocking);
 
     clean_transports();
 
@@ -208,9 +127,9 @@ int do_main(int argc, char* argv[])
     if (type == explicitIp)
         bindServer(addresses);
     else if (type == domainIp)
-        bindDomains<IpSenderTransport>(requests);
+        bindDomains<IpSenderTransport>(bindings);
     else if (type == domainName)
-        bindDomains<DomainSenderTransport>(requests);
+        bindDomains<DomainSenderTransport>(bindings);
 
     ServiceManager::restartServer();
     return 0;

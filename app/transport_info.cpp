@@ -1,9 +1,8 @@
-// transport_info: see the header.
 #include "app/transport_info.h"
 
 #include "common/sj.h"
 
-#include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -22,13 +21,7 @@ int fail(sj_parser* parser, int error)
     return error;
 }
 
-/// Whether a member is called `name`; most that are not differ in the first character.
-bool isKey(const char* key, const char* name)
-{
-    return *key == *name && std::strcmp(key, name) == 0;
-}
-
-/// Makes room for entry number `index`, one slot more where needed.
+/// Makes sure that there is a slot for entry number `index`: where it is missing, adds that one.
 bool ensureSlot(sj_parser* parser, transport_info* info, size_t index)
 {
     if (index < info->capacity)
@@ -44,15 +37,15 @@ bool ensureSlot(sj_parser* parser, transport_info* info, size_t index)
 }
 
 /// Reads one member's value into `entry`, or skips it. Returns the parser's error.
-int parseMember(sj_parser* parser, const char* key, transport_info_entry* entry, SeenFields* seen)
+int parseMember(sj_parser* parser, std::string_view key, transport_info_entry* entry, SeenFields* seen)
 {
-    if (isKey(key, "domain")) {
+    if (key == "domain") {
         entry->domain = sj_parse_string(parser);
         seen->domain = true;
-    } else if (isKey(key, "ip4_addr")) {
+    } else if (key == "ip4_addr") {
         entry->ip4_addr = sj_parse_string(parser);
         seen->ip4_addr = true;
-    } else if (isKey(key, "ip6_addr")) {
+    } else if (key == "ip6_addr") {
         entry->ip6_addr = sj_parse_string(parser);
         seen->ip6_addr = true;
     } else {
@@ -83,7 +76,7 @@ int parseEntry(sj_parser* parser, transport_info_entry* entry)
     return seen.all() ? 0 : fail(parser, SJ_FIELDS_MISSING);
 }
 
-/// The elements of the "domains" array behind its "["; counts each before it is read.
+/// The elements of the "domains" array after its "["; counts each before reading it.
 int parseEntries(sj_parser* parser, transport_info* info, size_t* count)
 {
     if (sj_parse_array_end_if_empty(parser))
@@ -134,7 +127,7 @@ int parse_transport_info_object(sj_parser* parser, transport_info* info)
         const char* const key = sj_parse_object_key(parser);
         if (key == nullptr || parser->error != SJ_OK)
             return parser->error;
-        if (isKey(key, "domains")) {
+        if (std::string_view(key) == "domains") {
             domainsSeen = true;
             parseDomains(parser, info);
         } else {

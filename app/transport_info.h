@@ -28,7 +28,7 @@ struct transport_info {
 transport_info* create_transport_info_object(sj_parser* parser);
 
 /// Reads the document at the parser's cursor into `info`. Returns 0, or the error code it stored in the
-/// parser; `info` then holds the entries before the failure. Text behind the document is not looked at.
+/// parser; `info` then holds the entries before the failure. Text after the document is not looked at.
 int parse_transport_info_object(sj_parser* parser, transport_info* info);
 
 /// Empties `info`, releasing the entries.
