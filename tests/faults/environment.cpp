@@ -173,14 +173,14 @@ void block(int number)
 void signalStates(Report& report)
 {
     const std::string none = mask({});
-    succeeds(
-        report, "SIGCHLD ignored", "", [] { signal(SIGCHLD, SIG_IGN); }, none + ' ' + mask({SIGCHLD}));
-    succeeds(
-        report, "SIGCHLD blocked", "", [] { block(SIGCHLD); }, mask({SIGCHLD}) + ' ' + none);
-    succeeds(
-        report, "SIGPIPE ignored", "", [] { signal(SIGPIPE, SIG_IGN); }, none + ' ' + mask({SIGPIPE}));
-    succeeds(
-        report, "SIGPIPE blocked", "", [] { block(SIGPIPE); }, mask({SIGPIPE}) + ' ' + none);
+    const auto ignoreChild = [] { signal(SIGCHLD, SIG_IGN); };
+    const auto blockChild = [] { block(SIGCHLD); };
+    const auto ignorePipe = [] { signal(SIGPIPE, SIG_IGN); };
+    const auto blockPipe = [] { block(SIGPIPE); };
+    succeeds(report, "SIGCHLD ignored", "", ignoreChild, none + ' ' + mask({SIGCHLD}));
+    succeeds(report, "SIGCHLD blocked", "", blockChild, mask({SIGCHLD}) + ' ' + none);
+    succeeds(report, "SIGPIPE ignored", "", ignorePipe, none + ' ' + mask({SIGPIPE}));
+    succeeds(report, "SIGPIPE blocked", "", blockPipe, mask({SIGPIPE}) + ' ' + none);
     succeeds(
         report, "SIGCHLD, SIGPIPE, SIGTERM, SIGUSR1 ignored and blocked", "",
         [] {
