@@ -131,7 +131,7 @@ Expected expectOfProgram(const Event& place, int error)
                          : systemError(label, reason);
 }
 
-/// A failure between fork and exec comes back through the control pipe, with the reason in it and behind it.
+/// A failure between fork and exec comes back through the control pipe, with the reason in it and after it.
 Expected expectOfChild(const Event& place, int error)
 {
     const std::string reason = strerror(error);
@@ -151,7 +151,7 @@ Expected expectOfChild(const Event& place, int error)
     return systemError(label + ": " + reason, reason.c_str());
 }
 
-/// Characters of chance in a message.
+/// A message without its random characters.
 std::string withoutChance(const std::string& text)
 {
     static const std::regex temporary("(/etc/postfix/master\\.cf)[A-Za-z0-9]{6}(?![A-Za-z0-9])");
