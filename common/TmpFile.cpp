@@ -56,7 +56,7 @@ TmpFileBase::Data::Data(std::pair<std::string, int> pathAndDescriptor)
         removeFile(path);
         throw;
     }
-    // fdopen(3) had no memory, and left the descriptor alone.
+    // The buffer had no memory for its FILE, and did not take the descriptor.
     if (!buffer.is_open()) {
         const int error = errno;
         closeRetrying(fd);

@@ -1,7 +1,7 @@
 // LibcFaults: making a call of the C library fail on purpose while a scope lasts.
 //
 // The test program defines the functions below itself and passes them on (unit/common/LibcFaults.cpp), so the
-// code under test runs unchanged. Calls from inside libc are not affected, but for memory.
+// code under test runs unchanged. Calls from inside libc are not affected, except for memory.
 #pragma once
 
 namespace support {

@@ -270,7 +270,7 @@ TEST_F(AutocleanOFStreamTest, SecondCloseSetsFailbit)
     EXPECT_TRUE(stream.fail());
 }
 
-// Opening a FIFO blocks until there is a reader: here the handler of the third signal is it.
+// Opening a FIFO blocks until there is a reader: the handler of the third signal opens it for reading.
 TEST_F(AutocleanOFStreamTest, InterruptedOpenIsRepeated)
 {
     ASSERT_EQ(0, ::mkfifo(file_.c_str(), 0600));

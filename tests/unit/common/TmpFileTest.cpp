@@ -4,6 +4,7 @@
 #include "common/SystemError.h"
 #include "support/Capture.h"
 #include "support/Child.h"
+#include "support/InterruptedPipe.h"
 #include "support/LibcFaults.h"
 #include "support/OpenFds.h"
 #include "support/ScratchDir.h"
@@ -19,6 +20,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <iostream>
 #include <new>
 #include <string>
 #include <type_traits>
@@ -262,7 +264,7 @@ TEST_F(TmpFileTest, LeavesNoDescriptor)
     EXPECT_EQ(before, openFds());
 }
 
-TEST_F(TmpFileTest, MovedAwayFileIsNoFailureOfAutoclean)
+TEST_F(TmpFileTest, MovedAwayFileIsNotAFailureOfAutoclean)
 {
     Capture capture;
     {
@@ -283,7 +285,7 @@ TEST_F(TmpFileTest, MovedAwayFileStays)
     EXPECT_EQ("text", support::readFile(prefix_));
 }
 
-TEST_F(TmpFileTest, FailedRemovalIsSaidOnStandardErrorOnly)
+TEST_F(TmpFileTest, FailedRemovalIsReportedOnStandardErrorOnly)
 {
     Capture capture;
     {
@@ -297,7 +299,22 @@ TEST_F(TmpFileTest, FailedRemovalIsSaidOnStandardErrorOnly)
     EXPECT_EQ("", out);
 }
 
-TEST_F(TmpFileTest, FailedRemovalWithoutAutocleanCannotHappen)
+TEST_F(TmpFileTest, InterruptedReportOfAFailedRemovalIsWhole)
+{
+    const support::ChildResult result = support::runInChild([this] {
+        support::InterruptedPipe err(STDERR_FILENO);
+        {
+            const TmpFile tmp(prefix_, true);
+            std::filesystem::remove(tmp.path());
+            std::filesystem::create_directory(tmp.path());
+        }
+        std::cout << err.text();
+        return 0;
+    });
+    EXPECT_EQ("TmpFile autoclean failed: Is a directory\n", result.out);
+}
+
+TEST_F(TmpFileTest, WithoutAutocleanNothingIsRemovedOrReported)
 {
     Capture capture;
     {

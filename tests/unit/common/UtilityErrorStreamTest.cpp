@@ -19,8 +19,8 @@ using zorvo::UtilityErrorStreamBuf;
 
 namespace {
 
-/// Stands in front of a standard stream and notes every write and flush in a common list. The tie of
-/// std::cerr to std::cout is undone meanwhile: it flushes the latter before each character.
+/// Stands in front of a standard stream and notes every write and flush in a common list. Meanwhile
+/// std::cerr is not tied to std::cout, which would be flushed before each character.
 class Recorder : public std::streambuf {
 public:
     Recorder(std::ostream& stream, const char* name, std::vector<std::string>& events)

@@ -211,7 +211,7 @@ TEST(ReportExceptionTest, OrdinaryReportLeavesTheStreamGood)
     EXPECT_TRUE(zorvo::uerr.good());
 }
 
-TEST(ReportExceptionTest, TwoReportsStandBehindEachOther)
+TEST(ReportExceptionTest, TwoReportsStandOneAfterTheOther)
 {
     support::Capture capture;
     zorvo::reportException<std::exception>(std::runtime_error("1"));
