@@ -50,6 +50,13 @@ po::options_description describeOptions()
     return description;
 }
 
+void printHelp(const po::options_description& description)
+{
+    std::ostringstream text;
+    text << description << '\n';
+    zorvo::writeText(std::clog, {text.str()});
+}
+
 po::variables_map parseCommandLine(int argc, char* argv[], const po::options_description& description)
 {
     po::variables_map options;
@@ -69,6 +76,17 @@ ExplicitAddresses readAddresses(const po::variables_map& options)
     if (addresses.ip4.empty() && addresses.ip6.empty())
         throw std::runtime_error("either ipv4 and ip6 empty");
     return addresses;
+}
+
+/// Waits, without limit, until no other run is under way; others wait while the result lives. The lock of
+/// main.cf comes first, for a moment: where no lock can be had at all, the one of the first change is to be
+/// reported.
+zorvo::MKLock lockRuns(const std::string& mainCfPath)
+{
+    {
+        const zorvo::MKLock firstChange(mainCfPath, zorvo::HashedName, zorvo::Blocking);
+    }
+    return zorvo::MKLock(runLockName, zorvo::HashedName, zorvo::Blocking);
 }
 
 void bindServer(const ExplicitAddresses& addresses)
@@ -98,9 +116,7 @@ int do_main(int argc, char* argv[])
     const po::options_description description = describeOptions();
     const po::variables_map options = parseCommandLine(argc, argv, description);
     if (options.count("help") != 0) {
-        std::ostringstream text;
-        text << description << '\n';
-        zorvo::writeText(std::clog, {text.str()});
+        printHelp(description);
         return 1;
     }
 
@@ -113,13 +129,9 @@ int do_main(int argc, char* argv[])
     else
         bindings = readRequest();
 
-    // From here on one run at a time. The first change takes the lock of main.cf; where locks cannot be had
-    // at all, that is the one to be reported, so it is tried before.
-    {
-        const zorvo::MKLock mainCfLock(MainCfManager::getInstance().mainCfPath(), zorvo::HashedName,
-                                       zorvo::Blocking);
-    }
-    const zorvo::MKLock runLock(runLockName, zorvo::HashedName, zorvo::Blocking);
+    // Postfix is asked where its configuration is before this run waits for another one.
+    const std::string& mainCfPath = MainCfManager::getInstance().mainCfPath();
+    const zorvo::MKLock otherRunsWait = lockRuns(mainCfPath);
 
     clean_transports();
 

@@ -18,7 +18,7 @@ namespace faults {
 
 namespace {
 
-typedef std::function<void()> Action;
+using Action = std::function<void()>;
 
 const Request badRequest = {"domain-name", {}};
 const char* const badInput = "{\"domains\": [}";
@@ -49,7 +49,7 @@ Outcome runBadWith(const Action& before)
     return run(launch);
 }
 
-/// The world as at the start, the end as for a bad request; `out` and `err` are what arrived.
+/// The world as at the start, the end as for a bad request; `out` and `err` are what has to arrive.
 void requireRefused(Problems& problems, const Outcome& outcome, const std::string& out,
                     const std::string& err)
 {
@@ -198,7 +198,7 @@ void limitDescriptors(rlim_t number)
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// With few descriptors a run says which call had none left, and leaves all whole; with some more it
+/// With few descriptors a run says which call had none left, and leaves everything whole; with a few more it
 /// succeeds.
 void lowLimit(Report& report)
 {
@@ -272,7 +272,7 @@ void manyDescriptors(Report& report)
         report.add("1000 descriptors open at the start", "", problems);
     }
     {
-        // select(2) has no room for them.
+        // More than select(2) takes.
         const Outcome outcome = runWith(threeDomains, [] { openMany(1100); });
         Problems problems;
         const std::string text = "Fatal error: zorvo::SystemError(select: Too many open files)\n";

@@ -28,7 +28,7 @@ umask 022
     stock=/usr/share/postfix/master.cf.dist
     master_cf=/etc/postfix/master.cf
     main_cf=/etc/postfix/main.cf
-    table=hash:/var/spool/postfix/zorvo/sdd_transport_maps
+    table=$(sed -n 's/.* tableName\[\] = "\(.*\)";/\1/p' "${BASH_SOURCE[0]%/*}/../support/FixedPaths.h")
     zorvorc=/usr/local/maru/admin/sbin/zorvorc
     default_helo=sandbox.example
 }
