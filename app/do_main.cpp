@@ -4,6 +4,7 @@
 #include "common/MKLock.h"
 #include "common/writeText.h"
 #include "postfix/MainCfManager.h"
+#include "postfix/SenderTransport.h"
 #include "postfix/SenderTransportManager.h"
 #include "postfix/ServiceManager.h"
 #include "postfix/clean_transports.h"
@@ -93,9 +94,9 @@ void bindServer(const ExplicitAddresses& addresses)
 {
     MainCfManager& mainCf = MainCfManager::getInstance();
     if (!addresses.ip4.empty())
-        mainCf.replaceStringValue("smtp_bind_address", addresses.ip4);
+        mainCf.replaceStringValue(bindAddressParameter, addresses.ip4);
     if (!addresses.ip6.empty())
-        mainCf.replaceStringValue("smtp_bind_address6", addresses.ip6);
+        mainCf.replaceStringValue(bindAddress6Parameter, addresses.ip6);
 }
 
 template <class Transport>
