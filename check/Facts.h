@@ -72,7 +72,7 @@ struct PostfixFacts {
     std::map<std::string, mail::postfix::ModuleInfo> services; ///< Unix services of master.cf by name.
     std::unordered_map<std::string, ServiceView> views; ///< Generated services as postconf(1) sees them.
     std::set<std::string> disabledServices;
-    bool running = false;
+    std::optional<bool> running;     ///< Nothing: not known, for lack of rights.
     std::optional<timespec> started; ///< When Postfix read its files last; nothing: not known.
     std::vector<FileTime> files;
 };

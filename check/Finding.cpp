@@ -172,7 +172,7 @@ const std::vector<KindInfo> postfixKinds = {
      "(\"mail transport unavailable\").",
      "Run zorvo-smtp-bind again with the whole request."},
     {Kind::ServiceDiffers, "service-differs", Gravity::Problem,
-     "master.cf sets up the service otherwise than asked for, and mail leaves as master.cf tells.",
+     "master.cf sets up the service otherwise than zorvo-smtp-bind does, and mail leaves as master.cf tells.",
      "Run zorvo-smtp-bind again with the whole request."},
     {Kind::ServiceSeenDifferently, "service-seen-differently", Gravity::Problem,
      "Postfix reads the service in master.cf otherwise than zorvo-smtp-bind does, and mail leaves as Postfix "

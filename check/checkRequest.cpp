@@ -1,7 +1,7 @@
 #include "check/checkRequest.h"
 
 #include "check/Address.h"
-#include "check/plan.h"
+#include "check/routes.h"
 #include "postfix/MasterCfParser.h"
 
 #include <boost/algorithm/string/case_conv.hpp>

@@ -1,4 +1,4 @@
-#include "check/plan.h"
+#include "check/routes.h"
 
 #include "postfix/SenderTransport.h"
 
@@ -51,6 +51,51 @@ std::vector<Route> plannedRoutes(const Request& request)
             routes.push_back(std::move(route));
         else
             routes[place.first->second] = std::move(route);
+    }
+    return routes;
+}
+
+std::string parameterOf(const PostfixFacts& postfix, const std::string& name)
+{
+    const auto place = postfix.mainCf.find(name);
+    return place == postfix.mainCf.end() ? std::string() : place->second;
+}
+
+std::string recordKey(const std::string& domain)
+{
+    return "@" + domain;
+}
+
+std::string recordValue(const std::string& service)
+{
+    return service + ":";
+}
+
+std::string serviceOfRecord(const std::string& value)
+{
+    return value.substr(0, value.find(':'));
+}
+
+std::vector<Route> presentRoutes(const PostfixFacts& postfix)
+{
+    std::vector<Route> routes;
+    Route server{"", "", parameterOf(postfix, "smtp_bind_address"),
+                 parameterOf(postfix, "smtp_bind_address6"), ""};
+    if (!server.ip4.empty() || !server.ip6.empty())
+        routes.push_back(std::move(server));
+    if (!postfix.records)
+        return routes;
+    const std::map<std::string, std::string> byName(postfix.records->begin(), postfix.records->end());
+    for (const auto& [key, value] : byName) {
+        Route route{boost::algorithm::starts_with(key, "@") ? key.substr(1) : key, serviceOfRecord(value), "",
+                    "", ""};
+        const auto service = postfix.services.find(route.service);
+        if (service != postfix.services.end()) {
+            route.ip4 = optionOf(service->second, "smtp_bind_address");
+            route.ip6 = optionOf(service->second, "smtp_bind_address6");
+            route.helo = optionOf(service->second, "smtp_helo_name");
+        }
+        routes.push_back(std::move(route));
     }
     return routes;
 }

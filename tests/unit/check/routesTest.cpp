@@ -1,5 +1,5 @@
 // What a request leads to.
-#include "check/plan.h"
+#include "check/routes.h"
 
 #include <gtest/gtest.h>
 
@@ -71,6 +71,29 @@ TEST(OptionOfTest, LastSettingOfTheParameterCounts)
                        "smtp_bind_address=192.0.2.3"};
     EXPECT_EQ(optionOf(service, "smtp_bind_address"), "192.0.2.3");
     EXPECT_EQ(optionOf(service, "smtp_bind_address6"), "");
+}
+
+TEST(PresentRoutesTest, RecordsAreShownInOrderWithWhatTheirServicesSend)
+{
+    PostfixFacts postfix;
+    const auto service =
+        plannedService(TransportType::DomainName, {"two.example", "192.0.2.2", "2001:db8::2"});
+    postfix.services[service.name] = service;
+    postfix.records = {
+        {"@two.example", service.name + ":"}, {"@one.example", "zorvo-gone:"}, {"odd", "smtp"}};
+    EXPECT_EQ(shown(presentRoutes(postfix)),
+              "one.example|zorvo-gone|||\n"
+              "two.example|zorvo-two.example-192.0.2.2-2001-db8--2|192.0.2.2|2001:db8::2|two.example\n"
+              "odd|smtp|||\n");
+}
+
+TEST(PresentRoutesTest, ServerWidePairComesFirst)
+{
+    PostfixFacts postfix;
+    postfix.mainCf = {{"smtp_bind_address", ""}, {"smtp_bind_address6", "2001:db8::1"}};
+    EXPECT_EQ(shown(presentRoutes(postfix)), "|||2001:db8::1|\n");
+    postfix.mainCf["smtp_bind_address6"] = "";
+    EXPECT_EQ(shown(presentRoutes(postfix)), "");
 }
 
 } // namespace zorvo::check
