@@ -1,7 +1,7 @@
-// Fuzz target: the judging of what Postfix's tools print (postfix/checkOutput.h), lenient and strict, against
+// Fuzz target: the judging of what Postfix's tools print (postfix/PostfixTool.h), lenient and strict, against
 // a model that follows a line character by character.
 #include "fuzz/fuzz.h"
-#include "postfix/checkOutput.h"
+#include "postfix/PostfixTool.h"
 
 #include <sstream>
 

@@ -1,8 +1,7 @@
-// DatabaseHelper: see the header.
 #include "postfix/DatabaseHelper.h"
 
 #include "postfix/PostfixError.h"
-#include "postfix/checkOutput.h"
+#include "postfix/PostfixTool.h"
 
 #include <boost/algorithm/string/predicate.hpp>
 
@@ -12,62 +11,36 @@
 
 namespace zorvo::mail::postfix {
 
-namespace {
-
-const char* const postmapPath = "/usr/sbin/postmap";
-
-/// Runs postmap with up to three arguments, fed from `input` where that is set. Returns the wait status; what
-/// the tool prints on standard error goes to `errorOutput`.
-int runPostmap(const process::Parameters<process::PipeProcessFlags>& postmap,
-               const process::InputSource& input, std::string& errorOutput)
-{
-    process::Pipe pipe;
-    if (input) {
-        pipe.stdinFd = process::kPipeFd;
-        pipe.stdinSource = input;
-    }
-    pipe.stderrFd = process::kPipeFd;
-    pipe.stderrReceiver = process::makeStringReceiver(errorOutput);
-    pipe.processes().push_back(postmap);
-    return pipe.run();
-}
-
-} // namespace
-
-std::string DatabaseHelper::getSourceFilename(const std::string& table)
+std::string DatabaseHelper::_getSourceFilename(const std::string& table)
 {
     // Without a colon npos + 1 is 0, the whole string.
     return table.substr(table.find(':') + 1);
 }
 
-void DatabaseHelper::removeLmdbFile(const std::string& table)
+void DatabaseHelper::_removeLmdbFile(const std::string& table)
 {
     // postmap -r opens the database file that is there, and an lmdb one does not get smaller.
     if (boost::algorithm::starts_with(table, "lmdb:"))
-        std::filesystem::remove(getSourceFilename(table) + ".lmdb");
+        std::filesystem::remove(_getSourceFilename(table) + ".lmdb");
 }
 
-void DatabaseHelper::runAdd(const std::string& table, const process::InputSource& records)
+void DatabaseHelper::_runAdd(const std::string& table, const process::InputSource& records)
 {
-    std::string errorOutput;
-    const int status = runPostmap({postmapPath, "-r", "-i", table}, records, errorOutput);
-    requireToolSuccess(status, errorOutput);
+    requireToolSuccess(runPostfixTool({postmapPath, "-r", "-i", table}, ToolOutput::Inherited, records));
 }
 
-void DatabaseHelper::runRemove(const std::string& table, const std::string& key,
-                               const process::InputSource& keys)
+void DatabaseHelper::_runRemove(const std::string& table, const std::string& key,
+                                const process::InputSource& keys)
 {
-    std::string errorOutput;
-    const int status = runPostmap({postmapPath, "-d", key, table}, keys, errorOutput);
-    if (WIFSIGNALED(status) || (!toolSucceeded(status) && !checkOutput(errorOutput, false)))
-        throw PostfixDatabaseError(errorOutput);
+    const ToolResult result = runPostfixTool({postmapPath, "-d", key, table}, ToolOutput::Inherited, keys);
+    if (WIFSIGNALED(result.status) ||
+        (!toolSucceeded(result.status) && !checkOutput(result.errorOutput, false)))
+        throw PostfixDatabaseError(result.errorOutput);
 }
 
-void DatabaseHelper::runRebuild(const std::string& table)
+void DatabaseHelper::_runRebuild(const std::string& table)
 {
-    std::string errorOutput;
-    const int status = runPostmap({postmapPath, "-r", table}, process::InputSource(), errorOutput);
-    requireToolSuccess(status, errorOutput);
+    requireToolSuccess(runPostfixTool({postmapPath, "-r", table}, ToolOutput::Inherited));
 }
 
 void DatabaseHelper::addRecord(const std::string& table, const std::string& key, const std::string& value)
@@ -78,8 +51,8 @@ void DatabaseHelper::addRecord(const std::string& table, const std::string& key,
 
 void DatabaseHelper::removeRecord(const std::string& table, const std::string& key)
 {
-    const MKLock lock(getSourceFilename(table), HashedName, Blocking);
-    runRemove(table, key, process::InputSource());
+    const MKLock lock(_getSourceFilename(table), HashedName, Blocking);
+    _runRemove(table, key, process::InputSource());
 }
 
 } // namespace zorvo::mail::postfix

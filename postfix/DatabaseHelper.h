@@ -1,14 +1,12 @@
 // DatabaseHelper: changes Postfix lookup tables through postmap(1); never reads one.
 //
-// A table is named as in main.cf, "hash:/path"; the path behind the first colon is its source file, the key
+// A table is named as in main.cf, "hash:/path"; the path after the first colon is its source file, the key
 // of the lock under which every change runs. A record's text is "KEY VALUE\n"; nothing is quoted or checked.
 #pragma once
 
 #include "common/AutocleanOFStream.h"
 #include "common/MKLock.h"
 #include "process/Pipe.h"
-
-#include <boost/bind/bind.hpp>
 
 #include <list>
 #include <string>
@@ -18,8 +16,8 @@
 namespace zorvo::mail::postfix {
 
 /// A record: key and value.
-typedef std::pair<std::string, std::string> Record;
-typedef std::list<Record> RecordList;
+using Record = std::pair<std::string, std::string>;
+using RecordList = std::list<Record>;
 
 class DatabaseHelper {
 public:
@@ -49,11 +47,12 @@ public:
     static void replaceRecords(const std::string& table, RecordIterator first, RecordIterator last);
 
 private:
-    static std::string getSourceFilename(const std::string& table);
-    static void removeLmdbFile(const std::string& table);
-    static void runAdd(const std::string& table, const process::InputSource& records);
-    static void runRemove(const std::string& table, const std::string& key, const process::InputSource& keys);
-    static void runRebuild(const std::string& table);
+    static std::string _getSourceFilename(const std::string& table);
+    static void _removeLmdbFile(const std::string& table);
+    static void _runAdd(const std::string& table, const process::InputSource& records);
+    static void _runRemove(const std::string& table, const std::string& key,
+                           const process::InputSource& keys);
+    static void _runRebuild(const std::string& table);
 };
 
 /// Appends the text of the record at `it` to `buffer` and advances; true while more remain.
@@ -84,8 +83,8 @@ void DatabaseHelper::addRecords(const std::string& table, RecordIterator first, 
 {
     if (first == last)
         return;
-    const MKLock lock(getSourceFilename(table), HashedName, Blocking);
-    runAdd(table, boost::bind(&formRecord<RecordIterator>, boost::placeholders::_1, boost::ref(first), last));
+    const MKLock lock(_getSourceFilename(table), HashedName, Blocking);
+    _runAdd(table, [&](std::vector<char>& buffer) { return formRecord(buffer, first, last); });
 }
 
 template <class KeyIterator>
@@ -93,15 +92,14 @@ void DatabaseHelper::removeRecords(const std::string& table, KeyIterator first, 
 {
     if (first == last)
         return;
-    const MKLock lock(getSourceFilename(table), HashedName, Blocking);
-    runRemove(table, "-",
-              boost::bind(&printKey<KeyIterator>, boost::placeholders::_1, boost::ref(first), last));
+    const MKLock lock(_getSourceFilename(table), HashedName, Blocking);
+    _runRemove(table, "-", [&](std::vector<char>& buffer) { return printKey(buffer, first, last); });
 }
 
 template <class RecordIterator>
 void DatabaseHelper::replaceRecords(const std::string& table, RecordIterator first, RecordIterator last)
 {
-    const std::string source = getSourceFilename(table);
+    const std::string source = _getSourceFilename(table);
     const MKLock lock(source, HashedName, Blocking);
     AutocleanOFStream stream(source);
     stream.exceptions(std::ios::badbit | std::ios::failbit);
@@ -112,8 +110,8 @@ void DatabaseHelper::replaceRecords(const std::string& table, RecordIterator fir
         stream.write(buffer.data(), static_cast<std::streamsize>(buffer.size()));
     }
     stream.close();
-    removeLmdbFile(table);
-    runRebuild(table);
+    _removeLmdbFile(table);
+    _runRebuild(table);
 }
 
 } // namespace zorvo::mail::postfix

@@ -1,43 +1,35 @@
-// MainCfManager: see the header.
 #include "postfix/MainCfManager.h"
 
 #include "common/MKLock.h"
 #include "postfix/PostfixError.h"
-#include "postfix/checkOutput.h"
-#include "process/Pipe.h"
+#include "postfix/PostfixTool.h"
+
+#include <boost/algorithm/string.hpp>
 
 #include <algorithm>
-#include <initializer_list>
+#include <vector>
 
 namespace zorvo::mail::postfix {
 
 namespace {
 
-const char* const postconfPath = "/usr/sbin/postconf";
 const char* const elementSeparators = " \t,";
 
-/// Runs postconf with `arguments` and returns what it prints; throws for a failed run. What it prints on
-/// standard error goes to `errorOutput`.
-std::string queryPostconf(std::initializer_list<std::string> arguments, std::string& errorOutput)
+/// Runs postconf to ask for something; throws for a failed run.
+ToolResult queryPostconf(const std::vector<std::string>& arguments)
 {
-    process::Parameters<process::PipeProcessFlags> postconf(postconfPath);
-    postconf.arguments.insert(postconf.arguments.end(), arguments);
-    std::string output;
-    process::Pipe pipe;
-    pipe.stdoutFd = process::kPipeFd;
-    pipe.stdoutReceiver = process::makeStringReceiver(output);
-    pipe.stderrFd = process::kPipeFd;
-    pipe.stderrReceiver = process::makeStringReceiver(errorOutput);
-    pipe.processes().push_back(postconf);
-    requireToolSuccess(pipe.run(), errorOutput);
-    return output;
+    ToolCommand command(postconfPath);
+    command.arguments.insert(command.arguments.end(), arguments.begin(), arguments.end());
+    ToolResult result = runPostfixTool(command, ToolOutput::Captured);
+    requireToolSuccess(result);
+    return result;
 }
 
-/// A query without any output is an answer too, unless the tool reports an error.
-void requireCleanOutput(const std::string& errorOutput)
+/// A query that prints nothing is an answer too, unless the tool reports an error.
+void requireAnswer(const ToolResult& result)
 {
-    if (!checkOutput(errorOutput, false))
-        throw PostfixConfigurationError(errorOutput);
+    if (result.output.empty() && !checkOutput(result.errorOutput, false))
+        throw PostfixConfigurationError(result.errorOutput);
 }
 
 std::deque<std::string> split(const std::string& value, const char* separators)
@@ -72,35 +64,25 @@ MainCfManager::MainCfManager()
 
 std::string MainCfManager::getStringValue(const std::string& name, bool useDefault, bool expand) const
 {
-    std::string errorOutput;
-    std::string value;
-    if (useDefault && expand)
-        value = queryPostconf({"-h", "-d", "-x", name}, errorOutput);
-    else if (useDefault)
-        value = queryPostconf({"-h", "-d", name}, errorOutput);
-    else if (expand)
-        value = queryPostconf({"-h", "-x", name}, errorOutput);
-    else
-        value = queryPostconf({"-h", name}, errorOutput);
-    if (value.empty())
-        requireCleanOutput(errorOutput);
-    boost::algorithm::trim(value);
-    return value;
+    std::vector<std::string> arguments{"-h"};
+    if (useDefault)
+        arguments.emplace_back("-d");
+    if (expand)
+        arguments.emplace_back("-x");
+    arguments.push_back(name);
+    const ToolResult result = queryPostconf(arguments);
+    requireAnswer(result);
+    return boost::algorithm::trim_copy(result.output);
 }
 
 void MainCfManager::_lockedPostconfCall(const std::string& option, const std::string& argument)
 {
-    std::string errorOutput;
-    process::Pipe pipe;
-    pipe.stderrFd = process::kPipeFd;
-    pipe.stderrReceiver = process::makeStringReceiver(errorOutput);
-    pipe.processes().emplace_back(postconfPath, option, argument);
-    int status = 0;
+    ToolResult result;
     {
         const MKLock lock(mainCfPath_, HashedName, Blocking);
-        status = pipe.run();
+        result = runPostfixTool({postconfPath, option, argument}, ToolOutput::Inherited);
     }
-    requireToolSuccess(status, errorOutput);
+    requireToolSuccess(result);
 }
 
 void MainCfManager::replaceStringValue(const std::string& name, const std::string& value)
@@ -115,17 +97,14 @@ void MainCfManager::removeKey(const std::string& name)
 
 bool MainCfManager::isParamExists(const std::string& name) const
 {
-    std::string errorOutput;
-    return !queryPostconf({"-d", name}, errorOutput).empty();
+    return !queryPostconf({"-d", name}).output.empty();
 }
 
 bool MainCfManager::isValueConfigured(const std::string& name) const
 {
-    std::string errorOutput;
-    if (!queryPostconf({"-n", name}, errorOutput).empty())
-        return true;
-    requireCleanOutput(errorOutput);
-    return false;
+    const ToolResult result = queryPostconf({"-n", name});
+    requireAnswer(result);
+    return !result.output.empty();
 }
 
 void MainCfManager::getList(const std::string& name, std::deque<std::string>& list) const
@@ -162,7 +141,7 @@ void MainCfManager::appendCompoundStringValue(const std::string& name, const std
     filterStringValues(name, appender);
 }
 
-std::deque<std::string> MainCfManager::splitAtCommas(const std::string& value)
+std::deque<std::string> MainCfManager::_splitAtCommas(const std::string& value)
 {
     std::deque<std::string> list = split(value, ",");
     for (std::string& element : list)
@@ -176,22 +155,21 @@ SingleCompoundStringValueAppender::SingleCompoundStringValueAppender(const std::
 {
 }
 
-std::string SingleCompoundStringValueAppender::compound() const
+std::string SingleCompoundStringValueAppender::_compound() const
 {
     return boost::algorithm::trim_right_copy(key_ + " " + value_);
 }
 
 void SingleCompoundStringValueAppender::operator()(const std::string& element)
 {
-    found_ = found_ || element == compound();
-    keySeen_ = keySeen_ || boost::algorithm::starts_with(element, key_);
+    found_ = found_ || element == _compound();
 }
 
 bool SingleCompoundStringValueAppender::finish(std::deque<std::string>& list)
 {
     if (found_)
         return false;
-    list.push_back(compound());
+    list.push_back(_compound());
     appended_ = true;
     return true;
 }

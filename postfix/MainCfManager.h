@@ -5,7 +5,7 @@
 // error or, where that is empty, "unknown error"; a launch or a lock that fails throws SystemError.
 #pragma once
 
-#include <boost/algorithm/string.hpp>
+#include <boost/algorithm/string/join.hpp>
 
 #include <deque>
 #include <string>
@@ -56,8 +56,8 @@ public:
     /// Drops every element equal to `value`. Returns whether there was one.
     bool removeListElement(const std::string& name, const std::string& value);
 
-    /// Adds `value` behind the current value as it stands, unless it is an element already; only "mynetworks"
-    /// is then written back all the same, to make a default explicit.
+    /// Adds `value` after the current value as it stands, unless it is an element already. Only "mynetworks"
+    /// is then written all the same, as it is, which makes a default explicit.
     void appendStringValue(const std::string& name, const std::string& value);
 
     /// Adds the element "key value" unless it is there already; elements are separated by commas alone here,
@@ -73,7 +73,7 @@ private:
     MainCfManager();
 
     void _lockedPostconfCall(const std::string& option, const std::string& argument);
-    static std::deque<std::string> splitAtCommas(const std::string& value);
+    static std::deque<std::string> _splitAtCommas(const std::string& value);
 
     std::string mainCfPath_; ///< Key of the change lock; never passed to postconf.
 };
@@ -102,19 +102,14 @@ public:
 
     bool found() const noexcept { return found_; }       ///< The compound element was there.
     bool appended() const noexcept { return appended_; } ///< It was added.
-    bool keySeen() const noexcept
-    {
-        return keySeen_;
-    } ///< An element began with the key; for callers' interest.
 
 private:
-    std::string compound() const;
+    std::string _compound() const;
 
     const std::string& key_;
     const std::string& value_;
     bool found_ = false;
     bool appended_ = false;
-    bool keySeen_ = false;
 };
 
 template <class Transform>
@@ -140,7 +135,7 @@ bool MainCfManager::transformList(const std::string& name, Transform transform)
 template <class Filter>
 void MainCfManager::filterStringValues(const std::string& name, Filter& filter)
 {
-    std::deque<std::string> list = splitAtCommas(getStringValue(name, false, false));
+    std::deque<std::string> list = _splitAtCommas(getStringValue(name, false, false));
     for (const std::string& element : list)
         filter(element);
     if (filter.finish(list))

@@ -82,6 +82,19 @@ MappedFile mapFile(const std::string& path)
     return file;
 }
 
+/// Size of the file of disabled services; 0 without one. Everything else that keeps it from being told is an
+/// error: a file that is taken for absent is replaced by the next store.
+std::uintmax_t disabledFileSize()
+{
+    std::error_code error;
+    const std::uintmax_t size = fs::file_size(disabledPath, error);
+    if (error == std::errc::no_such_file_or_directory)
+        return 0;
+    if (error)
+        throw fs::filesystem_error("cannot get file size", disabledPath, error);
+    return size;
+}
+
 bool includesEnabled(boost::logic::tribool enabled)
 {
     return enabled.value != boost::logic::tribool::false_value;
@@ -148,18 +161,14 @@ void ModuleManager::loadModules(bool force)
 {
     if (enabled_ && !force)
         return;
-    // Both are read before either counts: after a failure what was in memory stays.
     boost::scoped_ptr<MasterCfContent> enabled(new MasterCfContent);
     loadMasterCf(masterCfPath_, *enabled);
-    boost::scoped_ptr<MasterCfContent> disabled;
-    struct stat file = {};
-    if (::stat(disabledPath, &file) == 0 && file.st_size != 0) {
-        disabled.reset(new MasterCfContent);
-        loadMasterCf(disabledPath, *disabled);
-    }
     enabled_.swap(enabled);
-    if (disabled)
+    if (disabledFileSize() != 0) {
+        boost::scoped_ptr<MasterCfContent> disabled(new MasterCfContent);
+        loadMasterCf(disabledPath, *disabled);
         disabled_.swap(disabled);
+    }
     enabledChanged_ = false;
     disabledChanged_ = false;
 }

@@ -27,8 +27,10 @@ public:
     ModuleManager(const ModuleManager&) = delete;
     ModuleManager& operator=(const ModuleManager&) = delete;
 
-    /// Reads both files, unless they are loaded and `force` is false. A disabled-services file that is absent
-    /// or empty leaves those in memory. Throws as loadMasterCf.
+    /// Reads master.cf, then the disabled-services file, unless the first is loaded and `force` is false.
+    /// Each replaces what was in memory as soon as it is read; a disabled-services file that is absent or
+    /// empty replaces nothing. Throws as loadMasterCf, or std::filesystem::filesystem_error "cannot get file
+    /// size" where it cannot be told whether the second file is there.
     void loadModules(bool force);
 
     /// Writes those of the two files whose services were changed; with `force` both, the disabled one where

@@ -1,16 +1,10 @@
-// IpSenderTransport and DomainSenderTransport: see the header.
 #include "postfix/SenderTransport.h"
 
 #include "common/SystemError.h"
 
 #include <boost/algorithm/string.hpp>
 
-#include <utility>
-
 namespace zorvo::mail::postfix {
-
-const char* const generatedPrefix = "zorvo-";
-const char* const senderTransportTable = "hash:/var/spool/postfix/zorvo/sdd_transport_maps";
 
 std::string serviceNamePart(const std::string& text)
 {
@@ -28,29 +22,29 @@ const char* addressPreference(const std::string& ip4, const std::string& ip6)
 
 } // namespace
 
-BaseSenderTransport::BaseSenderTransport(const std::string& serviceName, const std::string& ip4Address,
+BaseSenderTransport::BaseSenderTransport(const std::string& ownName, const std::string& ip4Address,
                                          const std::string& ip6Address)
     : ip4(ip4Address), ip6(ip6Address)
 {
-    name = serviceNamePart(serviceName);
+    name = serviceNamePart(generatedPrefix + ownName);
     type = ModuleType::Unix;
     command.emplace_back("smtp");
-    addOption("smtp_bind_address=" + ip4);
-    addOption("smtp_bind_address6=" + ip6);
+    addOption(std::string(bindAddressParameter) + "=" + ip4);
+    addOption(std::string(bindAddress6Parameter) + "=" + ip6);
     addOption(std::string("smtp_address_preference=") + addressPreference(ip4, ip6));
     if (ip4.empty() != ip6.empty())
         addOption(ip6.empty() ? "inet_protocols=ipv4" : "inet_protocols=ipv6");
 }
 
-void BaseSenderTransport::addOption(std::string setting)
+void BaseSenderTransport::addOption(const std::string& setting)
 {
     command.emplace_back("-o");
-    command.push_back(std::move(setting));
+    command.push_back(setting);
 }
 
 IpSenderTransport::IpSenderTransport(const std::string&, const std::string& ip4Address,
                                      const std::string& ip6Address)
-    : BaseSenderTransport(generatedPrefix + ip4Address + "-" + ip6Address, ip4Address, ip6Address)
+    : BaseSenderTransport(ip4Address + "-" + ip6Address, ip4Address, ip6Address)
 {
 }
 
@@ -65,11 +59,18 @@ bool IpSenderTransport::sameTransport(const std::string& serviceName) const
 
 DomainSenderTransport::DomainSenderTransport(const std::string& domainName, const std::string& ip4Address,
                                              const std::string& ip6Address)
-    : BaseSenderTransport(generatedPrefix + domainName + "-" + ip4Address + "-" + ip6Address, ip4Address,
-                          ip6Address),
-      domain(boost::algorithm::to_lower_copy(domainName))
+    : BaseSenderTransport(domainName + "-" + ip4Address + "-" + ip6Address, ip4Address, ip6Address),
+      domain(boost::algorithm::to_lower_copy(domainName)),
+      namePrefix_(serviceNamePart(generatedPrefix + domainName))
 {
     addOption("smtp_helo_name=" + domain);
+}
+
+bool DomainSenderTransport::ownsService(const std::string& serviceName) const
+{
+    if (domain.empty())
+        throw SystemError("Failed to check transport match if domain name not specified", 0);
+    return boost::algorithm::starts_with(serviceName, namePrefix_);
 }
 
 } // namespace zorvo::mail::postfix

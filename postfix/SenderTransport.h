@@ -1,5 +1,13 @@
-// IpSenderTransport and DomainSenderTransport: the two kinds of generated services, smtp(8) clients in
-// master.cf that send from chosen addresses. All names begin with "zorvo-". Nothing is validated.
+// SenderTransport: every name that this program generates in Postfix's configuration, and the kinds of
+// services that it generates in master.cf: smtp(8) clients that send from chosen addresses.
+//
+// A kind of service is a class that
+//   - derives from BaseSenderTransport, whose constructor forms the service and gives it a name that every
+//     run recognises and removes;
+//   - can be made from (domain, ip4, ip6);
+//   - has `bool ownsService(const std::string& serviceName) const`, which tells its services from others.
+// SenderTransportManager works with any such class, and app/do_main.cpp offers it to the user.
+// Nothing is validated: addresses and names go into the service as they are.
 #pragma once
 
 #include "postfix/ModuleInfo.h"
@@ -9,39 +17,52 @@
 namespace zorvo::mail::postfix {
 
 /// Prefix by which generated services are known.
-extern const char* const generatedPrefix;
+inline constexpr const char* generatedPrefix = "zorvo-";
 
 /// The lookup table that binds senders to generated services.
-extern const char* const senderTransportTable;
+inline constexpr const char* senderTransportTable = "hash:/var/spool/postfix/zorvo/sdd_transport_maps";
+
+/// The parameters of smtp(8) that hold its source addresses.
+inline constexpr const char* bindAddressParameter = "smtp_bind_address";
+inline constexpr const char* bindAddress6Parameter = "smtp_bind_address6";
+
+/// The parameters that every run removes from main.cf, in this order.
+inline constexpr const char* removedParameters[] = {
+    bindAddressParameter,
+    bindAddress6Parameter,
+};
 
 /// `text` with every ":" turned into "-", as in the name of a generated service.
 std::string serviceNamePart(const std::string& text);
 
-/// What both kinds share: the service's values and its addresses, each of which may be empty.
+/// What all kinds share: the service's values and its addresses, each of which may be empty.
 class BaseSenderTransport : public ModuleInfo {
 public:
     std::string ip4;
     std::string ip6;
 
 protected:
-    /// `serviceName` goes through serviceNamePart().
-    BaseSenderTransport(const std::string& serviceName, const std::string& ip4Address,
+    /// The service's name is generatedPrefix and `ownName`, through serviceNamePart().
+    BaseSenderTransport(const std::string& ownName, const std::string& ip4Address,
                         const std::string& ip6Address);
 
     /// Adds "-o setting" to the command.
-    void addOption(std::string setting);
+    void addOption(const std::string& setting);
 };
 
 /// A service named after its address pair, shared by every domain that sends from it.
 class IpSenderTransport : public BaseSenderTransport {
 public:
-    /// `domain` is ignored; it gives both kinds one shape.
+    /// `domain` is ignored.
     IpSenderTransport(const std::string& domain, const std::string& ip4Address,
                       const std::string& ip6Address);
 
     /// Whether the service `serviceName` sends from this transport's IPv4 address or, without one, from its
     /// IPv6 address. Throws SystemError with the current errno when both are empty.
     bool sameTransport(const std::string& serviceName) const;
+
+    /// The same as sameTransport.
+    bool ownsService(const std::string& serviceName) const { return sameTransport(serviceName); }
 };
 
 /// A service of one domain, which it also announces as HELO name.
@@ -50,7 +71,15 @@ public:
     DomainSenderTransport(const std::string& domainName, const std::string& ip4Address,
                           const std::string& ip6Address);
 
+    /// Whether the name `serviceName` begins as those of this domain do; the addresses do not count, and a
+    /// longer domain that begins with this one counts as well. Throws SystemError with the current errno
+    /// when the domain is empty.
+    bool ownsService(const std::string& serviceName) const;
+
     std::string domain; ///< In lower case.
+
+private:
+    std::string namePrefix_; ///< Made of the domain as it was passed.
 };
 
 } // namespace zorvo::mail::postfix

@@ -2,11 +2,14 @@
 // and the record that leads the domain's senders to it.
 #pragma once
 
+#include "postfix/ModuleManager.h"
 #include "postfix/SenderTransport.h"
 
 #include <boost/scoped_ptr.hpp>
 
 #include <string>
+#include <type_traits>
+#include <utility>
 
 namespace zorvo::mail::postfix {
 
@@ -29,21 +32,61 @@ public:
     virtual void removeSenderTransport() = 0;
 };
 
-/// T is IpSenderTransport or DomainSenderTransport.
+/// The steps that do not depend on the kind of transport.
+namespace sender_transport_steps {
+
+/// Throws the refusals of addDomainToSenderTransport().
+void requireDomainAndAddress(const std::string& domain, const std::string& ip4, const std::string& ip6);
+
+/// Puts the service into master.cf and the record "@domain" of its name into the table.
+void bindDomain(const std::string& domain, const ModuleInfo& service);
+
+/// Takes the record "@domain" out of the table.
+void unbindDomain(const std::string& domain);
+
+} // namespace sender_transport_steps
+
+/// Whether T tells its own services from others.
+template <class T, class = void>
+inline constexpr bool hasOwnsService = false;
+template <class T>
+inline constexpr bool hasOwnsService<
+    T, std::void_t<decltype(static_cast<bool>(std::declval<const T&>().ownsService(std::string())))>> = true;
+
+/// T is a kind of transport, as SenderTransport.h describes it.
 template <class T>
 class SenderTransportManager : public BaseSenderTransportManager {
+    static_assert(std::is_base_of_v<BaseSenderTransport, T>,
+                  "a kind of sender transport must derive from BaseSenderTransport (SenderTransport.h)");
+    static_assert(hasOwnsService<T>, "a kind of sender transport must have 'bool ownsService(const "
+                                     "std::string& serviceName) const', which "
+                                     "tells its services from others (SenderTransport.h)");
+    static_assert(std::is_constructible_v<T, const std::string&, const std::string&, const std::string&>,
+                  "a kind of sender transport must have a public constructor that takes the strings domain, "
+                  "ip4 and ip6 "
+                  "(SenderTransport.h)");
+
 public:
-    SenderTransportManager(const std::string& domain, const std::string& ip4, const std::string& ip6);
+    SenderTransportManager(const std::string& domain, const std::string& ip4, const std::string& ip6)
+        : domain_(domain), ip4_(ip4), ip6_(ip6)
+    {
+    }
 
     /// The domain as it will be used; callers lower-case it first.
     std::string& domain() noexcept { return domain_; }
 
-    void addDomainToSenderTransport() override;
-    void removeDomainFromSenderTransport() override;
+    void addDomainToSenderTransport() override
+    {
+        sender_transport_steps::requireDomainAndAddress(domain_, ip4_, ip6_);
+        sender_transport_steps::bindDomain(domain_, _transport());
+    }
+
+    void removeDomainFromSenderTransport() override { sender_transport_steps::unbindDomain(domain_); }
+
     void removeSenderTransport() override;
 
 private:
-    const T& transport(); ///< Made on first need.
+    const T& _transport(); ///< Made on first need.
 
     std::string domain_;
     std::string ip4_;
@@ -51,7 +94,25 @@ private:
     boost::scoped_ptr<T> transport_;
 };
 
-extern template class SenderTransportManager<IpSenderTransport>;
-extern template class SenderTransportManager<DomainSenderTransport>;
+template <class T>
+void SenderTransportManager<T>::removeSenderTransport()
+{
+    ModuleManager& modules = ModuleManager::getInstance();
+    modules.loadModules(false);
+    const T& own = _transport();
+    for (const ModuleInfo& service : modules.enabledContent().modules()) {
+        if (own.ownsService(service.name))
+            modules.removeModule(service.name, ModuleType::Unix);
+    }
+    modules.storeModules(false);
+}
+
+template <class T>
+const T& SenderTransportManager<T>::_transport()
+{
+    if (!transport_)
+        transport_.reset(new T(domain_, ip4_, ip6_));
+    return *transport_;
+}
 
 } // namespace zorvo::mail::postfix

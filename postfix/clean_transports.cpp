@@ -1,4 +1,3 @@
-// clean_transports: see the header.
 #include "postfix/clean_transports.h"
 
 #include "postfix/DatabaseHelper.h"
@@ -13,8 +12,8 @@ using namespace zorvo::mail::postfix;
 void clean_transports()
 {
     MainCfManager& mainCf = MainCfManager::getInstance();
-    mainCf.removeKey("smtp_bind_address");
-    mainCf.removeKey("smtp_bind_address6");
+    for (const char* const parameter : removedParameters)
+        mainCf.removeKey(parameter);
 
     const RecordList none;
     DatabaseHelper::replaceRecords(senderTransportTable, none.begin(), none.end());

@@ -2,7 +2,7 @@
 #include "postfix/BatchDatabaseHelper.h"
 
 #include "postfix/PostfixError.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
 #include "support/ScratchDir.h"

@@ -4,7 +4,7 @@
 
 #include "common/SystemError.h"
 #include "postfix/PostfixError.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
 #include "support/OpenFds.h"
@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <list>
 #include <optional>
 #include <set>
@@ -591,12 +592,13 @@ TEST_F(DatabaseHelperTest, OtherTypesKeepTheirDatabaseFiles)
 // A name that only contains the word is none of that type: its source file has a longer name.
 TEST_F(DatabaseHelperTest, LmdbFurtherBehindIsNoType)
 {
-    ASSERT_EQ(0, ::chdir(scratch_.path().c_str()));
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(scratch_.path());
     support::writeFile("table.lmdb", "old");
     support::writeFile("lmdb:table.lmdb", "old");
     replace("hash:lmdb:table", twoRecords);
+    std::filesystem::current_path(before);
     EXPECT_EQ((std::set<std::string>{"table.lmdb", "lmdb:table.lmdb"}), scratch_.names());
-    ASSERT_EQ(0, ::chdir("/"));
 }
 
 TEST_F(DatabaseHelperTest, AddingAndRemovingKeepTheLmdbFile)

@@ -3,7 +3,8 @@
 
 #include "common/SystemError.h"
 #include "postfix/PostfixError.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/FreshStart.h"
+#include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
 #include "support/Capture.h"
@@ -35,7 +36,7 @@ const char* const mainCfLock =
     "/run/lock/files/7963c3b4b0754641744c1ae241e19575"; // MD5 of /etc/postfix/main.cf
 
 /// With postconf replaced.
-class MainCfManagerTest : public testing::Test {
+class MainCfManagerTest : public support::FreshProcessTest {
 protected:
     MainCfManagerTest()
     {
@@ -64,7 +65,7 @@ protected:
 
 // --- the instance
 
-TEST_F(MainCfManagerTest, InstanceAsksForTheDirectoryOnce)
+PROCESS_TEST_F(MainCfManagerTest, InstanceAsksForTheDirectoryOnce)
 {
     tools_.answer(postconfPath, ToolAnswer::prints("/etc/postfix\n"));
     MainCfManager& first = MainCfManager::getInstance();
@@ -73,7 +74,7 @@ TEST_F(MainCfManagerTest, InstanceAsksForTheDirectoryOnce)
     EXPECT_EQ((CommandLines{directoryQuery}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, FailedQuestionFallsBackToTheBuiltInDirectory)
+PROCESS_TEST_F(MainCfManagerTest, FailedQuestionFallsBackToTheBuiltInDirectory)
 {
     tools_.answerOnce(postconfPath, ToolAnswer::fails(1, "postconf: fatal: text\n"));
     tools_.answerOnce(postconfPath, ToolAnswer::prints("/etc/postfix\n"));
@@ -82,7 +83,7 @@ TEST_F(MainCfManagerTest, FailedQuestionFallsBackToTheBuiltInDirectory)
 }
 
 // A killed tool and an output that is judged bad are failed questions too.
-TEST_F(MainCfManagerTest, KilledQuestionFallsBackToTheBuiltInDirectory)
+PROCESS_TEST_F(MainCfManagerTest, KilledQuestionFallsBackToTheBuiltInDirectory)
 {
     tools_.answerOnce(postconfPath, ToolAnswer::dies(SIGKILL, ""));
     tools_.answerOnce(postconfPath, ToolAnswer::prints("/etc/postfix\n"));
@@ -90,7 +91,7 @@ TEST_F(MainCfManagerTest, KilledQuestionFallsBackToTheBuiltInDirectory)
     EXPECT_EQ((CommandLines{directoryQuery, defaultDirectoryQuery}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, QuestionWithBadOutputFallsBackToTheBuiltInDirectory)
+PROCESS_TEST_F(MainCfManagerTest, QuestionWithBadOutputFallsBackToTheBuiltInDirectory)
 {
     tools_.answerOnce(postconfPath, ToolAnswer::fails(0, "postconf: error: text\n"));
     tools_.answerOnce(postconfPath, ToolAnswer::prints("/etc/postfix\n"));
@@ -98,7 +99,7 @@ TEST_F(MainCfManagerTest, QuestionWithBadOutputFallsBackToTheBuiltInDirectory)
     EXPECT_EQ((CommandLines{directoryQuery, defaultDirectoryQuery}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, FailureOfBothQuestionsIsTheSecondOne)
+PROCESS_TEST_F(MainCfManagerTest, FailureOfBothQuestionsIsTheSecondOne)
 {
     tools_.answerOnce(postconfPath, ToolAnswer::fails(1, "first"));
     tools_.answerOnce(postconfPath, ToolAnswer::fails(1, "second"));
@@ -107,7 +108,7 @@ TEST_F(MainCfManagerTest, FailureOfBothQuestionsIsTheSecondOne)
 }
 
 // An empty answer is an answer: the built-in directory is not asked for.
-TEST_F(MainCfManagerTest, EmptyDirectoryIsAnErrorAtOnce)
+PROCESS_TEST_F(MainCfManagerTest, EmptyDirectoryIsAnErrorAtOnce)
 {
     tools_.answerOnce(postconfPath, ToolAnswer::prints(" \n"));
     EXPECT_EQ("unable to determine Postfix config_directory parameter",
@@ -115,7 +116,7 @@ TEST_F(MainCfManagerTest, EmptyDirectoryIsAnErrorAtOnce)
     EXPECT_EQ((CommandLines{directoryQuery}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, EmptyBuiltInDirectoryIsAnError)
+PROCESS_TEST_F(MainCfManagerTest, EmptyBuiltInDirectoryIsAnError)
 {
     tools_.answerOnce(postconfPath, ToolAnswer::fails(1, "first"));
     EXPECT_EQ("unable to determine Postfix config_directory parameter",
@@ -123,7 +124,7 @@ TEST_F(MainCfManagerTest, EmptyBuiltInDirectoryIsAnError)
     EXPECT_EQ((CommandLines{directoryQuery, defaultDirectoryQuery}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, FailedInstanceIsTriedAgainByTheNextCall)
+PROCESS_TEST_F(MainCfManagerTest, FailedInstanceIsTriedAgainByTheNextCall)
 {
     EXPECT_EQ("unable to determine Postfix config_directory parameter",
               exactMessageOf<PostfixConfigurationError>([] { MainCfManager::getInstance(); }));
@@ -133,8 +134,10 @@ TEST_F(MainCfManagerTest, FailedInstanceIsTriedAgainByTheNextCall)
     EXPECT_EQ((CommandLines{directoryQuery, directoryQuery}), tools_.commandLines());
 }
 
+class MainCfManagerLaunchTest : public support::FreshProcessTest {};
+
 // Only Postfix's own word leads to the fallback: a tool that cannot be started does not.
-TEST(MainCfManagerLaunchTest, ToolThatCannotBeStartedIsNamedWithItsReason)
+PROCESS_TEST_F(MainCfManagerLaunchTest, ToolThatCannotBeStartedIsNamedWithItsReason)
 {
     support::ToolStandIns tools;
     tools.breakTool(postconfPath);
@@ -146,7 +149,7 @@ TEST(MainCfManagerLaunchTest, ToolThatCannotBeStartedIsNamedWithItsReason)
 }
 
 // The lock's key is the directory as printed and "/main.cf".
-TEST_F(MainCfManagerTest, LockIsNamedByTheDirectoryAsItStands)
+PROCESS_TEST_F(MainCfManagerTest, LockIsNamedByTheDirectoryAsItStands)
 {
     const std::string lock = support::lockFileOf("/some/where///main.cf");
     tools_.probeLock(lock);
@@ -158,28 +161,28 @@ TEST_F(MainCfManagerTest, LockIsNamedByTheDirectoryAsItStands)
 
 // --- reading a value
 
-TEST_F(MainCfManagerTest, ValueIsAskedForByName)
+PROCESS_TEST_F(MainCfManagerTest, ValueIsAskedForByName)
 {
     MainCfManager& m = manager();
     m.getStringValue("mynetworks", false, false);
     EXPECT_EQ((CommandLines{{postconfPath, "-h", "mynetworks"}}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, BuiltInValueIsAskedForWithD)
+PROCESS_TEST_F(MainCfManagerTest, BuiltInValueIsAskedForWithD)
 {
     MainCfManager& m = manager();
     m.getStringValue("mynetworks", true, false);
     EXPECT_EQ((CommandLines{{postconfPath, "-h", "-d", "mynetworks"}}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, ExpandedValueIsAskedForWithX)
+PROCESS_TEST_F(MainCfManagerTest, ExpandedValueIsAskedForWithX)
 {
     MainCfManager& m = manager();
     m.getStringValue("mynetworks", false, true);
     EXPECT_EQ((CommandLines{{postconfPath, "-h", "-x", "mynetworks"}}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, ExpandedBuiltInValueIsAskedForWithDThenX)
+PROCESS_TEST_F(MainCfManagerTest, ExpandedBuiltInValueIsAskedForWithDThenX)
 {
     MainCfManager& m = manager();
     m.getStringValue("mynetworks", true, true);
@@ -187,14 +190,14 @@ TEST_F(MainCfManagerTest, ExpandedBuiltInValueIsAskedForWithDThenX)
 }
 
 // One argument, whatever it holds.
-TEST_F(MainCfManagerTest, NameIsPassedAsItIs)
+PROCESS_TEST_F(MainCfManagerTest, NameIsPassedAsItIs)
 {
     MainCfManager& m = manager();
     m.getStringValue("a 'b' $c;\n*", false, false);
     EXPECT_EQ((CommandLines{{postconfPath, "-h", "a 'b' $c;\n*"}}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, WhiteSpaceAtTheEndsIsTrimmed)
+PROCESS_TEST_F(MainCfManagerTest, WhiteSpaceAtTheEndsIsTrimmed)
 {
     manager();
     EXPECT_EQ("value", valueOf("value\n"));
@@ -205,20 +208,20 @@ TEST_F(MainCfManagerTest, WhiteSpaceAtTheEndsIsTrimmed)
     EXPECT_EQ("", valueOf(" \t \n\n"));
 }
 
-TEST_F(MainCfManagerTest, InnerLineBreaksAreKept)
+PROCESS_TEST_F(MainCfManagerTest, InnerLineBreaksAreKept)
 {
     manager();
     EXPECT_EQ("a,\n    b\t\n\n  c", valueOf("  a,\n    b\t\n\n  c  \n"));
 }
 
-TEST_F(MainCfManagerTest, LongValueIsReadWhole)
+PROCESS_TEST_F(MainCfManagerTest, LongValueIsReadWhole)
 {
     manager();
     const std::string value(200000, 'x');
     EXPECT_EQ(value, valueOf(value + "\n"));
 }
 
-TEST_F(MainCfManagerTest, EveryReadRunsTheTool)
+PROCESS_TEST_F(MainCfManagerTest, EveryReadRunsTheTool)
 {
     manager();
     EXPECT_EQ("first", valueOf("first\n"));
@@ -226,20 +229,20 @@ TEST_F(MainCfManagerTest, EveryReadRunsTheTool)
     EXPECT_EQ(2U, tools_.calls().size());
 }
 
-TEST_F(MainCfManagerTest, UnknownParameterWithAWarningIsEmpty)
+PROCESS_TEST_F(MainCfManagerTest, UnknownParameterWithAWarningIsEmpty)
 {
     MainCfManager& m = manager();
     tools_.answerOnce(postconfPath, ToolAnswer::fails(0, "postconf: warning: x: unknown parameter\n"));
     EXPECT_EQ("", m.getStringValue("x", false, false));
 }
 
-TEST_F(MainCfManagerTest, NothingPrintedAtAllIsAnEmptyValue)
+PROCESS_TEST_F(MainCfManagerTest, NothingPrintedAtAllIsAnEmptyValue)
 {
     manager();
     EXPECT_EQ("", valueOf(""));
 }
 
-TEST_F(MainCfManagerTest, NoValueWithAReportedErrorIsAnError)
+PROCESS_TEST_F(MainCfManagerTest, NoValueWithAReportedErrorIsAnError)
 {
     MainCfManager& m = manager();
     tools_.answerOnce(postconfPath, ToolAnswer::fails(0, "postconf: fatal: open /x: text\n"));
@@ -248,7 +251,7 @@ TEST_F(MainCfManagerTest, NoValueWithAReportedErrorIsAnError)
 }
 
 // Judged without strictness: another word than an error level is no error.
-TEST_F(MainCfManagerTest, NoValueWithAnotherDiagnosticIsEmpty)
+PROCESS_TEST_F(MainCfManagerTest, NoValueWithAnotherDiagnosticIsEmpty)
 {
     MainCfManager& m = manager();
     tools_.answerOnce(postconfPath, ToolAnswer::fails(0, "postconf: note: x: text\n"));
@@ -256,7 +259,7 @@ TEST_F(MainCfManagerTest, NoValueWithAnotherDiagnosticIsEmpty)
 }
 
 // Standard error is judged only when there is no value.
-TEST_F(MainCfManagerTest, ValueBesidesAReportedErrorCounts)
+PROCESS_TEST_F(MainCfManagerTest, ValueBesidesAReportedErrorCounts)
 {
     MainCfManager& m = manager();
     ToolAnswer answer = ToolAnswer::prints("value\n");
@@ -265,7 +268,7 @@ TEST_F(MainCfManagerTest, ValueBesidesAReportedErrorCounts)
     EXPECT_EQ("value", m.getStringValue("x", false, false));
 }
 
-TEST_F(MainCfManagerTest, FailedReadCarriesErrorOutputAsItIs)
+PROCESS_TEST_F(MainCfManagerTest, FailedReadCarriesErrorOutputAsItIs)
 {
     MainCfManager& m = manager();
     ToolAnswer answer = ToolAnswer::fails(1, "  postconf: warning: text\nmore \n\n");
@@ -275,7 +278,7 @@ TEST_F(MainCfManagerTest, FailedReadCarriesErrorOutputAsItIs)
               exactMessageOf<PostfixConfigurationError>([&] { m.getStringValue("x", false, false); }));
 }
 
-TEST_F(MainCfManagerTest, FailedReadWithoutErrorOutputIsUnknown)
+PROCESS_TEST_F(MainCfManagerTest, FailedReadWithoutErrorOutputIsUnknown)
 {
     MainCfManager& m = manager();
     ToolAnswer answer = ToolAnswer::fails(255, "");
@@ -285,7 +288,7 @@ TEST_F(MainCfManagerTest, FailedReadWithoutErrorOutputIsUnknown)
               exactMessageOf<PostfixConfigurationError>([&] { m.getStringValue("x", false, false); }));
 }
 
-TEST_F(MainCfManagerTest, KilledReadIsAFailure)
+PROCESS_TEST_F(MainCfManagerTest, KilledReadIsAFailure)
 {
     MainCfManager& m = manager();
     ToolAnswer answer = ToolAnswer::dies(SIGTERM, "");
@@ -298,7 +301,7 @@ TEST_F(MainCfManagerTest, KilledReadIsAFailure)
               exactMessageOf<PostfixConfigurationError>([&] { m.getStringValue("x", false, false); }));
 }
 
-TEST_F(MainCfManagerTest, ReadsTakeNoLock)
+PROCESS_TEST_F(MainCfManagerTest, ReadsTakeNoLock)
 {
     MainCfManager& m = manager();
     m.getStringValue("x", true, true);
@@ -314,7 +317,7 @@ TEST_F(MainCfManagerTest, ReadsTakeNoLock)
     EXPECT_EQ(6U, tools_.calls().size());
 }
 
-TEST_F(MainCfManagerTest, ReadsShowNothingOfTheTool)
+PROCESS_TEST_F(MainCfManagerTest, ReadsShowNothingOfTheTool)
 {
     MainCfManager& m = manager();
     ToolAnswer answer = ToolAnswer::prints("value\n");
@@ -328,7 +331,7 @@ TEST_F(MainCfManagerTest, ReadsShowNothingOfTheTool)
     EXPECT_EQ("", capture.err());
 }
 
-TEST_F(MainCfManagerTest, RunsLeaveNoDescriptorAndNoChild)
+PROCESS_TEST_F(MainCfManagerTest, RunsLeaveNoDescriptorAndNoChild)
 {
     MainCfManager& m = manager();
     const auto before = support::openFds();
@@ -344,35 +347,35 @@ TEST_F(MainCfManagerTest, RunsLeaveNoDescriptorAndNoChild)
 
 // --- changing a value
 
-TEST_F(MainCfManagerTest, ReplacingIsOneRunWithOneArgument)
+PROCESS_TEST_F(MainCfManagerTest, ReplacingIsOneRunWithOneArgument)
 {
     MainCfManager& m = manager();
     m.replaceStringValue("smtp_bind_address", "192.0.2.1");
     EXPECT_EQ((CommandLines{{postconfPath, "-e", "smtp_bind_address=192.0.2.1"}}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, ReplacingByNothingKeepsTheEqualsSign)
+PROCESS_TEST_F(MainCfManagerTest, ReplacingByNothingKeepsTheEqualsSign)
 {
     MainCfManager& m = manager();
     m.replaceStringValue("smtp_bind_address", "");
     EXPECT_EQ((CommandLines{{postconfPath, "-e", "smtp_bind_address="}}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, ValueIsPassedAsItIs)
+PROCESS_TEST_F(MainCfManagerTest, ValueIsPassedAsItIs)
 {
     MainCfManager& m = manager();
     m.replaceStringValue("x", "  $a \"b\" 'c' = d;\n\te\\ * ");
     EXPECT_EQ((CommandLines{{postconfPath, "-e", "x=  $a \"b\" 'c' = d;\n\te\\ * "}}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, RemovingIsOneRun)
+PROCESS_TEST_F(MainCfManagerTest, RemovingIsOneRun)
 {
     MainCfManager& m = manager();
     m.removeKey("smtp_bind_address6");
     EXPECT_EQ((CommandLines{{postconfPath, "-X", "smtp_bind_address6"}}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, ChangesRunUnderTheLock)
+PROCESS_TEST_F(MainCfManagerTest, ChangesRunUnderTheLock)
 {
     MainCfManager& m = manager();
     m.replaceStringValue("x", "y");
@@ -383,7 +386,7 @@ TEST_F(MainCfManagerTest, ChangesRunUnderTheLock)
     EXPECT_TRUE(support::lockIsFree(mainCfLock));
 }
 
-TEST_F(MainCfManagerTest, LockIsFreeAfterAFailedChange)
+PROCESS_TEST_F(MainCfManagerTest, LockIsFreeAfterAFailedChange)
 {
     MainCfManager& m = manager();
     tools_.answer(postconfPath, ToolAnswer::fails(1, ""));
@@ -394,7 +397,7 @@ TEST_F(MainCfManagerTest, LockIsFreeAfterAFailedChange)
 }
 
 // Nothing runs until whoever holds the lock is done.
-TEST_F(MainCfManagerTest, ChangeWaitsForTheLock)
+PROCESS_TEST_F(MainCfManagerTest, ChangeWaitsForTheLock)
 {
     MainCfManager& m = manager();
     support::HeldLock lock(mainCfLock);
@@ -409,7 +412,7 @@ TEST_F(MainCfManagerTest, ChangeWaitsForTheLock)
     EXPECT_EQ((CommandLines{{postconfPath, "-X", "x"}}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, ChangeWithoutALockDoesNotRun)
+PROCESS_TEST_F(MainCfManagerTest, ChangeWithoutALockDoesNotRun)
 {
     MainCfManager& m = manager();
     std::filesystem::remove_all("/run/lock/files");
@@ -421,7 +424,7 @@ TEST_F(MainCfManagerTest, ChangeWithoutALockDoesNotRun)
     EXPECT_TRUE(tools_.calls().empty());
 }
 
-TEST_F(MainCfManagerTest, FailedChangeCarriesErrorOutputAsItIs)
+PROCESS_TEST_F(MainCfManagerTest, FailedChangeCarriesErrorOutputAsItIs)
 {
     MainCfManager& m = manager();
     tools_.answer(postconfPath, ToolAnswer::fails(1, "postconf: fatal: open /x: text\n"));
@@ -431,7 +434,7 @@ TEST_F(MainCfManagerTest, FailedChangeCarriesErrorOutputAsItIs)
               exactMessageOf<PostfixConfigurationError>([&] { m.removeKey("x"); }));
 }
 
-TEST_F(MainCfManagerTest, FailedChangeWithoutErrorOutputIsUnknown)
+PROCESS_TEST_F(MainCfManagerTest, FailedChangeWithoutErrorOutputIsUnknown)
 {
     MainCfManager& m = manager();
     tools_.answer(postconfPath, ToolAnswer::fails(1, ""));
@@ -442,7 +445,7 @@ TEST_F(MainCfManagerTest, FailedChangeWithoutErrorOutputIsUnknown)
 }
 
 // A change is judged by the tool's end alone.
-TEST_F(MainCfManagerTest, ErrorOutputOfASuccessfulChangeIsIgnored)
+PROCESS_TEST_F(MainCfManagerTest, ErrorOutputOfASuccessfulChangeIsIgnored)
 {
     MainCfManager& m = manager();
     tools_.answer(postconfPath, ToolAnswer::fails(0, "postconf: fatal: x: text\n"));
@@ -453,7 +456,7 @@ TEST_F(MainCfManagerTest, ErrorOutputOfASuccessfulChangeIsIgnored)
 }
 
 // What the tool prints while changing goes to our own standard output.
-TEST_F(MainCfManagerTest, StandardOutputOfAChangeIsInherited)
+PROCESS_TEST_F(MainCfManagerTest, StandardOutputOfAChangeIsInherited)
 {
     MainCfManager& m = manager();
     tools_.answer(postconfPath, ToolAnswer::prints("printed\n"));
@@ -464,7 +467,7 @@ TEST_F(MainCfManagerTest, StandardOutputOfAChangeIsInherited)
     EXPECT_EQ("", capture.err());
 }
 
-TEST(MainCfManagerLaunchTest, ToolThatCannotBeStartedForAChangeFreesTheLock)
+PROCESS_TEST_F(MainCfManagerLaunchTest, ToolThatCannotBeStartedForAChangeFreesTheLock)
 {
     support::ToolStandIns tools;
     tools.replace(postconfPath);
@@ -478,7 +481,7 @@ TEST(MainCfManagerLaunchTest, ToolThatCannotBeStartedForAChangeFreesTheLock)
 
 // --- questions about a parameter
 
-TEST_F(MainCfManagerTest, KnownParameterPrintsADefault)
+PROCESS_TEST_F(MainCfManagerTest, KnownParameterPrintsADefault)
 {
     MainCfManager& m = manager();
     tools_.answerOnce(postconfPath, ToolAnswer::prints("x = \n"));
@@ -488,7 +491,7 @@ TEST_F(MainCfManagerTest, KnownParameterPrintsADefault)
 }
 
 // Any output counts, a blank as well; standard error does not.
-TEST_F(MainCfManagerTest, KnownParameterIsJudgedByOutputAlone)
+PROCESS_TEST_F(MainCfManagerTest, KnownParameterIsJudgedByOutputAlone)
 {
     MainCfManager& m = manager();
     tools_.answerOnce(postconfPath, ToolAnswer::prints("\n"));
@@ -497,7 +500,7 @@ TEST_F(MainCfManagerTest, KnownParameterIsJudgedByOutputAlone)
     EXPECT_FALSE(m.isParamExists("x"));
 }
 
-TEST_F(MainCfManagerTest, FailedQuestionForAParameterIsAnError)
+PROCESS_TEST_F(MainCfManagerTest, FailedQuestionForAParameterIsAnError)
 {
     MainCfManager& m = manager();
     ToolAnswer answer = ToolAnswer::fails(1, "text\n");
@@ -508,7 +511,7 @@ TEST_F(MainCfManagerTest, FailedQuestionForAParameterIsAnError)
     EXPECT_EQ("unknown error", exactMessageOf<PostfixConfigurationError>([&] { m.isParamExists("x"); }));
 }
 
-TEST_F(MainCfManagerTest, ConfiguredParameterPrintsAValue)
+PROCESS_TEST_F(MainCfManagerTest, ConfiguredParameterPrintsAValue)
 {
     MainCfManager& m = manager();
     tools_.answerOnce(postconfPath, ToolAnswer::prints("x = \n"));
@@ -517,14 +520,14 @@ TEST_F(MainCfManagerTest, ConfiguredParameterPrintsAValue)
     EXPECT_EQ((CommandLines{{postconfPath, "-n", "x"}, {postconfPath, "-n", "y"}}), tools_.commandLines());
 }
 
-TEST_F(MainCfManagerTest, UnconfiguredParameterWithAWarningIsNoError)
+PROCESS_TEST_F(MainCfManagerTest, UnconfiguredParameterWithAWarningIsNoError)
 {
     MainCfManager& m = manager();
     tools_.answerOnce(postconfPath, ToolAnswer::fails(0, "postconf: warning: x: unknown parameter\n"));
     EXPECT_FALSE(m.isValueConfigured("x"));
 }
 
-TEST_F(MainCfManagerTest, UnconfiguredParameterWithAReportedErrorIsAnError)
+PROCESS_TEST_F(MainCfManagerTest, UnconfiguredParameterWithAReportedErrorIsAnError)
 {
     MainCfManager& m = manager();
     tools_.answerOnce(postconfPath, ToolAnswer::fails(0, "postconf: error: x: text\n"));
@@ -532,7 +535,7 @@ TEST_F(MainCfManagerTest, UnconfiguredParameterWithAReportedErrorIsAnError)
               exactMessageOf<PostfixConfigurationError>([&] { m.isValueConfigured("x"); }));
 }
 
-TEST_F(MainCfManagerTest, ConfiguredParameterBesidesAReportedErrorCounts)
+PROCESS_TEST_F(MainCfManagerTest, ConfiguredParameterBesidesAReportedErrorCounts)
 {
     MainCfManager& m = manager();
     ToolAnswer answer = ToolAnswer::prints("x = y\n");
@@ -541,7 +544,7 @@ TEST_F(MainCfManagerTest, ConfiguredParameterBesidesAReportedErrorCounts)
     EXPECT_TRUE(m.isValueConfigured("x"));
 }
 
-TEST_F(MainCfManagerTest, FailedQuestionForAConfiguredValueIsAnError)
+PROCESS_TEST_F(MainCfManagerTest, FailedQuestionForAConfiguredValueIsAnError)
 {
     MainCfManager& m = manager();
     ToolAnswer answer = ToolAnswer::fails(1, "text\n");
@@ -554,7 +557,7 @@ TEST_F(MainCfManagerTest, FailedQuestionForAConfiguredValueIsAnError)
 
 // --- with the real postconf
 
-class MainCfManagerPostfixTest : public testing::Test {
+class MainCfManagerPostfixTest : public support::FreshProcessTest {
 protected:
     static MainCfManager& manager()
     {
@@ -569,7 +572,7 @@ protected:
     }
 };
 
-TEST_F(MainCfManagerPostfixTest, SetValueReadsBackTrimmed)
+PROCESS_TEST_F(MainCfManagerPostfixTest, SetValueReadsBackTrimmed)
 {
     append("relayhost =   [mx.example.org]:25 \t  \n");
     EXPECT_EQ("[mx.example.org]:25", manager().getStringValue("relayhost", false, false));
@@ -577,7 +580,7 @@ TEST_F(MainCfManagerPostfixTest, SetValueReadsBackTrimmed)
 }
 
 // The tool itself joins continuation lines.
-TEST_F(MainCfManagerPostfixTest, MultiLineValueIsReadWhole)
+PROCESS_TEST_F(MainCfManagerPostfixTest, MultiLineValueIsReadWhole)
 {
     append("smtpd_sender_restrictions = permit_mynetworks,\n# a comment\n  "
            "reject_unknown_sender_domain\n\tpermit\n");
@@ -585,14 +588,14 @@ TEST_F(MainCfManagerPostfixTest, MultiLineValueIsReadWhole)
               manager().getStringValue("smtpd_sender_restrictions", false, false));
 }
 
-TEST_F(MainCfManagerPostfixTest, ReferencesAreExpandedOnRequest)
+PROCESS_TEST_F(MainCfManagerPostfixTest, ReferencesAreExpandedOnRequest)
 {
     append("mydomain = example.org\nrelayhost = relay.$mydomain\n");
     EXPECT_EQ("relay.$mydomain", manager().getStringValue("relayhost", false, false));
     EXPECT_EQ("relay.example.org", manager().getStringValue("relayhost", false, true));
 }
 
-TEST_F(MainCfManagerPostfixTest, UnknownParameterIsEmptyAndUnknown)
+PROCESS_TEST_F(MainCfManagerPostfixTest, UnknownParameterIsEmptyAndUnknown)
 {
     EXPECT_EQ("", manager().getStringValue("no_such_parameter", false, false));
     EXPECT_EQ("", manager().getStringValue("no_such_parameter", true, false));
@@ -600,7 +603,7 @@ TEST_F(MainCfManagerPostfixTest, UnknownParameterIsEmptyAndUnknown)
     EXPECT_FALSE(manager().isValueConfigured("no_such_parameter"));
 }
 
-TEST_F(MainCfManagerPostfixTest, KnownParameterNeedNotBeConfigured)
+PROCESS_TEST_F(MainCfManagerPostfixTest, KnownParameterNeedNotBeConfigured)
 {
     append("relayhost = [mx.example.org]\nsmtp_bind_address6 =\n");
     EXPECT_TRUE(manager().isParamExists("relayhost"));
@@ -610,7 +613,7 @@ TEST_F(MainCfManagerPostfixTest, KnownParameterNeedNotBeConfigured)
     EXPECT_FALSE(manager().isValueConfigured("smtp_bind_address"));
 }
 
-TEST_F(MainCfManagerPostfixTest, ValueIsSetAndRemoved)
+PROCESS_TEST_F(MainCfManagerPostfixTest, ValueIsSetAndRemoved)
 {
     const std::string before = support::readFile("/etc/postfix/main.cf");
     manager().replaceStringValue("smtp_bind_address", "192.0.2.1");
@@ -620,14 +623,14 @@ TEST_F(MainCfManagerPostfixTest, ValueIsSetAndRemoved)
 }
 
 // Removing what is not set is no error.
-TEST_F(MainCfManagerPostfixTest, UnsetParameterIsRemovedSilently)
+PROCESS_TEST_F(MainCfManagerPostfixTest, UnsetParameterIsRemovedSilently)
 {
     const std::string before = support::readFile("/etc/postfix/main.cf");
     manager().removeKey("smtp_bind_address");
     EXPECT_EQ(before, support::readFile("/etc/postfix/main.cf"));
 }
 
-TEST_F(MainCfManagerPostfixTest, EmptyValueIsSetExplicitly)
+PROCESS_TEST_F(MainCfManagerPostfixTest, EmptyValueIsSetExplicitly)
 {
     manager().replaceStringValue("smtp_bind_address", "");
     support::ageMainCf();
@@ -636,7 +639,7 @@ TEST_F(MainCfManagerPostfixTest, EmptyValueIsSetExplicitly)
 }
 
 // The tool cannot write: its own words are the message, and main.cf is as before.
-TEST_F(MainCfManagerPostfixTest, ImpossibleNameIsTheToolsError)
+PROCESS_TEST_F(MainCfManagerPostfixTest, ImpossibleNameIsTheToolsError)
 {
     const std::string before = support::readFile("/etc/postfix/main.cf");
     EXPECT_EQ("/usr/sbin/postconf: fatal: missing '=' after attribute name: \"no equals sign=\"\n",
@@ -645,7 +648,7 @@ TEST_F(MainCfManagerPostfixTest, ImpossibleNameIsTheToolsError)
     EXPECT_EQ(before, support::readFile("/etc/postfix/main.cf"));
 }
 
-TEST_F(MainCfManagerPostfixTest, MissingMainCfFallsBackToTheBuiltInDirectory)
+PROCESS_TEST_F(MainCfManagerPostfixTest, MissingMainCfFallsBackToTheBuiltInDirectory)
 {
     std::filesystem::remove("/etc/postfix/main.cf");
     MainCfManager& m = MainCfManager::getInstance();

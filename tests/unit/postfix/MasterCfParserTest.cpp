@@ -2,7 +2,7 @@
 // refused with which message, and that files survive being loaded and stored.
 #include "postfix/ModuleManager.h"
 #include "postfix/PostfixError.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
 
 #include "support/OpenFds.h"
 #include "support/ScratchDir.h"
@@ -366,7 +366,7 @@ TEST_F(MasterCfParserTest, QuestionMarkBehindWakeupTimeIsRead)
 TEST_F(MasterCfParserTest, MisplacedQuestionMarkIsRefused)
 {
     for (const std::string columns : {"? -", "-? -", "60 ? -", "60?? -", "?60 -", "- ?"}) {
-        const std::string line = "x unix - - - " + columns + "\t";
+        const std::string line = "x unix - - - " + columns + " x";
         EXPECT_EQ(syntaxError(0, line), failure(line + "\n"));
     }
 }
@@ -404,7 +404,7 @@ TEST_F(MasterCfParserTest, LargerNumbersAreRefused)
 TEST_F(MasterCfParserTest, SignsAndOtherNotationsAreNoNumbers)
 {
     for (const std::string columns : {"+5 -", "- +5", "x -"}) {
-        const std::string line = "x unix - - - " + columns + "\t";
+        const std::string line = "x unix - - - " + columns + " x";
         EXPECT_EQ(syntaxError(0, line), failure(line + "\n"));
     }
     // The letters begin the command.

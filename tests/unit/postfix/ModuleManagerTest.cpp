@@ -3,7 +3,8 @@
 
 #include "common/SystemError.h"
 #include "postfix/PostfixError.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/FreshStart.h"
+#include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
 #include "support/OpenFds.h"
@@ -350,7 +351,7 @@ TEST_F(StoreMasterCfTest, FailedCloseKeepsTheOldFile)
 
 // --- the manager
 
-class ModuleManagerTest : public testing::Test {
+class ModuleManagerTest : public support::FreshProcessTest {
 protected:
     ModuleManagerTest()
     {
@@ -394,7 +395,7 @@ protected:
 
 const char* const notLoaded = "modules configuration isn't loaded yet";
 
-TEST_F(ModuleManagerTest, InstanceIsMadeOnceAndAsksForTheDirectoryItself)
+PROCESS_TEST_F(ModuleManagerTest, InstanceIsMadeOnceAndAsksForTheDirectoryItself)
 {
     ModuleManager& first = ModuleManager::getInstance();
     ModuleManager& second = ModuleManager::getInstance();
@@ -405,7 +406,7 @@ TEST_F(ModuleManagerTest, InstanceIsMadeOnceAndAsksForTheDirectoryItself)
 }
 
 // The manager's own question has no fallback, unlike the one of MainCfManager before it.
-TEST_F(ModuleManagerTest, FailedQuestionForTheDirectoryIsPassedOnAndAskedAgain)
+PROCESS_TEST_F(ModuleManagerTest, FailedQuestionForTheDirectoryIsPassedOnAndAskedAgain)
 {
     tools_.answerOnce(support::postconfPath, ToolAnswer::prints("/etc/postfix\n"));
     tools_.answerOnce(support::postconfPath, ToolAnswer::fails(1, "postconf: fatal: text\n"));
@@ -416,7 +417,7 @@ TEST_F(ModuleManagerTest, FailedQuestionForTheDirectoryIsPassedOnAndAskedAgain)
     EXPECT_EQ(3U, tools_.calls().size());
 }
 
-TEST_F(ModuleManagerTest, EverythingNeedsTheFilesToBeLoaded)
+PROCESS_TEST_F(ModuleManagerTest, EverythingNeedsTheFilesToBeLoaded)
 {
     support::writeFile(path_, "# a\n");
     ModuleManager& m = manager();
@@ -443,7 +444,7 @@ TEST_F(ModuleManagerTest, EverythingNeedsTheFilesToBeLoaded)
 
 // --- loading
 
-TEST_F(ModuleManagerTest, FailedLoadLeavesNothingLoaded)
+PROCESS_TEST_F(ModuleManagerTest, FailedLoadLeavesNothingLoaded)
 {
     EXPECT_EQ("unable to open " + path_,
               exactMessageOf<PostfixConfigurationError>([] { manager().loadModules(false); }));
@@ -456,7 +457,7 @@ TEST_F(ModuleManagerTest, FailedLoadLeavesNothingLoaded)
     EXPECT_EQ(notLoaded, exactMessageOf<std::logic_error>([] { manager().enabledContent(); }));
 }
 
-TEST_F(ModuleManagerTest, LoadedFilesAreNotReadAgain)
+PROCESS_TEST_F(ModuleManagerTest, LoadedFilesAreNotReadAgain)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n");
     support::writeFile(path_, "b unix - - n - - x\n");
@@ -467,7 +468,7 @@ TEST_F(ModuleManagerTest, LoadedFilesAreNotReadAgain)
     EXPECT_FALSE(m.hasModule("c", ModuleType::Unix, indeterminate));
 }
 
-TEST_F(ModuleManagerTest, ForcedLoadReadsAgainAndDropsEdits)
+PROCESS_TEST_F(ModuleManagerTest, ForcedLoadReadsAgainAndDropsEdits)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "c unix - - n - - x\n");
     m.addModule(service("edit", ModuleType::Unix, "y"), true);
@@ -482,7 +483,7 @@ TEST_F(ModuleManagerTest, ForcedLoadReadsAgainAndDropsEdits)
 }
 
 // The dropped edits are forgotten as such: nothing is written.
-TEST_F(ModuleManagerTest, ForcedLoadClearsBothChangeMarks)
+PROCESS_TEST_F(ModuleManagerTest, ForcedLoadClearsBothChangeMarks)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "c unix - - n - - x\n");
     m.addModule(service("edit", ModuleType::Unix, "y"), true);
@@ -495,7 +496,7 @@ TEST_F(ModuleManagerTest, ForcedLoadClearsBothChangeMarks)
     EXPECT_EQ(disabledBefore, inode(disabledPath));
 }
 
-TEST_F(ModuleManagerTest, FailedForcedLoadKeepsEverything)
+PROCESS_TEST_F(ModuleManagerTest, FailedForcedLoadKeepsEverything)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "c unix - - n - - x\n");
     m.addModule(service("edit", ModuleType::Unix, "y"), true);
@@ -510,22 +511,66 @@ TEST_F(ModuleManagerTest, FailedForcedLoadKeepsEverything)
     EXPECT_EQ("a unix - - n - - x\n\nedit unix - - n - - y\n", enabledFile());
 }
 
-TEST_F(ModuleManagerTest, BrokenDisabledFileIsNamed)
+PROCESS_TEST_F(ModuleManagerTest, BrokenDisabledFileIsNamed)
 {
     EXPECT_EQ(std::string("unable to parse ") + disabledPath + ": syntax error at position 4 near 'Bad'",
               exactMessageOf<PostfixConfigurationError>([this] { loaded("# a\n", "# b\nBad\n"); }));
 }
 
-// Else a service disabled afterwards would be stored over a file that nobody could read.
-TEST_F(ModuleManagerTest, BrokenDisabledFileLeavesNothingLoaded)
+// master.cf counts as soon as it is read, before the other file is looked at.
+PROCESS_TEST_F(ModuleManagerTest, BrokenDisabledFileLeavesMasterCfLoaded)
 {
-    EXPECT_THROW(loaded("# a\n", "# b\nBad\n"), PostfixConfigurationError);
-    EXPECT_EQ(notLoaded, exactMessageOf<std::logic_error>([] { manager().storeModules(true); }));
-    EXPECT_THROW(manager().loadModules(false), PostfixConfigurationError);
+    EXPECT_THROW(loaded("a unix - - n - - x\n", "# b\nBad\n"), PostfixConfigurationError);
+    EXPECT_TRUE(manager().hasModule("a", ModuleType::Unix, true));
+    manager().loadModules(false);
+    manager().storeModules(true);
+    EXPECT_EQ("a unix - - n - - x\n", enabledFile());
     EXPECT_EQ("# b\nBad\n", disabledFile());
 }
 
-TEST_F(ModuleManagerTest, ServiceIsRemovedByItsOwnName)
+PROCESS_TEST_F(ModuleManagerTest, ForcedLoadWithABrokenDisabledFileReplacesTheEnabledServicesOnly)
+{
+    ModuleManager& m = loaded("a unix - - n - - x\n", "c unix - - n - - x\n");
+    support::writeFile(path_, "b unix - - n - - x\n");
+    support::writeFile(disabledPath, "Bad\n");
+    EXPECT_EQ(std::string("unable to parse ") + disabledPath + ": syntax error at position 0 near 'Bad'",
+              exactMessageOf<PostfixConfigurationError>([&] { m.loadModules(true); }));
+    EXPECT_FALSE(m.hasModule("a", ModuleType::Unix, true));
+    EXPECT_TRUE(m.hasModule("b", ModuleType::Unix, true));
+    EXPECT_TRUE(m.hasModule("c", ModuleType::Unix, false));
+}
+
+// Taken for absent, it would be replaced by the next store.
+PROCESS_TEST_F(ModuleManagerTest, DisabledFileThatCannotBeReachedIsAnErrorAfterMasterCf)
+{
+    std::filesystem::create_symlink(disabledPath, disabledPath);
+    EXPECT_EQ(std::string("filesystem error: cannot get file size: Too many levels of symbolic links [") +
+                  disabledPath + "]",
+              exactMessageOf<std::filesystem::filesystem_error>([this] { loaded("a unix - - n - - x\n"); }));
+    EXPECT_TRUE(manager().hasModule("a", ModuleType::Unix, true));
+}
+
+PROCESS_TEST_F(ModuleManagerTest, FileInPlaceOfTheDisabledFilesDirectoryIsAnError)
+{
+    const std::filesystem::path directory = std::filesystem::path(disabledPath).parent_path();
+    std::filesystem::remove(directory);
+    support::writeFile(directory, "");
+    const std::string message =
+        exactMessageOf<std::filesystem::filesystem_error>([this] { loaded("# a\n"); });
+    std::filesystem::remove(directory);
+    std::filesystem::create_directory(directory);
+    EXPECT_EQ(std::string("filesystem error: cannot get file size: Not a directory [") + disabledPath + "]",
+              message);
+}
+
+PROCESS_TEST_F(ModuleManagerTest, SymbolicLinkToNothingIsAnAbsentDisabledFile)
+{
+    std::filesystem::create_symlink(scratch_.file("nothing"), disabledPath);
+    ModuleManager& m = loaded("a unix - - n - - x\n");
+    EXPECT_FALSE(m.hasModule("a", ModuleType::Unix, false));
+}
+
+PROCESS_TEST_F(ModuleManagerTest, ServiceIsRemovedByItsOwnName)
 {
     ModuleManager& m = loaded("a-name-too-long-for-the-string-itself unix - - n - - x\n",
                               "a-name-too-long-for-the-string-itself unix - - n - - y\n");
@@ -535,16 +580,14 @@ TEST_F(ModuleManagerTest, ServiceIsRemovedByItsOwnName)
         m.hasModule("a-name-too-long-for-the-string-itself", ModuleType::Unix, boost::indeterminate));
 }
 
-TEST_F(ModuleManagerTest, DisabledFileThatIsNoFileIsNamed)
+PROCESS_TEST_F(ModuleManagerTest, DirectoryInPlaceOfTheDisabledFileIsAnError)
 {
     std::filesystem::create_directory(disabledPath);
-    support::writeFile(std::string(disabledPath) + "/content", "x");
-    support::writeFile(path_, "# a\n");
-    EXPECT_EQ(std::string("unable to open ") + disabledPath,
-              exactMessageOf<PostfixConfigurationError>([] { manager().loadModules(false); }));
+    EXPECT_EQ(std::string("filesystem error: cannot get file size: Is a directory [") + disabledPath + "]",
+              exactMessageOf<std::filesystem::filesystem_error>([this] { loaded("# a\n"); }));
 }
 
-TEST_F(ModuleManagerTest, UnreadableDisabledFileIsNamed)
+PROCESS_TEST_F(ModuleManagerTest, UnreadableDisabledFileIsNamed)
 {
     support::writeFile(path_, "# a\n");
     support::writeFile(disabledPath, "# b\n");
@@ -557,7 +600,7 @@ TEST_F(ModuleManagerTest, UnreadableDisabledFileIsNamed)
     EXPECT_EQ(std::string("unable to open ") + disabledPath, message);
 }
 
-TEST_F(ModuleManagerTest, AbsentDisabledFileMeansNoDisabledServices)
+PROCESS_TEST_F(ModuleManagerTest, AbsentDisabledFileMeansNoDisabledServices)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n");
     EXPECT_FALSE(m.hasModule("a", ModuleType::Unix, false));
@@ -566,7 +609,7 @@ TEST_F(ModuleManagerTest, AbsentDisabledFileMeansNoDisabledServices)
 }
 
 // Written never, it stays as it is.
-TEST_F(ModuleManagerTest, EmptyDisabledFileMeansNoDisabledServices)
+PROCESS_TEST_F(ModuleManagerTest, EmptyDisabledFileMeansNoDisabledServices)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "");
     EXPECT_FALSE(m.hasModule("a", ModuleType::Unix, false));
@@ -577,7 +620,7 @@ TEST_F(ModuleManagerTest, EmptyDisabledFileMeansNoDisabledServices)
 }
 
 // Without a file to read, the disabled services in memory outlive a forced load.
-TEST_F(ModuleManagerTest, ForcedLoadWithoutDisabledFileKeepsDisabledServicesInMemory)
+PROCESS_TEST_F(ModuleManagerTest, ForcedLoadWithoutDisabledFileKeepsDisabledServicesInMemory)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n");
     m.disableModule("a", ModuleType::Unix);
@@ -590,7 +633,7 @@ TEST_F(ModuleManagerTest, ForcedLoadWithoutDisabledFileKeepsDisabledServicesInMe
     EXPECT_EQ("a unix - - n - - x\n", disabledFile());
 }
 
-TEST_F(ModuleManagerTest, ForcedLoadWithEmptyDisabledFileKeepsDisabledServicesInMemory)
+PROCESS_TEST_F(ModuleManagerTest, ForcedLoadWithEmptyDisabledFileKeepsDisabledServicesInMemory)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "");
     m.disableModule("a", ModuleType::Unix);
@@ -600,7 +643,7 @@ TEST_F(ModuleManagerTest, ForcedLoadWithEmptyDisabledFileKeepsDisabledServicesIn
 
 // --- storing
 
-TEST_F(ModuleManagerTest, UnchangedFilesAreNotWritten)
+PROCESS_TEST_F(ModuleManagerTest, UnchangedFilesAreNotWritten)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n\n\n", "b unix - - n - - x\n\n\n");
     ASSERT_EQ(0, ::chmod(path_.c_str(), 0600));
@@ -615,7 +658,7 @@ TEST_F(ModuleManagerTest, UnchangedFilesAreNotWritten)
     EXPECT_TRUE(support::namesIn("/run/lock/files").empty());
 }
 
-TEST_F(ModuleManagerTest, ForcedStoreWritesBothFiles)
+PROCESS_TEST_F(ModuleManagerTest, ForcedStoreWritesBothFiles)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n\n\n", "b unix - - n - - x\n\n\n");
     ASSERT_EQ(0, ::chmod(path_.c_str(), 0600));
@@ -627,7 +670,7 @@ TEST_F(ModuleManagerTest, ForcedStoreWritesBothFiles)
     EXPECT_EQ(0644U, support::modeOf(disabledPath));
 }
 
-TEST_F(ModuleManagerTest, OnlyTheChangedFileIsWritten)
+PROCESS_TEST_F(ModuleManagerTest, OnlyTheChangedFileIsWritten)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "b unix - - n - - x\n");
     const ino_t enabledBefore = inode(path_);
@@ -642,7 +685,7 @@ TEST_F(ModuleManagerTest, OnlyTheChangedFileIsWritten)
     EXPECT_EQ(disabledBefore, inode(disabledPath));
 }
 
-TEST_F(ModuleManagerTest, StoredChangesAreNotWrittenAgain)
+PROCESS_TEST_F(ModuleManagerTest, StoredChangesAreNotWrittenAgain)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "b unix - - n - - x\n");
     m.addModule(service("c", ModuleType::Unix, "y"), false);
@@ -655,7 +698,7 @@ TEST_F(ModuleManagerTest, StoredChangesAreNotWrittenAgain)
     EXPECT_EQ(disabledBefore, inode(disabledPath));
 }
 
-TEST_F(ModuleManagerTest, EachFileIsStoredUnderItsOwnLock)
+PROCESS_TEST_F(ModuleManagerTest, EachFileIsStoredUnderItsOwnLock)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "b unix - - n - - x\n");
     m.storeModules(true);
@@ -667,7 +710,7 @@ TEST_F(ModuleManagerTest, EachFileIsStoredUnderItsOwnLock)
 
 // master.cf first: when it cannot be stored, the disabled file is not touched, and both changes stay to be
 // stored.
-TEST_F(ModuleManagerTest, FailedStoreStopsAndKeepsTheChanges)
+PROCESS_TEST_F(ModuleManagerTest, FailedStoreStopsAndKeepsTheChanges)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "b unix - - n - - x\n");
     m.disableModule("a", ModuleType::Unix);
@@ -681,7 +724,7 @@ TEST_F(ModuleManagerTest, FailedStoreStopsAndKeepsTheChanges)
     EXPECT_EQ("b unix - - n - - x\n\na unix - - n - - x\n", disabledFile());
 }
 
-TEST_F(ModuleManagerTest, FailureOfTheSecondFileLeavesTheFirstStored)
+PROCESS_TEST_F(ModuleManagerTest, FailureOfTheSecondFileLeavesTheFirstStored)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n# end\n", "b unix - - n - - x\n");
     m.disableModule("a", ModuleType::Unix);
@@ -696,7 +739,7 @@ TEST_F(ModuleManagerTest, FailureOfTheSecondFileLeavesTheFirstStored)
     EXPECT_EQ("b unix - - n - - x\n\na unix - - n - - x\n", disabledFile());
 }
 
-TEST_F(ModuleManagerTest, LastServiceGoneLeavesAnEmptyFile)
+PROCESS_TEST_F(ModuleManagerTest, LastServiceGoneLeavesAnEmptyFile)
 {
     ModuleManager& m = loaded("a unix - - n - - x");
     m.removeModule("a", ModuleType::Unix);
@@ -706,7 +749,7 @@ TEST_F(ModuleManagerTest, LastServiceGoneLeavesAnEmptyFile)
 
 // --- looking up
 
-TEST_F(ModuleManagerTest, ServicesAreFoundInTheSetAskedFor)
+PROCESS_TEST_F(ModuleManagerTest, ServicesAreFoundInTheSetAskedFor)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "b unix - - n - - x\n");
     EXPECT_TRUE(m.hasModule("a", ModuleType::Unix, true));
@@ -719,7 +762,7 @@ TEST_F(ModuleManagerTest, ServicesAreFoundInTheSetAskedFor)
     EXPECT_FALSE(m.hasModule("c", ModuleType::Unix, indeterminate));
 }
 
-TEST_F(ModuleManagerTest, LookupWorksWithoutDisabledServices)
+PROCESS_TEST_F(ModuleManagerTest, LookupWorksWithoutDisabledServices)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n");
     EXPECT_TRUE(m.hasModule("a", ModuleType::Unix, true));
@@ -728,7 +771,7 @@ TEST_F(ModuleManagerTest, LookupWorksWithoutDisabledServices)
     EXPECT_FALSE(m.hasModule("b", ModuleType::Unix, indeterminate));
 }
 
-TEST_F(ModuleManagerTest, ServicesAreReturnedFromTheSetAskedFor)
+PROCESS_TEST_F(ModuleManagerTest, ServicesAreReturnedFromTheSetAskedFor)
 {
     ModuleManager& m = loaded("a unix - - n - - enabled\nboth unix - - n - - enabled\n",
                               "b  unix - - n - - disabled\n  -v\nboth unix - - n - - disabled\n");
@@ -743,7 +786,7 @@ TEST_F(ModuleManagerTest, ServicesAreReturnedFromTheSetAskedFor)
     EXPECT_EQ("both unix - - n - - enabled", m.getModule("both", ModuleType::Unix, indeterminate).second);
 }
 
-TEST_F(ModuleManagerTest, AbsentServiceIsNamedWhereverItWasLookedFor)
+PROCESS_TEST_F(ModuleManagerTest, AbsentServiceIsNamedWhereverItWasLookedFor)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "b unix - - n - - x\n");
     EXPECT_EQ("no such module b",
@@ -756,7 +799,7 @@ TEST_F(ModuleManagerTest, AbsentServiceIsNamedWhereverItWasLookedFor)
               exactMessageOf<std::out_of_range>([&] { m.getModule("a", ModuleType::Inet, true); }));
 }
 
-TEST_F(ModuleManagerTest, AbsentServiceIsNamedWithoutDisabledServices)
+PROCESS_TEST_F(ModuleManagerTest, AbsentServiceIsNamedWithoutDisabledServices)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n");
     EXPECT_EQ("no such module a",
@@ -765,7 +808,7 @@ TEST_F(ModuleManagerTest, AbsentServiceIsNamedWithoutDisabledServices)
               exactMessageOf<std::out_of_range>([&] { m.getModule("b", ModuleType::Unix, indeterminate); }));
 }
 
-TEST_F(ModuleManagerTest, EnabledContentIsMasterCf)
+PROCESS_TEST_F(ModuleManagerTest, EnabledContentIsMasterCf)
 {
     ModuleManager& m = loaded("# c\nb unix - - n - - x\na inet n - n - - y\n", "d unix - - n - - x\n");
     EXPECT_EQ((std::list<std::string>{"# c", "b unix - - n - - x", "a inet n - n - - y", ""}),
@@ -775,7 +818,7 @@ TEST_F(ModuleManagerTest, EnabledContentIsMasterCf)
 
 // --- adding
 
-TEST_F(ModuleManagerTest, NewServiceIsAppendedInCanonicalForm)
+PROCESS_TEST_F(ModuleManagerTest, NewServiceIsAppendedInCanonicalForm)
 {
     ModuleManager& m = loaded("a unix - - n - - x");
     ModuleInfo info = service("b", ModuleType::UnixDgram, "y");
@@ -790,7 +833,7 @@ TEST_F(ModuleManagerTest, NewServiceIsAppendedInCanonicalForm)
 }
 
 // A file that ends with a line feed has an empty last line, and a new service comes after it.
-TEST_F(ModuleManagerTest, NewServiceComesAfterTheEmptyLastLine)
+PROCESS_TEST_F(ModuleManagerTest, NewServiceComesAfterTheEmptyLastLine)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n");
     m.addModule(service("b", ModuleType::Unix, "y"), true);
@@ -799,7 +842,7 @@ TEST_F(ModuleManagerTest, NewServiceComesAfterTheEmptyLastLine)
     EXPECT_EQ("a unix - - n - - x\n\nb unix - - n - - y\nc unix - - n - - y\n", enabledFile());
 }
 
-TEST_F(ModuleManagerTest, KnownServiceIsReplacedInPlace)
+PROCESS_TEST_F(ModuleManagerTest, KnownServiceIsReplacedInPlace)
 {
     ModuleManager& m = loaded("# top\na   unix - - n - - x\n  -o b=c\n# end\n");
     m.addModule(service("a", ModuleType::Unix, "y"), true);
@@ -807,7 +850,7 @@ TEST_F(ModuleManagerTest, KnownServiceIsReplacedInPlace)
     EXPECT_EQ("# top\na unix - - n - - y\n# end\n", enabledFile());
 }
 
-TEST_F(ModuleManagerTest, AddingAnEnabledServiceTakesItFromTheDisabled)
+PROCESS_TEST_F(ModuleManagerTest, AddingAnEnabledServiceTakesItFromTheDisabled)
 {
     ModuleManager& m = loaded("# e\n", "a unix - - n - - old\n# d\n");
     m.addModule(service("a", ModuleType::Unix, "new"), true);
@@ -818,7 +861,7 @@ TEST_F(ModuleManagerTest, AddingAnEnabledServiceTakesItFromTheDisabled)
 }
 
 // The same name with another type is another service.
-TEST_F(ModuleManagerTest, AddingAnEnabledServiceLeavesOtherTypesDisabled)
+PROCESS_TEST_F(ModuleManagerTest, AddingAnEnabledServiceLeavesOtherTypesDisabled)
 {
     ModuleManager& m = loaded("# e\n", "a inet - - n - - old\n");
     const ino_t before = inode(disabledPath);
@@ -828,7 +871,7 @@ TEST_F(ModuleManagerTest, AddingAnEnabledServiceLeavesOtherTypesDisabled)
     EXPECT_TRUE(m.hasModule("a", ModuleType::Inet, false));
 }
 
-TEST_F(ModuleManagerTest, AddingADisabledServiceTakesItFromMasterCf)
+PROCESS_TEST_F(ModuleManagerTest, AddingADisabledServiceTakesItFromMasterCf)
 {
     ModuleManager& m = loaded("# e\na   unix y y y - - old\n  -v\n# end\n");
     m.addModule(service("a", ModuleType::Unix, "new"), false);
@@ -839,7 +882,7 @@ TEST_F(ModuleManagerTest, AddingADisabledServiceTakesItFromMasterCf)
     EXPECT_EQ(0644U, support::modeOf(disabledPath));
 }
 
-TEST_F(ModuleManagerTest, AddingANewDisabledServiceLeavesMasterCfAlone)
+PROCESS_TEST_F(ModuleManagerTest, AddingANewDisabledServiceLeavesMasterCfAlone)
 {
     ModuleManager& m = loaded("# e\n");
     const ino_t before = inode(path_);
@@ -849,7 +892,7 @@ TEST_F(ModuleManagerTest, AddingANewDisabledServiceLeavesMasterCfAlone)
     EXPECT_EQ("a unix - - n - - new\n", disabledFile());
 }
 
-TEST_F(ModuleManagerTest, KnownDisabledServiceIsReplacedInPlace)
+PROCESS_TEST_F(ModuleManagerTest, KnownDisabledServiceIsReplacedInPlace)
 {
     ModuleManager& m = loaded("# e\n", "a unix - - n - - old\n# d\n");
     m.addModule(service("a", ModuleType::Unix, "new"), false);
@@ -859,7 +902,7 @@ TEST_F(ModuleManagerTest, KnownDisabledServiceIsReplacedInPlace)
 
 // --- removing
 
-TEST_F(ModuleManagerTest, ServiceIsRemovedFromBothSets)
+PROCESS_TEST_F(ModuleManagerTest, ServiceIsRemovedFromBothSets)
 {
     ModuleManager& m = loaded("# e\na unix - - n - - x\n", "# d\na unix - - n - - x\n");
     m.removeModule("a", ModuleType::Unix);
@@ -869,7 +912,7 @@ TEST_F(ModuleManagerTest, ServiceIsRemovedFromBothSets)
     EXPECT_EQ("# d\n", disabledFile());
 }
 
-TEST_F(ModuleManagerTest, RemovingAnEnabledServiceChangesMasterCfOnly)
+PROCESS_TEST_F(ModuleManagerTest, RemovingAnEnabledServiceChangesMasterCfOnly)
 {
     ModuleManager& m = loaded("# e\na unix - - n - - x\n", "# d\nb unix - - n - - x\n");
     const ino_t before = inode(disabledPath);
@@ -879,7 +922,7 @@ TEST_F(ModuleManagerTest, RemovingAnEnabledServiceChangesMasterCfOnly)
     EXPECT_EQ(before, inode(disabledPath));
 }
 
-TEST_F(ModuleManagerTest, RemovingADisabledServiceChangesTheDisabledFileOnly)
+PROCESS_TEST_F(ModuleManagerTest, RemovingADisabledServiceChangesTheDisabledFileOnly)
 {
     ModuleManager& m = loaded("# e\na unix - - n - - x\n", "# d\nb unix - - n - - x\n");
     const ino_t before = inode(path_);
@@ -889,7 +932,7 @@ TEST_F(ModuleManagerTest, RemovingADisabledServiceChangesTheDisabledFileOnly)
     EXPECT_EQ("# d\n", disabledFile());
 }
 
-TEST_F(ModuleManagerTest, RemovingAnUnknownServiceChangesNothing)
+PROCESS_TEST_F(ModuleManagerTest, RemovingAnUnknownServiceChangesNothing)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "b unix - - n - - x\n");
     const ino_t enabledBefore = inode(path_);
@@ -901,7 +944,7 @@ TEST_F(ModuleManagerTest, RemovingAnUnknownServiceChangesNothing)
     EXPECT_EQ(disabledBefore, inode(disabledPath));
 }
 
-TEST_F(ModuleManagerTest, RemovingWorksWithoutDisabledServices)
+PROCESS_TEST_F(ModuleManagerTest, RemovingWorksWithoutDisabledServices)
 {
     ModuleManager& m = loaded("# e\na unix - - n - - x\n");
     m.removeModule("a", ModuleType::Unix);
@@ -920,7 +963,7 @@ const char* const entryWithComments = "sub  inet n - n - - smtpd # why\n"
                                       "\t# indented\n"
                                       "    -v ";
 
-TEST_F(ModuleManagerTest, DisabledServiceMovesWithItsText)
+PROCESS_TEST_F(ModuleManagerTest, DisabledServiceMovesWithItsText)
 {
     ModuleManager& m = loaded(std::string("# above\n") + entryWithComments + "\n# below\n");
     m.disableModule("sub", ModuleType::Inet);
@@ -931,7 +974,7 @@ TEST_F(ModuleManagerTest, DisabledServiceMovesWithItsText)
     EXPECT_EQ(std::string(entryWithComments) + "\n", disabledFile());
 }
 
-TEST_F(ModuleManagerTest, EnabledAgainServiceKeepsItsTextAtTheEnd)
+PROCESS_TEST_F(ModuleManagerTest, EnabledAgainServiceKeepsItsTextAtTheEnd)
 {
     ModuleManager& m = loaded(std::string("# above\n") + entryWithComments + "\n# below\n");
     m.disableModule("sub", ModuleType::Inet);
@@ -946,7 +989,7 @@ TEST_F(ModuleManagerTest, EnabledAgainServiceKeepsItsTextAtTheEnd)
     EXPECT_EQ("\n", disabledFile());
 }
 
-TEST_F(ModuleManagerTest, MovingKeepsTheData)
+PROCESS_TEST_F(ModuleManagerTest, MovingKeepsTheData)
 {
     ModuleManager& m = loaded("a pass y y y 60? 5 x -v\n");
     m.disableModule("a", ModuleType::Pass);
@@ -955,7 +998,7 @@ TEST_F(ModuleManagerTest, MovingKeepsTheData)
     EXPECT_EQ("a pass y y y 60? 5 x -v", formatServiceLine(m.getModule("a", ModuleType::Pass, true).first));
 }
 
-TEST_F(ModuleManagerTest, DisablingReplacesAnOlderDisabledServiceInPlace)
+PROCESS_TEST_F(ModuleManagerTest, DisablingReplacesAnOlderDisabledServiceInPlace)
 {
     ModuleManager& m = loaded("# e\na unix - - n - - new\n", "a unix - - n - - old\n# d\n");
     m.disableModule("a", ModuleType::Unix);
@@ -964,7 +1007,7 @@ TEST_F(ModuleManagerTest, DisablingReplacesAnOlderDisabledServiceInPlace)
     EXPECT_EQ("a unix - - n - - new\n# d\n", disabledFile());
 }
 
-TEST_F(ModuleManagerTest, DisablingADisabledOrUnknownServiceChangesNothing)
+PROCESS_TEST_F(ModuleManagerTest, DisablingADisabledOrUnknownServiceChangesNothing)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "b unix - - n - - x\n");
     const ino_t enabledBefore = inode(path_);
@@ -979,7 +1022,7 @@ TEST_F(ModuleManagerTest, DisablingADisabledOrUnknownServiceChangesNothing)
 }
 
 // Not even an empty disabled set comes of it.
-TEST_F(ModuleManagerTest, DisablingAnUnknownServiceMakesNoDisabledFile)
+PROCESS_TEST_F(ModuleManagerTest, DisablingAnUnknownServiceMakesNoDisabledFile)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n");
     m.disableModule("c", ModuleType::Unix);
@@ -987,7 +1030,7 @@ TEST_F(ModuleManagerTest, DisablingAnUnknownServiceMakesNoDisabledFile)
     EXPECT_FALSE(hasDisabledFile());
 }
 
-TEST_F(ModuleManagerTest, EnablingAnEnabledServiceChangesNothing)
+PROCESS_TEST_F(ModuleManagerTest, EnablingAnEnabledServiceChangesNothing)
 {
     ModuleManager& m = loaded("a unix - - n - - enabled\n", "a unix - - n - - disabled\n");
     const ino_t enabledBefore = inode(path_);
@@ -999,7 +1042,7 @@ TEST_F(ModuleManagerTest, EnablingAnEnabledServiceChangesNothing)
     EXPECT_EQ(disabledBefore, inode(disabledPath));
 }
 
-TEST_F(ModuleManagerTest, EnablingAnUnknownServiceNamesIt)
+PROCESS_TEST_F(ModuleManagerTest, EnablingAnUnknownServiceNamesIt)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "b unix - - n - - x\n");
     EXPECT_EQ("no such module c",
@@ -1011,7 +1054,7 @@ TEST_F(ModuleManagerTest, EnablingAnUnknownServiceNamesIt)
     EXPECT_EQ(enabledBefore, inode(path_));
 }
 
-TEST_F(ModuleManagerTest, EnablingAnUnknownServiceNamesItWithoutDisabledServices)
+PROCESS_TEST_F(ModuleManagerTest, EnablingAnUnknownServiceNamesItWithoutDisabledServices)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n");
     EXPECT_EQ("no such module c",
@@ -1020,7 +1063,7 @@ TEST_F(ModuleManagerTest, EnablingAnUnknownServiceNamesItWithoutDisabledServices
 
 // --- with the real Postfix
 
-class ModuleManagerPostfixTest : public testing::Test {
+class ModuleManagerPostfixTest : public support::FreshProcessTest {
 protected:
     ModuleManagerPostfixTest() { support::ageMainCf(); }
 
@@ -1036,7 +1079,7 @@ protected:
 };
 
 // Postfix accepts the file after each step, and reads the entry as it was.
-TEST_F(ModuleManagerPostfixTest, PostfixFollowsAServiceThroughDisablingAndEnabling)
+PROCESS_TEST_F(ModuleManagerPostfixTest, PostfixFollowsAServiceThroughDisablingAndEnabling)
 {
     const std::string before = support::readFile("/etc/postfix/master.cf");
     const std::string entry = "10025 inet n - n - - smtpd\n# flush left\n  -o a=$b,c\n  # indented\n  -v";
@@ -1066,7 +1109,7 @@ TEST_F(ModuleManagerPostfixTest, PostfixFollowsAServiceThroughDisablingAndEnabli
     support::outputOf("/usr/sbin/postfix check 2>&1");
 }
 
-TEST_F(ModuleManagerPostfixTest, MasterCfOfTheConfigurationDirectoryIsUsed)
+PROCESS_TEST_F(ModuleManagerPostfixTest, MasterCfOfTheConfigurationDirectoryIsUsed)
 {
     ModuleManager& m = ModuleManager::getInstance();
     m.loadModules(false);

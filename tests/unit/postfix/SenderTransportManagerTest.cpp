@@ -4,7 +4,8 @@
 #include "common/SystemError.h"
 #include "postfix/ModuleManager.h"
 #include "postfix/PostfixError.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/FreshStart.h"
+#include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
 #include "support/ScratchDir.h"
@@ -30,9 +31,9 @@ typedef std::vector<std::vector<std::string>> CommandLines;
 typedef SenderTransportManager<IpSenderTransport> IpManager;
 typedef SenderTransportManager<DomainSenderTransport> DomainManager;
 
-const char* const table = "hash:/var/spool/postfix/zorvo/sdd_transport_maps";
-const char* const tableLock =
-    "/run/lock/files/3f2d29bd9506937ccda01890b1c213f1"; // MD5 of the path behind "hash:"
+const std::string table = senderTransportTable;
+const std::string tableSource = support::sourceOf(table);
+const std::string tableLock = support::lockFileOf(tableSource);
 const std::vector<std::string> directoryQuery{postconfPath, "-h", "config_directory"};
 const std::vector<std::string> merge{postmapPath, "-r", "-i", table};
 
@@ -47,7 +48,7 @@ const char* const comService =
     "-o smtp_address_preference=ipv6 -o inet_protocols=ipv6 -o smtp_helo_name=example.com";
 
 /// With postconf and postmap replaced, and master.cf in a directory of the test's own.
-class SenderTransportManagerTest : public testing::Test {
+class SenderTransportManagerTest : public support::FreshProcessTest {
 protected:
     SenderTransportManagerTest()
     {
@@ -55,7 +56,7 @@ protected:
         tools_.replace(postmapPath);
         tools_.answer(postconfPath, {"-h", "config_directory"}, ToolAnswer::prints(scratch_.path() + "\n"));
         tools_.watchFile(path_);
-        tools_.watchFile("/var/spool/postfix/zorvo/sdd_transport_maps");
+        tools_.watchFile(tableSource);
         tools_.probeLock(tableLock);
     }
 
@@ -77,7 +78,7 @@ protected:
 
 // --- adding
 
-TEST_F(SenderTransportManagerTest, AddingRunsToolsInOrder)
+PROCESS_TEST_F(SenderTransportManagerTest, AddingRunsToolsInOrder)
 {
     writeMasterCf("# top\n");
     IpManager("example.org", "192.0.2.1", "").addDomainToSenderTransport();
@@ -85,7 +86,7 @@ TEST_F(SenderTransportManagerTest, AddingRunsToolsInOrder)
 }
 
 // The service is on the disk before the record leads to it.
-TEST_F(SenderTransportManagerTest, AddingWritesTheServiceThenTheRecord)
+PROCESS_TEST_F(SenderTransportManagerTest, AddingWritesTheServiceThenTheRecord)
 {
     writeMasterCf("# top");
     IpManager("example.org", "192.0.2.1", "").addDomainToSenderTransport();
@@ -93,12 +94,12 @@ TEST_F(SenderTransportManagerTest, AddingWritesTheServiceThenTheRecord)
     EXPECT_EQ("@example.org zorvo-192.0.2.1-:\n", run.input);
     EXPECT_EQ(std::string("# top\n") + ipService + "\n", run.files.at(path_)->content);
     EXPECT_EQ(0644U, run.files.at(path_)->mode);
-    EXPECT_EQ(std::nullopt, run.files.at("/var/spool/postfix/zorvo/sdd_transport_maps"));
+    EXPECT_EQ(std::nullopt, run.files.at(tableSource));
     EXPECT_TRUE(run.lockHeld.at(tableLock));
     EXPECT_EQ(std::string("# top\n") + ipService + "\n", masterCf());
 }
 
-TEST_F(SenderTransportManagerTest, DomainsOfOneAddressPairShareTheService)
+PROCESS_TEST_F(SenderTransportManagerTest, DomainsOfOneAddressPairShareTheService)
 {
     load("# top");
     IpManager("example.org", "192.0.2.1", "").addDomainToSenderTransport();
@@ -109,7 +110,7 @@ TEST_F(SenderTransportManagerTest, DomainsOfOneAddressPairShareTheService)
     EXPECT_EQ("@example.com zorvo-192.0.2.1-:\n", tools_.calls()[1].input);
 }
 
-TEST_F(SenderTransportManagerTest, EachDomainHasItsOwnServiceWithHeloName)
+PROCESS_TEST_F(SenderTransportManagerTest, EachDomainHasItsOwnServiceWithHeloName)
 {
     load("# top");
     DomainManager("example.org", "192.0.2.1", "2001:db8::1").addDomainToSenderTransport();
@@ -121,7 +122,7 @@ TEST_F(SenderTransportManagerTest, EachDomainHasItsOwnServiceWithHeloName)
 }
 
 // Everything else of master.cf stays as it is.
-TEST_F(SenderTransportManagerTest, KnownServiceIsReplacedInPlace)
+PROCESS_TEST_F(SenderTransportManagerTest, KnownServiceIsReplacedInPlace)
 {
     const std::string rest = "smtp  inet\tn - y - - smtpd\n  -o a=b\n\n# end\n";
     load("zorvo-192.0.2.1- unix  -  -  -  -  -  something\n  else\n" + rest);
@@ -129,7 +130,7 @@ TEST_F(SenderTransportManagerTest, KnownServiceIsReplacedInPlace)
     EXPECT_EQ(std::string(ipService) + "\n" + rest, masterCf());
 }
 
-TEST_F(SenderTransportManagerTest, ServiceIsTakenFromTheDisabledOnes)
+PROCESS_TEST_F(SenderTransportManagerTest, ServiceIsTakenFromTheDisabledOnes)
 {
     support::writeFile("/var/spool/postfix/zorvo/master.cf.disabled",
                        "zorvo-192.0.2.1- unix - - n - - old\n# end\n");
@@ -140,7 +141,7 @@ TEST_F(SenderTransportManagerTest, ServiceIsTakenFromTheDisabledOnes)
 }
 
 // The caller lower-cases the domain; it is used as it is then.
-TEST_F(SenderTransportManagerTest, DomainMayBeChangedBeforeItIsUsed)
+PROCESS_TEST_F(SenderTransportManagerTest, DomainMayBeChangedBeforeItIsUsed)
 {
     load("# top");
     DomainManager manager("EXAMPLE.org", "192.0.2.1", "2001:db8::1");
@@ -153,7 +154,7 @@ TEST_F(SenderTransportManagerTest, DomainMayBeChangedBeforeItIsUsed)
 
 // --- refusals, before anything is looked at
 
-TEST_F(SenderTransportManagerTest, EmptyDomainIsRefusedWithTheCurrentError)
+PROCESS_TEST_F(SenderTransportManagerTest, EmptyDomainIsRefusedWithTheCurrentError)
 {
     EXPECT_EQ("Empty domain name specified: Permission denied", exactMessageOf<zorvo::SystemError>([] {
                   IpManager manager("", "192.0.2.1", "");
@@ -168,7 +169,7 @@ TEST_F(SenderTransportManagerTest, EmptyDomainIsRefusedWithTheCurrentError)
     EXPECT_TRUE(tools_.calls().empty());
 }
 
-TEST_F(SenderTransportManagerTest, NoAddressIsRefusedWithTheCurrentError)
+PROCESS_TEST_F(SenderTransportManagerTest, NoAddressIsRefusedWithTheCurrentError)
 {
     EXPECT_EQ("You should specify at least one non-empty ip adress: No such file or directory",
               exactMessageOf<zorvo::SystemError>([] {
@@ -186,7 +187,7 @@ TEST_F(SenderTransportManagerTest, NoAddressIsRefusedWithTheCurrentError)
 }
 
 // The domain is looked at first.
-TEST_F(SenderTransportManagerTest, EmptyDomainWithoutAddressIsAnEmptyDomain)
+PROCESS_TEST_F(SenderTransportManagerTest, EmptyDomainWithoutAddressIsAnEmptyDomain)
 {
     EXPECT_EQ("Empty domain name specified: Success", exactMessageOf<zorvo::SystemError>([] {
                   IpManager manager("", "", "");
@@ -195,7 +196,7 @@ TEST_F(SenderTransportManagerTest, EmptyDomainWithoutAddressIsAnEmptyDomain)
               }));
 }
 
-TEST_F(SenderTransportManagerTest, RefusalLeavesEarlierDomainsInPlace)
+PROCESS_TEST_F(SenderTransportManagerTest, RefusalLeavesEarlierDomainsInPlace)
 {
     load("# top");
     IpManager("example.org", "192.0.2.1", "").addDomainToSenderTransport();
@@ -207,7 +208,7 @@ TEST_F(SenderTransportManagerTest, RefusalLeavesEarlierDomainsInPlace)
 
 // --- failures on the way
 
-TEST_F(SenderTransportManagerTest, UnreadableMasterCfStopsBeforeTheTable)
+PROCESS_TEST_F(SenderTransportManagerTest, UnreadableMasterCfStopsBeforeTheTable)
 {
     EXPECT_EQ("unable to open " + path_, exactMessageOf<PostfixConfigurationError>([] {
                   IpManager("example.org", "192.0.2.1", "").addDomainToSenderTransport();
@@ -215,7 +216,7 @@ TEST_F(SenderTransportManagerTest, UnreadableMasterCfStopsBeforeTheTable)
     EXPECT_EQ((CommandLines{directoryQuery, directoryQuery}), tools_.commandLines());
 }
 
-TEST_F(SenderTransportManagerTest, MasterCfThatCannotBeStoredStopsBeforeTheTable)
+PROCESS_TEST_F(SenderTransportManagerTest, MasterCfThatCannotBeStoredStopsBeforeTheTable)
 {
     load("# top");
     std::filesystem::remove(path_);
@@ -225,7 +226,7 @@ TEST_F(SenderTransportManagerTest, MasterCfThatCannotBeStoredStopsBeforeTheTable
     EXPECT_TRUE(tools_.calls().empty());
 }
 
-TEST_F(SenderTransportManagerTest, FailedRecordLeavesTheService)
+PROCESS_TEST_F(SenderTransportManagerTest, FailedRecordLeavesTheService)
 {
     load("# top");
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: fatal: x\n"));
@@ -237,7 +238,7 @@ TEST_F(SenderTransportManagerTest, FailedRecordLeavesTheService)
 
 // --- removing a domain
 
-TEST_F(SenderTransportManagerTest, RemovingADomainRemovesItsRecordOnly)
+PROCESS_TEST_F(SenderTransportManagerTest, RemovingADomainRemovesItsRecordOnly)
 {
     writeMasterCf("# top\n");
     IpManager("example.org", "192.0.2.1", "").removeDomainFromSenderTransport();
@@ -250,13 +251,13 @@ TEST_F(SenderTransportManagerTest, RemovingADomainRemovesItsRecordOnly)
 }
 
 // Nothing is checked here: neither the domain nor the addresses.
-TEST_F(SenderTransportManagerTest, RemovingADomainNeedsNothing)
+PROCESS_TEST_F(SenderTransportManagerTest, RemovingADomainNeedsNothing)
 {
     IpManager("", "", "").removeDomainFromSenderTransport();
     EXPECT_EQ((CommandLines{{postmapPath, "-d", "@", table}}), tools_.commandLines());
 }
 
-TEST_F(SenderTransportManagerTest, FailedRemovalOfADomainIsPassedOn)
+PROCESS_TEST_F(SenderTransportManagerTest, FailedRemovalOfADomainIsPassedOn)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: fatal: x\n"));
     EXPECT_EQ("postmap: fatal: x\n", exactMessageOf<PostfixDatabaseError>([] {
@@ -279,7 +280,7 @@ const char* const manyServices = "# top\n"
                                  "zorvo-192.0.2.1-x inet n - n - - smtpd\n"
                                  "# end\n";
 
-TEST_F(SenderTransportManagerTest, IPv4TransportsAreRemovedByTheirBeginning)
+PROCESS_TEST_F(SenderTransportManagerTest, IPv4TransportsAreRemovedByTheirBeginning)
 {
     load(manyServices);
     IpManager("", "192.0.2.1", "2001:db8::ffff").removeSenderTransport();
@@ -296,7 +297,7 @@ TEST_F(SenderTransportManagerTest, IPv4TransportsAreRemovedByTheirBeginning)
     EXPECT_TRUE(tools_.calls().empty());
 }
 
-TEST_F(SenderTransportManagerTest, IPv6TransportsAreRemovedByTheirEnd)
+PROCESS_TEST_F(SenderTransportManagerTest, IPv6TransportsAreRemovedByTheirEnd)
 {
     load(manyServices);
     IpManager("example.org", "", "2001:db8::1").removeSenderTransport();
@@ -312,7 +313,7 @@ TEST_F(SenderTransportManagerTest, IPv6TransportsAreRemovedByTheirEnd)
 }
 
 // The beginning decides here too, so a longer domain is taken along.
-TEST_F(SenderTransportManagerTest, DomainTransportsAreRemovedByTheirBeginning)
+PROCESS_TEST_F(SenderTransportManagerTest, DomainTransportsAreRemovedByTheirBeginning)
 {
     load(manyServices);
     DomainManager("example.org", "", "").removeSenderTransport();
@@ -329,14 +330,14 @@ TEST_F(SenderTransportManagerTest, DomainTransportsAreRemovedByTheirBeginning)
     EXPECT_TRUE(tools_.calls().empty());
 }
 
-TEST_F(SenderTransportManagerTest, ColonsOfTheDomainAreDashesInTheNameLookedFor)
+PROCESS_TEST_F(SenderTransportManagerTest, ColonsOfTheDomainAreDashesInTheNameLookedFor)
 {
     load("zorvo-a-b-1- unix - - n - - smtp\nzorvo-a:b-2- unix - - n - - smtp\n");
     DomainManager("a:b", "", "").removeSenderTransport();
     EXPECT_EQ("zorvo-a:b-2- unix - - n - - smtp\n", masterCf());
 }
 
-TEST_F(SenderTransportManagerTest, RemovalLoadsMasterCfItself)
+PROCESS_TEST_F(SenderTransportManagerTest, RemovalLoadsMasterCfItself)
 {
     writeMasterCf("zorvo-192.0.2.1- unix - - n - - smtp\n# end\n");
     IpManager("", "192.0.2.1", "").removeSenderTransport();
@@ -345,7 +346,7 @@ TEST_F(SenderTransportManagerTest, RemovalLoadsMasterCfItself)
 }
 
 // Edits that were pending are stored, also when nothing matched.
-TEST_F(SenderTransportManagerTest, RemovalStoresEvenWithoutAMatch)
+PROCESS_TEST_F(SenderTransportManagerTest, RemovalStoresEvenWithoutAMatch)
 {
     load("# top");
     ModuleInfo info;
@@ -356,7 +357,7 @@ TEST_F(SenderTransportManagerTest, RemovalStoresEvenWithoutAMatch)
     EXPECT_EQ("# top\npending inet - - n - - x\n", masterCf());
 }
 
-TEST_F(SenderTransportManagerTest, TransportWithoutAddressCannotBeRemoved)
+PROCESS_TEST_F(SenderTransportManagerTest, TransportWithoutAddressCannotBeRemoved)
 {
     load(manyServices);
     EXPECT_EQ("failed to check transport match if domain name not specified: Permission denied",
@@ -368,7 +369,7 @@ TEST_F(SenderTransportManagerTest, TransportWithoutAddressCannotBeRemoved)
     EXPECT_EQ(manyServices, masterCf());
 }
 
-TEST_F(SenderTransportManagerTest, TransportWithoutDomainCannotBeRemoved)
+PROCESS_TEST_F(SenderTransportManagerTest, TransportWithoutDomainCannotBeRemoved)
 {
     load(manyServices);
     EXPECT_EQ("Failed to check transport match if domain name not specified: Permission denied",
@@ -381,7 +382,7 @@ TEST_F(SenderTransportManagerTest, TransportWithoutDomainCannotBeRemoved)
 }
 
 // Where there is no service there is nothing to be decided.
-TEST_F(SenderTransportManagerTest, NothingIsMissedWithoutServices)
+PROCESS_TEST_F(SenderTransportManagerTest, NothingIsMissedWithoutServices)
 {
     load("# top\n");
     IpManager("", "", "").removeSenderTransport();
@@ -389,7 +390,7 @@ TEST_F(SenderTransportManagerTest, NothingIsMissedWithoutServices)
     EXPECT_EQ("# top\n", masterCf());
 }
 
-TEST_F(SenderTransportManagerTest, OperationsWorkThroughTheInterface)
+PROCESS_TEST_F(SenderTransportManagerTest, OperationsWorkThroughTheInterface)
 {
     load("# top");
     const std::unique_ptr<BaseSenderTransportManager> manager(new IpManager("example.org", "192.0.2.1", ""));
@@ -402,19 +403,16 @@ TEST_F(SenderTransportManagerTest, OperationsWorkThroughTheInterface)
 
 // --- with the real tools
 
-class SenderTransportManagerPostfixTest : public testing::Test {
+class SenderTransportManagerPostfixTest : public support::FreshProcessTest {
 protected:
     SenderTransportManagerPostfixTest()
     {
         support::ageMainCf();
         // An empty table, as the cleanup of every run leaves it.
-        support::outputOf(std::string("/usr/sbin/postmap -r -i ") + table + " </dev/null");
+        support::outputOf("/usr/sbin/postmap -r -i " + table + " </dev/null");
     }
 
-    static std::string records()
-    {
-        return support::outputOf(std::string("/usr/sbin/postmap -s ") + table + " | sort");
-    }
+    static std::string records() { return support::outputOf("/usr/sbin/postmap -s " + table + " | sort"); }
 
     /// The generated services as postconf(1) reads them, one blank between words.
     static std::string services()
@@ -423,7 +421,7 @@ protected:
     }
 };
 
-TEST_F(SenderTransportManagerPostfixTest, AddressTransportIsSharedAndRemoved)
+PROCESS_TEST_F(SenderTransportManagerPostfixTest, AddressTransportIsSharedAndRemoved)
 {
     const std::string before = support::readFile("/etc/postfix/master.cf");
     IpManager("example.org", "192.0.2.1", "").addDomainToSenderTransport();
@@ -448,7 +446,7 @@ TEST_F(SenderTransportManagerPostfixTest, AddressTransportIsSharedAndRemoved)
     EXPECT_EQ(before, support::readFile("/etc/postfix/master.cf"));
 }
 
-TEST_F(SenderTransportManagerPostfixTest, DomainTransportsAreAddedAndRemoved)
+PROCESS_TEST_F(SenderTransportManagerPostfixTest, DomainTransportsAreAddedAndRemoved)
 {
     DomainManager("example.org", "192.0.2.1", "2001:db8::1").addDomainToSenderTransport();
     DomainManager("example.com", "", "2001:db8::1").addDomainToSenderTransport();

@@ -3,13 +3,15 @@
 #include "postfix/SenderTransport.h"
 
 #include "common/SystemError.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <iterator>
 #include <list>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -22,6 +24,12 @@ TEST(SenderTransportTest, PrefixAndTableAreFixed)
 {
     EXPECT_STREQ("zorvo-", generatedPrefix);
     EXPECT_STREQ("hash:/var/spool/postfix/zorvo/sdd_transport_maps", senderTransportTable);
+}
+
+TEST(SenderTransportTest, RemovedParametersAreFixed)
+{
+    EXPECT_EQ((std::vector<std::string>{"smtp_bind_address", "smtp_bind_address6"}),
+              std::vector<std::string>(std::begin(removedParameters), std::end(removedParameters)));
 }
 
 // --- by address
@@ -227,6 +235,46 @@ TEST(SameTransportTest, WithoutAnyAddressTheCurrentErrorIsReported)
               exactMessageOf<zorvo::SystemError>([&] {
                   errno = 0;
                   transport.sameTransport("zorvo--");
+              }));
+}
+
+// --- which services are a transport's own
+
+TEST(OwnsServiceTest, ServicesOfTheAddressesAreTheIpTransportsOwn)
+{
+    const IpSenderTransport transport("", "10.0.0.1", "fe80::1");
+    EXPECT_TRUE(transport.ownsService("zorvo-10.0.0.1-fe80--2"));
+    EXPECT_FALSE(transport.ownsService("zorvo-10.0.0.12-"));
+    EXPECT_FALSE(transport.ownsService("zorvo-example.org-10.0.0.1-"));
+}
+
+TEST(OwnsServiceTest, ServicesOfTheDomainAreTheDomainTransportsOwnWhateverTheirAddresses)
+{
+    const DomainSenderTransport transport("example.org", "10.0.0.1", "");
+    EXPECT_TRUE(transport.ownsService("zorvo-example.org-10.0.0.1-"));
+    EXPECT_TRUE(transport.ownsService("zorvo-example.org--2001-db8--1"));
+    EXPECT_TRUE(transport.ownsService("zorvo-example.org.uk-10.0.0.1-"));
+    EXPECT_FALSE(transport.ownsService("zorvo-Example.org-10.0.0.1-"));
+    EXPECT_FALSE(transport.ownsService("xzorvo-example.org-10.0.0.1-"));
+    EXPECT_FALSE(transport.ownsService("zorvo-10.0.0.1-"));
+}
+
+// Like the name, the beginning that is looked for is made of the domain as it was passed.
+TEST(OwnsServiceTest, DomainIsComparedAsItStandsInNames)
+{
+    EXPECT_TRUE(DomainSenderTransport("a:b", "", "").ownsService("zorvo-a-b-1-"));
+    EXPECT_FALSE(DomainSenderTransport("a:b", "", "").ownsService("zorvo-a:b-1-"));
+    EXPECT_TRUE(DomainSenderTransport("A.org", "", "").ownsService("zorvo-A.org-1-"));
+    EXPECT_FALSE(DomainSenderTransport("A.org", "", "").ownsService("zorvo-a.org-1-"));
+}
+
+TEST(OwnsServiceTest, WithoutADomainTheCurrentErrorIsReported)
+{
+    const DomainSenderTransport transport("", "10.0.0.1", "");
+    EXPECT_EQ("Failed to check transport match if domain name not specified: Permission denied",
+              exactMessageOf<zorvo::SystemError>([&] {
+                  errno = EACCES;
+                  (void)transport.ownsService("zorvo--10.0.0.1-");
               }));
 }
 

@@ -2,7 +2,7 @@
 // decide.
 #include "postfix/ServiceManager.h"
 
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
 #include "support/Capture.h"
@@ -19,6 +19,7 @@
 #include <climits>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -36,7 +37,7 @@ typedef std::vector<std::vector<std::string>> CommandLines;
 
 const char* const pidPath = "/var/spool/postfix/pid/master.pid";
 
-/// A process of a chosen name that waits to be killed.
+/// A process of a chosen name that waits to be killed. It is gone, /proc included, when this is destroyed.
 class NamedProcess {
 public:
     /// A child of this process; with `asGrandchild` a child of a child.
@@ -45,24 +46,27 @@ public:
         int ready[2];
         if (::pipe(ready) != 0)
             throw std::runtime_error("pipe");
-        pid_ = support::forkChild([&] {
+        // When a parent ends, its children come to the nearest such ancestor instead of process 1.
+        if (asGrandchild)
+            ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+        const auto wait = [&] {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            const auto wait = [&] {
-                ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-                ::prctl(PR_SET_NAME, name.c_str());
-                const bool told = ::write(ready[1], "x", 1) == 1;
-                while (told)
-                    ::pause();
-                return 1;
-            };
-            if (!asGrandchild)
-                return wait();
+            ::prctl(PR_SET_NAME, name.c_str());
+            const pid_t self = ::getpid();
+            const bool told = ::write(ready[1], &self, sizeof self) == sizeof self;
+            while (told)
+                ::pause();
+            return 1;
+        };
+        const auto parentOf = [&wait] {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             support::forkChild(wait);
             for (;;)
                 ::pause();
-        });
-        char byte = 0;
-        if (::read(ready[0], &byte, 1) != 1)
+            return 1;
+        };
+        child_ = asGrandchild ? support::forkChild(parentOf) : support::forkChild(wait);
+        if (::read(ready[0], &named_, sizeof named_) != sizeof named_)
             throw std::runtime_error("read");
         ::close(ready[0]);
         ::close(ready[1]);
@@ -71,12 +75,17 @@ public:
     NamedProcess& operator=(const NamedProcess&) = delete;
     ~NamedProcess()
     {
-        ::kill(pid_, SIGKILL);
-        support::waitFor(pid_);
+        ::kill(child_, SIGKILL);
+        support::waitFor(child_);
+        if (named_ == child_)
+            return;
+        support::waitFor(named_);
+        ::prctl(PR_SET_CHILD_SUBREAPER, 0);
     }
 
 private:
-    pid_t pid_ = -1;
+    pid_t child_ = -1;
+    pid_t named_ = -1; ///< The child itself, or its child.
 };
 
 /// Counts how often a file is opened.
@@ -583,9 +592,28 @@ TEST_F(ServiceManagerTest, OperationsAreSilentWhenTheScriptFails)
 
 // --- with the real Postfix
 
+/// Whether there is a process of that name, running or not yet reaped.
+bool isListed(const std::string& name)
+{
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        std::ifstream file(entry.path() / "comm");
+        std::string command;
+        if (std::getline(file, command) && command == name)
+            return true;
+    }
+    return false;
+}
+
+/// Nothing of Postfix is left after a test: master's children can outlive it for a moment.
 class ServiceManagerPostfixTest : public testing::Test {
 protected:
-    ~ServiceManagerPostfixTest() override { ServiceManager::stopServer(); }
+    ~ServiceManagerPostfixTest() override
+    {
+        ServiceManager::stopServer();
+        for (const char* const name : {"master", "qmgr", "pickup"})
+            while (isListed(name))
+                ::usleep(1000);
+    }
 };
 
 TEST_F(ServiceManagerPostfixTest, ServerIsStartedAndStopped)

@@ -1,8 +1,6 @@
 #include "unit/postfix/ToolStandIns.h"
 
-#include "unit/postfix/PostfixFloor.h"
-
-#include <gtest/gtest.h>
+#include "unit/postfix/PostfixTestTools.h"
 
 #include <fcntl.h>
 #include <sys/auxv.h>
@@ -229,17 +227,6 @@ __attribute__((constructor)) void takeStandInRole(int argc, char** argv, char** 
         if (program == tool)
             actAsTool(program, std::vector<std::string>(argv, argv + argc));
 }
-
-/// These tests change the system's own paths: outside of scripts/sandbox none of them runs.
-class SandboxGuard : public testing::Environment {
-public:
-    void SetUp() override
-    {
-        if (::access("/run/sandbox", F_OK) != 0)
-            FAIL() << "run this through scripts/sandbox";
-    }
-};
-const testing::Environment* const sandboxGuard = testing::AddGlobalTestEnvironment(new SandboxGuard);
 
 } // namespace
 

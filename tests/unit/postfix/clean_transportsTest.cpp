@@ -4,8 +4,10 @@
 #include "common/SystemError.h"
 #include "postfix/ModuleManager.h"
 #include "postfix/PostfixError.h"
+#include "postfix/SenderTransport.h"
 #include "postfix/SenderTransportManager.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/FreshStart.h"
+#include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
 #include "support/Child.h"
@@ -16,6 +18,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,15 +33,24 @@ using namespace zorvo::mail::postfix;
 
 typedef std::vector<std::vector<std::string>> CommandLines;
 
-const char* const table = "hash:/var/spool/postfix/zorvo/sdd_transport_maps";
-const char* const tableSource = "/var/spool/postfix/zorvo/sdd_transport_maps";
+const std::string table = senderTransportTable;
+const std::string tableSource = support::sourceOf(table);
 const std::vector<std::string> directoryQuery{postconfPath, "-h", "config_directory"};
-const std::vector<std::string> remove4{postconfPath, "-X", "smtp_bind_address"};
-const std::vector<std::string> remove6{postconfPath, "-X", "smtp_bind_address6"};
 const std::vector<std::string> rebuild{postmapPath, "-r", table};
+const size_t parameters = std::size(removedParameters);
+
+/// The runs of a cleanup up to the removal of the first `removals` parameters, and then `others`.
+CommandLines runs(size_t removals, const CommandLines& others = {})
+{
+    CommandLines lines{directoryQuery};
+    for (size_t i = 0; i < removals; ++i)
+        lines.push_back({postconfPath, "-X", removedParameters[i]});
+    lines.insert(lines.end(), others.begin(), others.end());
+    return lines;
+}
 
 /// With postconf and postmap replaced, and master.cf in a directory of the test's own.
-class CleanTransportsTest : public testing::Test {
+class CleanTransportsTest : public support::FreshProcessTest {
 protected:
     CleanTransportsTest()
     {
@@ -63,18 +75,17 @@ protected:
     const std::string path_ = scratch_.file("master.cf");
 };
 
-TEST_F(CleanTransportsTest, ToolsRunInOrder)
+PROCESS_TEST_F(CleanTransportsTest, ToolsRunInOrder)
 {
     cleaned("zorvo-x unix - - n - - smtp\n");
-    EXPECT_EQ((CommandLines{directoryQuery, remove4, remove6, rebuild, directoryQuery}),
-              tools_.commandLines());
+    EXPECT_EQ(runs(parameters, {rebuild, directoryQuery}), tools_.commandLines());
 }
 
 // The table is rebuilt from an empty source file, which does not stay.
-TEST_F(CleanTransportsTest, TableIsEmptiedBeforeMasterCfIsTouched)
+PROCESS_TEST_F(CleanTransportsTest, TableIsEmptiedBeforeMasterCfIsTouched)
 {
     cleaned("zorvo-x unix - - n - - smtp\n# end\n");
-    const support::ToolCall run = tools_.calls().at(3);
+    const support::ToolCall run = tools_.calls().at(1 + parameters);
     ASSERT_TRUE(run.files.at(tableSource).has_value());
     EXPECT_EQ("", run.files.at(tableSource)->content);
     EXPECT_EQ("zorvo-x unix - - n - - smtp\n# end\n", run.files.at(path_)->content);
@@ -82,7 +93,7 @@ TEST_F(CleanTransportsTest, TableIsEmptiedBeforeMasterCfIsTouched)
     EXPECT_EQ("# end\n", masterCf());
 }
 
-TEST_F(CleanTransportsTest, ParametersAreRemovedUnderTheLock)
+PROCESS_TEST_F(CleanTransportsTest, ParametersAreRemovedUnderTheLock)
 {
     const std::string mainCfLock = support::lockFileOf(scratch_.path() + "/main.cf");
     const std::string tableLock = support::lockFileOf(tableSource);
@@ -90,13 +101,13 @@ TEST_F(CleanTransportsTest, ParametersAreRemovedUnderTheLock)
     tools_.probeLock(tableLock);
     cleaned("# top\n");
     const std::vector<support::ToolCall> calls = tools_.calls();
-    EXPECT_TRUE(calls.at(1).lockHeld.at(mainCfLock));
-    EXPECT_TRUE(calls.at(2).lockHeld.at(mainCfLock));
-    EXPECT_TRUE(calls.at(3).lockHeld.at(tableLock));
-    EXPECT_FALSE(calls.at(3).lockHeld.at(mainCfLock));
+    for (size_t i = 0; i < parameters; ++i)
+        EXPECT_TRUE(calls.at(1 + i).lockHeld.at(mainCfLock)) << removedParameters[i];
+    EXPECT_TRUE(calls.at(1 + parameters).lockHeld.at(tableLock));
+    EXPECT_FALSE(calls.at(1 + parameters).lockHeld.at(mainCfLock));
 }
 
-TEST_F(CleanTransportsTest, UnixServicesOfThePrefixAreRemoved)
+PROCESS_TEST_F(CleanTransportsTest, UnixServicesOfThePrefixAreRemoved)
 {
     EXPECT_EQ("# top\nsmtp unix - - n - - smtp\n# end\n",
               cleaned("# top\n"
@@ -110,7 +121,7 @@ TEST_F(CleanTransportsTest, UnixServicesOfThePrefixAreRemoved)
                       "# end\n"));
 }
 
-TEST_F(CleanTransportsTest, OtherServicesStay)
+PROCESS_TEST_F(CleanTransportsTest, OtherServicesStay)
 {
     const std::string text = "zorvo-x inet n - n - - smtpd\n"
                              "zorvo-x fifo - - n - - smtp\n"
@@ -126,7 +137,7 @@ TEST_F(CleanTransportsTest, OtherServicesStay)
 }
 
 // Such a name cannot be read from a file, but it can be in memory.
-TEST_F(CleanTransportsTest, PrefixIsCaseSensitive)
+PROCESS_TEST_F(CleanTransportsTest, PrefixIsCaseSensitive)
 {
     support::writeFile(path_, "# top");
     ModuleManager& modules = ModuleManager::getInstance();
@@ -143,7 +154,7 @@ TEST_F(CleanTransportsTest, PrefixIsCaseSensitive)
 }
 
 // A service of another type in master.cf does not cost a disabled one of its name.
-TEST_F(CleanTransportsTest, DisabledNamesakeStays)
+PROCESS_TEST_F(CleanTransportsTest, DisabledNamesakeStays)
 {
     const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
     support::writeFile(disabledPath, "zorvo-x unix - - n - - smtp\n");
@@ -152,7 +163,7 @@ TEST_F(CleanTransportsTest, DisabledNamesakeStays)
 }
 
 // Services that are disabled are no services of master.cf.
-TEST_F(CleanTransportsTest, DisabledServicesStay)
+PROCESS_TEST_F(CleanTransportsTest, DisabledServicesStay)
 {
     const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
     support::writeFile(disabledPath, "zorvo-x unix - - n - - smtp\n");
@@ -161,13 +172,13 @@ TEST_F(CleanTransportsTest, DisabledServicesStay)
     EXPECT_EQ("# end\n", masterCf());
 }
 
-TEST_F(CleanTransportsTest, MasterCfWithoutGeneratedServicesKeepsItsContent)
+PROCESS_TEST_F(CleanTransportsTest, MasterCfWithoutGeneratedServicesKeepsItsContent)
 {
     const std::string text = "# top\nsmtp  inet\tn - n - - smtpd # c\n\n  -o a=b\n# end\n";
     EXPECT_EQ(text, cleaned(text));
 }
 
-TEST_F(CleanTransportsTest, EarlierEditsAreStoredEvenWithoutAGeneratedService)
+PROCESS_TEST_F(CleanTransportsTest, EarlierEditsAreStoredEvenWithoutAGeneratedService)
 {
     support::writeFile(path_, "# top");
     ModuleManager& modules = ModuleManager::getInstance();
@@ -180,59 +191,60 @@ TEST_F(CleanTransportsTest, EarlierEditsAreStoredEvenWithoutAGeneratedService)
     EXPECT_EQ("# top\npending inet - - n - - x\n", masterCf());
 }
 
-TEST_F(CleanTransportsTest, SecondCleanupChangesNothingMore)
+PROCESS_TEST_F(CleanTransportsTest, SecondCleanupChangesNothingMore)
 {
     const std::string once = cleaned("# top\nzorvo-x unix - - n - - smtp\n# end\n");
+    EXPECT_EQ(runs(parameters, {rebuild, directoryQuery}), tools_.commandLines());
+    tools_.forget();
     clean_transports();
     EXPECT_EQ(once, masterCf());
-    EXPECT_EQ(
-        (CommandLines{directoryQuery, remove4, remove6, rebuild, directoryQuery, remove4, remove6, rebuild}),
-        tools_.commandLines());
+    CommandLines second = runs(parameters, {rebuild});
+    second.erase(second.begin()); // The directory is known by then.
+    EXPECT_EQ(second, tools_.commandLines());
 }
 
 // --- failures
 
-TEST_F(CleanTransportsTest, FailureOfTheFirstParameterStopsThere)
+PROCESS_TEST_F(CleanTransportsTest, FailureOfTheFirstParameterStopsThere)
 {
-    tools_.answer(postconfPath, {"-X", "smtp_bind_address"}, ToolAnswer::fails(1, "postconf: fatal: x\n"));
+    tools_.answer(postconfPath, {"-X", removedParameters[0]}, ToolAnswer::fails(1, "postconf: fatal: x\n"));
     EXPECT_EQ("postconf: fatal: x\n", exactMessageOf<PostfixConfigurationError>(
                                           [this] { cleaned("zorvo-x unix - - n - - smtp\n"); }));
-    EXPECT_EQ((CommandLines{directoryQuery, remove4}), tools_.commandLines());
+    EXPECT_EQ(runs(1), tools_.commandLines());
     EXPECT_EQ("zorvo-x unix - - n - - smtp\n", masterCf());
 }
 
-TEST_F(CleanTransportsTest, FailureOfTheSecondParameterStopsThere)
+PROCESS_TEST_F(CleanTransportsTest, FailureOfTheLastParameterStopsThere)
 {
-    tools_.answer(postconfPath, {"-X", "smtp_bind_address6"}, ToolAnswer::fails(1, ""));
+    tools_.answer(postconfPath, {"-X", removedParameters[parameters - 1]}, ToolAnswer::fails(1, ""));
     EXPECT_EQ("unknown error", exactMessageOf<PostfixConfigurationError>(
                                    [this] { cleaned("zorvo-x unix - - n - - smtp\n"); }));
-    EXPECT_EQ((CommandLines{directoryQuery, remove4, remove6}), tools_.commandLines());
+    EXPECT_EQ(runs(parameters), tools_.commandLines());
 }
 
-TEST_F(CleanTransportsTest, FailureOfTheTableLeavesTheServices)
+PROCESS_TEST_F(CleanTransportsTest, FailureOfTheTableLeavesTheServices)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: fatal: x\n"));
     EXPECT_EQ("postmap: fatal: x\n", exactMessageOf<PostfixConfigurationError>(
                                          [this] { cleaned("zorvo-x unix - - n - - smtp\n"); }));
-    EXPECT_EQ((CommandLines{directoryQuery, remove4, remove6, rebuild}), tools_.commandLines());
+    EXPECT_EQ(runs(parameters, {rebuild}), tools_.commandLines());
     EXPECT_EQ("zorvo-x unix - - n - - smtp\n", masterCf());
     EXPECT_FALSE(std::filesystem::exists(tableSource));
 }
 
-TEST_F(CleanTransportsTest, UnreadableMasterCfComesAfterTheRest)
+PROCESS_TEST_F(CleanTransportsTest, UnreadableMasterCfComesAfterTheRest)
 {
     EXPECT_EQ(
         "unable to parse " + path_ + ": syntax error at position 0 near 'Bad'",
         exactMessageOf<PostfixConfigurationError>([this] { cleaned("Bad\nzorvo-x unix - - n - - smtp\n"); }));
-    EXPECT_EQ((CommandLines{directoryQuery, remove4, remove6, rebuild, directoryQuery}),
-              tools_.commandLines());
+    EXPECT_EQ(runs(parameters, {rebuild, directoryQuery}), tools_.commandLines());
     EXPECT_EQ("Bad\nzorvo-x unix - - n - - smtp\n", masterCf());
 }
 
 // --- runs one after the other, each a process of its own
 
 // The file's final line feed leaves an empty last line in memory; each run adds its services behind it.
-TEST_F(CleanTransportsTest, EachRunLeavesABlankLineMoreAboveItsServices)
+PROCESS_TEST_F(CleanTransportsTest, EachRunLeavesABlankLineMoreAboveItsServices)
 {
     support::writeFile(path_, "# top\n");
     const auto run = [] {
@@ -266,29 +278,34 @@ TEST_F(CleanTransportsTest, EachRunLeavesABlankLineMoreAboveItsServices)
 
 // --- with the real tools
 
-TEST(CleanTransportsPostfixTest, EverythingGeneratedIsGone)
+class CleanTransportsPostfixTest : public support::FreshProcessTest {};
+
+PROCESS_TEST_F(CleanTransportsPostfixTest, EverythingGeneratedIsGone)
 {
     const std::string mainCf = support::readFile("/etc/postfix/main.cf");
     const std::string masterCf = support::readFile("/etc/postfix/master.cf");
-    support::writeFile("/etc/postfix/main.cf",
-                       mainCf + "smtp_bind_address = 192.0.2.1\nsmtp_bind_address6 = 2001:db8::1\n");
+    std::string bound = mainCf;
+    for (const std::string parameter : removedParameters)
+        bound += parameter + " = 192.0.2.1\n";
+    support::writeFile("/etc/postfix/main.cf", bound);
     support::writeFile("/etc/postfix/master.cf", masterCf + "zorvo-x unix - - n - - smtp\n  -o a=b\n");
     support::ageMainCf();
-    support::outputOf(std::string("echo '@example.org zorvo-x:' | /usr/sbin/postmap -r -i ") + table);
+    support::outputOf("echo '@example.org zorvo-x:' | /usr/sbin/postmap -r -i " + table);
 
     clean_transports();
     EXPECT_EQ(mainCf, support::readFile("/etc/postfix/main.cf"));
     EXPECT_EQ(masterCf, support::readFile("/etc/postfix/master.cf"));
     EXPECT_EQ(0644U, support::modeOf("/etc/postfix/master.cf"));
     support::ageMainCf();
-    EXPECT_EQ("", support::outputOf(std::string("/usr/sbin/postmap -s ") + table));
-    EXPECT_EQ(std::set<std::string>{"sdd_transport_maps.db"}, support::namesIn("/var/spool/postfix/zorvo"));
+    EXPECT_EQ("", support::outputOf("/usr/sbin/postmap -s " + table));
+    EXPECT_EQ(std::set<std::string>{support::databaseNameOf(table)},
+              support::namesIn("/var/spool/postfix/zorvo"));
 
     clean_transports();
     EXPECT_EQ(mainCf, support::readFile("/etc/postfix/main.cf"));
     EXPECT_EQ(masterCf, support::readFile("/etc/postfix/master.cf"));
     support::ageMainCf();
-    EXPECT_EQ("", support::outputOf(std::string("/usr/sbin/postmap -s ") + table));
+    EXPECT_EQ("", support::outputOf("/usr/sbin/postmap -s " + table));
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// What the tests of the mail layer share: lock files seen from outside, faults made by the kernel, mounts,
-// and the message of an exception together with its exact type.
+// What the tests of postfix/ share: lock files seen from outside, faults made by the kernel, mounts, and the
+// message of an exception together with its exact type.
 #pragma once
 
 #include "support/Child.h"
@@ -44,6 +44,19 @@ inline std::string lockFileOf(const std::string& name)
         text += "0123456789abcdef"[digest[i] & 15];
     }
     return text;
+}
+
+/// The source file of a lookup table "TYPE:PATH".
+inline std::string sourceOf(const std::string& table)
+{
+    return table.substr(table.find(':') + 1);
+}
+
+/// Name of the database file that postmap(1) makes of it, in the directory of the source file.
+inline std::string databaseNameOf(const std::string& table)
+{
+    const std::string suffix = table.compare(0, 5, "lmdb:") == 0 ? ".lmdb" : ".db";
+    return table.substr(table.rfind('/') + 1) + suffix;
 }
 
 /// Holds the flock(2) on a file from construction to release().

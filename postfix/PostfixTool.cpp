@@ -1,13 +1,15 @@
-// checkOutput and the judging of tool runs: see the header.
-#include "postfix/checkOutput.h"
+#include "postfix/PostfixTool.h"
 
 #include "postfix/PostfixError.h"
 
 namespace zorvo::mail::postfix {
 
+const char* const postconfPath = "/usr/sbin/postconf";
+const char* const postmapPath = "/usr/sbin/postmap";
+
 namespace {
 
-/// All of a wait status but the core dump bit (waitpid(2)).
+/// All of a wait status except the core dump bit (waitpid(2)).
 constexpr int statusMask = 0xff7f;
 
 bool beginsWith(const std::string& line, std::string::size_type at, const char* word)
@@ -34,6 +36,36 @@ bool checkLine(const std::string& line, bool strict)
 
 } // namespace
 
+ToolResult runPostfixTool(const ToolCommand& command, ToolOutput output, const process::InputSource& input)
+{
+    ToolResult result;
+    process::Pipe pipe;
+    if (input) {
+        pipe.stdinFd = process::kPipeFd;
+        pipe.stdinSource = input;
+    }
+    if (output == ToolOutput::Captured) {
+        pipe.stdoutFd = process::kPipeFd;
+        pipe.stdoutReceiver = process::makeStringReceiver(result.output);
+    }
+    pipe.stderrFd = process::kPipeFd;
+    pipe.stderrReceiver = process::makeStringReceiver(result.errorOutput);
+    pipe.processes().push_back(command);
+    result.status = pipe.run();
+    return result;
+}
+
+bool toolSucceeded(int status) noexcept
+{
+    return (status & statusMask) == 0;
+}
+
+void requireToolSuccess(const ToolResult& result)
+{
+    if (!toolSucceeded(result.status))
+        throw PostfixConfigurationError(result.errorOutput.empty() ? "unknown error" : result.errorOutput);
+}
+
 bool checkOutput(const std::string& output, bool strict)
 {
     for (std::string::size_type begin = 0; begin < output.size();) {
@@ -45,17 +77,6 @@ bool checkOutput(const std::string& output, bool strict)
         begin = end + 1;
     }
     return true;
-}
-
-bool toolSucceeded(int status) noexcept
-{
-    return (status & statusMask) == 0;
-}
-
-void requireToolSuccess(int status, const std::string& errorOutput)
-{
-    if (!toolSucceeded(status))
-        throw PostfixConfigurationError(errorOutput.empty() ? "unknown error" : errorOutput);
 }
 
 } // namespace zorvo::mail::postfix

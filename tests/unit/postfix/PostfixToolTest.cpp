@@ -1,11 +1,19 @@
-// checkOutput, toolSucceeded, requireToolSuccess: what counts as a failure of one of Postfix's tools.
-#include "postfix/checkOutput.h"
+// PostfixTool: what a run captures and what it leaves inherited, and what counts as a failure of a tool.
+#include "postfix/PostfixTool.h"
 
 #include "postfix/PostfixError.h"
-#include "unit/postfix/PostfixFloor.h"
+#include "unit/postfix/PostfixTestTools.h"
+#include "unit/postfix/ToolStandIns.h"
+
+#include "support/Capture.h"
+#include "support/Child.h"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -157,6 +165,89 @@ TEST(CheckOutputTest, CarriageReturnBelongsToTheLine)
     expectJudged(true, true, {"\r\n", "postmap: \r\n", "postmap: warning: x\r\n"});
 }
 
+// --- running a tool
+
+using support::postmapPath;
+using support::ToolAnswer;
+
+/// With postmap replaced.
+class RunPostfixToolTest : public testing::Test {
+protected:
+    RunPostfixToolTest() { tools_.replace(postmapPath); }
+
+    support::ToolStandIns tools_;
+};
+
+TEST_F(RunPostfixToolTest, CapturedOutputAndErrorOutputAreKeptApart)
+{
+    ToolAnswer answer = ToolAnswer::fails(3, "error text\n");
+    answer.out = "output text\n";
+    tools_.answer(postmapPath, answer);
+    support::Capture capture;
+    const ToolResult result = runPostfixTool({postmapPath, "-s", "hash:/x"}, ToolOutput::Captured);
+    EXPECT_EQ("", capture.out());
+    EXPECT_EQ("", capture.err());
+    EXPECT_EQ(3 << 8, result.status);
+    EXPECT_EQ("output text\n", result.output);
+    EXPECT_EQ("error text\n", result.errorOutput);
+    EXPECT_EQ((std::vector<std::vector<std::string>>{{postmapPath, "-s", "hash:/x"}}), tools_.commandLines());
+}
+
+TEST_F(RunPostfixToolTest, InheritedOutputGoesToOurOwn)
+{
+    ToolAnswer answer = ToolAnswer::dies(SIGTERM, "error text\n");
+    answer.out = "output text\n";
+    tools_.answer(postmapPath, answer);
+    support::Capture capture;
+    const ToolResult result = runPostfixTool({postmapPath, "-r", "hash:/x"}, ToolOutput::Inherited);
+    EXPECT_EQ("output text\n", capture.out());
+    EXPECT_EQ("", capture.err());
+    EXPECT_EQ(SIGTERM, result.status);
+    EXPECT_EQ("", result.output);
+    EXPECT_EQ("error text\n", result.errorOutput);
+}
+
+TEST_F(RunPostfixToolTest, InputIsFedUntilTheSourceSaysItWasTheLast)
+{
+    int chunks = 0;
+    const ToolResult result = runPostfixTool({postmapPath, "-i", "hash:/x"}, ToolOutput::Captured,
+                                             [&chunks](std::vector<char>& buffer) {
+                                                 buffer.push_back(static_cast<char>('a' + chunks));
+                                                 return ++chunks < 3;
+                                             });
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ("abc", tools_.calls().front().input);
+}
+
+// Without a source the tool reads what this process would read.
+TEST_F(RunPostfixToolTest, InputIsInheritedWithoutASource)
+{
+    const int ours = ::fcntl(0, F_DUPFD_CLOEXEC, 3);
+    int input[2];
+    ASSERT_EQ(0, ::pipe(input));
+    ASSERT_EQ(4, ::write(input[1], "ours", 4));
+    ::close(input[1]);
+    ::dup2(input[0], 0);
+    ::close(input[0]);
+    const ToolResult result = runPostfixTool({postmapPath, "-i", "hash:/x"}, ToolOutput::Captured);
+    ::dup2(ours, 0);
+    ::close(ours);
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ("ours", tools_.calls().front().input);
+}
+
+TEST_F(RunPostfixToolTest, ArgumentsEndAtTheFirstEmptyOneUnlessTheyAreAppended)
+{
+    ToolCommand command(postmapPath, "-q", "", "hash:/x");
+    EXPECT_EQ(0, runPostfixTool(command, ToolOutput::Captured).status);
+    command.arguments.push_back("");
+    EXPECT_EQ(0, runPostfixTool(command, ToolOutput::Captured).status);
+    EXPECT_EQ((std::vector<std::vector<std::string>>{{postmapPath, "-q"}, {postmapPath, "-q", ""}}),
+              tools_.commandLines());
+}
+
+// --- how it ended
+
 // Every wait status: success is an exit with 0, with or without a core dump bit.
 TEST(ToolSucceededTest, OnlyExitWithZeroIsSuccess)
 {
@@ -175,27 +266,35 @@ TEST(ToolSucceededTest, RealStatusesAreJudged)
 
 TEST(RequireToolSuccessTest, SuccessIsSilentWhateverTheToolPrinted)
 {
-    EXPECT_EQ("(no exception)",
-              support::messageOf<std::exception>([] { requireToolSuccess(0, "postmap: fatal: x"); }));
-    EXPECT_EQ("(no exception)", support::messageOf<std::exception>([] { requireToolSuccess(0x80, ""); }));
+    EXPECT_EQ("(no exception)", support::messageOf<std::exception>([] {
+                  requireToolSuccess({0, "", "postmap: fatal: x"});
+              }));
+    EXPECT_EQ("(no exception)", support::messageOf<std::exception>([] {
+                  requireToolSuccess({0x80, "", ""});
+              }));
 }
 
 TEST(RequireToolSuccessTest, FailureCarriesErrorOutputAsItIs)
 {
     EXPECT_EQ(" postmap: fatal: x\nmore \n", support::exactMessageOf<PostfixConfigurationError>([] {
-                  requireToolSuccess(0x100, " postmap: fatal: x\nmore \n");
+                  requireToolSuccess({0x100, "", " postmap: fatal: x\nmore \n"});
               }));
-    EXPECT_EQ("\n", support::exactMessageOf<PostfixConfigurationError>([] { requireToolSuccess(9, "\n"); }));
+    EXPECT_EQ("\n", support::exactMessageOf<PostfixConfigurationError>([] {
+                  requireToolSuccess({9, "", "\n"});
+              }));
 }
 
 TEST(RequireToolSuccessTest, FailureWithoutErrorOutputIsUnknown)
 {
-    EXPECT_EQ("unknown error",
-              support::exactMessageOf<PostfixConfigurationError>([] { requireToolSuccess(0x100, ""); }));
-    EXPECT_EQ("unknown error",
-              support::exactMessageOf<PostfixConfigurationError>([] { requireToolSuccess(9, ""); }));
-    EXPECT_EQ("unknown error",
-              support::exactMessageOf<PostfixConfigurationError>([] { requireToolSuccess(0x8b, ""); }));
+    EXPECT_EQ("unknown error", support::exactMessageOf<PostfixConfigurationError>([] {
+                  requireToolSuccess({0x100, "", ""});
+              }));
+    EXPECT_EQ("unknown error", support::exactMessageOf<PostfixConfigurationError>([] {
+                  requireToolSuccess({9, "", ""});
+              }));
+    EXPECT_EQ("unknown error", support::exactMessageOf<PostfixConfigurationError>([] {
+                  requireToolSuccess({0x8b, "", ""});
+              }));
 }
 
 // The family: callers may catch PostfixError for both kinds, and neither kind for the other.
