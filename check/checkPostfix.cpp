@@ -17,6 +17,8 @@ namespace zorvo::check {
 
 namespace {
 
+using mail::postfix::bindAddress6Parameter;
+using mail::postfix::bindAddressParameter;
 using mail::postfix::generatedPrefix;
 using mail::postfix::ModuleInfo;
 using mail::postfix::senderTransportTable;
@@ -138,13 +140,13 @@ void PostfixCheck::_checkServerAddress(const std::string& parameter, Family fami
 
 void PostfixCheck::checkServerPair(const Request& request)
 {
-    _checkServerAddress("smtp_bind_address", Family::Ip4, request.ip4);
-    _checkServerAddress("smtp_bind_address6", Family::Ip6, request.ip6);
+    _checkServerAddress(bindAddressParameter, Family::Ip4, request.ip4);
+    _checkServerAddress(bindAddress6Parameter, Family::Ip6, request.ip6);
 }
 
 void PostfixCheck::checkNoServerPair()
 {
-    for (const char* const parameter : {"smtp_bind_address", "smtp_bind_address6"}) {
+    for (const char* const parameter : mail::postfix::removedParameters) {
         const std::string present = parameterOf(postfix_, parameter);
         if (!present.empty())
             _add(Kind::BindAddressBesideDomains, "", {{parameter, present}});

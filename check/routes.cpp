@@ -9,6 +9,8 @@
 
 namespace zorvo::check {
 
+using mail::postfix::bindAddress6Parameter;
+using mail::postfix::bindAddressParameter;
 using mail::postfix::DomainSenderTransport;
 using mail::postfix::IpSenderTransport;
 using mail::postfix::ModuleInfo;
@@ -79,8 +81,8 @@ std::string serviceOfRecord(const std::string& value)
 std::vector<Route> presentRoutes(const PostfixFacts& postfix)
 {
     std::vector<Route> routes;
-    Route server{"", "", parameterOf(postfix, "smtp_bind_address"),
-                 parameterOf(postfix, "smtp_bind_address6"), ""};
+    Route server{"", "", parameterOf(postfix, bindAddressParameter),
+                 parameterOf(postfix, bindAddress6Parameter), ""};
     if (!server.ip4.empty() || !server.ip6.empty())
         routes.push_back(std::move(server));
     if (!postfix.records)
@@ -91,8 +93,8 @@ std::vector<Route> presentRoutes(const PostfixFacts& postfix)
                     "", ""};
         const auto service = postfix.services.find(route.service);
         if (service != postfix.services.end()) {
-            route.ip4 = optionOf(service->second, "smtp_bind_address");
-            route.ip6 = optionOf(service->second, "smtp_bind_address6");
+            route.ip4 = optionOf(service->second, bindAddressParameter);
+            route.ip6 = optionOf(service->second, bindAddress6Parameter);
             route.helo = optionOf(service->second, "smtp_helo_name");
         }
         routes.push_back(std::move(route));
