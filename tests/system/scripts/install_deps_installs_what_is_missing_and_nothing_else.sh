@@ -27,14 +27,14 @@ cat >"$own/bin/debconf-set-selections" <<END
 cat >>"$own/calls"
 END
 chmod +x "$own/bin"/*
-# attempt ABSENT UPDATE INSTALL: install-deps with these packages absent and these exit statuses of apt-get.
+# attempt ABSENT UPDATE INSTALL [GROUP]...: install-deps with these packages absent and these exit statuses of apt-get.
 attempt() {
     : >"$own/absent"
     for package in $1; do echo "$package" >>"$own/absent"; done
     echo "$2" >"$own/update-status"
     echo "$3" >"$own/install-status"
     : >"$own/calls"
-    run env PATH="$own/bin:$PATH" scripts/install-deps
+    run env PATH="$own/bin:$PATH" scripts/install-deps "${@:4}"
     calls=$(<"$own/calls")
 }
 update="update -q -o APT::Update::Error-Mode=any"
@@ -56,3 +56,32 @@ assert_equal "registry out of reach" \
 attempt g++ 0 100
 assert_equal "package that cannot be had" "1 install-deps: installing g++ install-deps: cannot install g++ $update
 $install g++" "$status $stdout $stderr $calls"
+
+# What each group asks for on a machine that has none of it.
+nothing_is_installed() {
+    printf '#!/bin/sh\n' >"$own/bin/dpkg-query"
+}
+nothing_is_installed
+# asked_for GROUP...: the packages that apt-get is asked to install for these groups.
+asked_for() {
+    attempt "" 0 0 "$@"
+    sed -n "s/^$install //p" <<<"$calls"
+}
+sorted() { printf '%s\n' "$@" | sort | xargs; }
+build=(cmake g++ libboost-dev libboost-program-options-dev libssl-dev ninja-build)
+assert_equal "demo" "$(sorted "${build[@]}" iproute2 postfix util-linux)" "$(asked_for demo)"
+assert_equal "package" "$(sorted "${build[@]}" dpkg-dev file lintian)" "$(asked_for package)"
+assert_equal "documentation" "doxygen man-db mandoc" "$(asked_for documentation)"
+assert_equal "two groups" "$(sorted "${build[@]}" dpkg-dev doxygen file lintian man-db mandoc)" \
+    "$(asked_for documentation package)"
+all=$(asked_for)
+for group in test lint fuzz bench compatibility; do
+    packages=$(asked_for "$group")
+    [[ -n $packages ]] || fail "$group asks for nothing"
+    for package in $packages; do
+        [[ " $all " = *" $package "* ]] || fail "$package of $group is not among those of all groups"
+    done
+done
+attempt "" 0 0 demo nonsense
+assert_equal "a group that does not exist" \
+    "2  install-deps: no group is called nonsense (see the head of this script) " "$status $stdout $stderr $calls"
