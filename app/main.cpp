@@ -4,7 +4,8 @@
 #include "common/SystemError.h"
 #include "common/UtilityErrorStream.h"
 #include "common/reportException.h"
-#include "process/StartState.h"
+#include "process/FdOwner.h"
+#include "process/signals.h"
 
 #include <exception>
 #include <iostream>

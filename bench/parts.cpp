@@ -228,7 +228,7 @@ BENCHMARK(LaunchBare)->UseRealTime();
 void ProcessWalk(benchmark::State& state)
 {
     int count = 0;
-    const auto countProcess = [](const process_info*, void* context) {
+    const auto countProcess = [](process_info*, void* context) {
         ++*static_cast<int*>(context);
         return 1;
     };

@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 
 namespace zorvo {
 
@@ -31,18 +30,6 @@ std::pair<std::string, int> init_tmp(const std::string& prefix)
     if (fd == -1)
         throwSystemError("mkstemp() failed: ", errno);
     return {path, fd};
-}
-
-/// False with errno where not all could be written.
-bool writeAll(int fd, std::string_view text) noexcept
-{
-    while (!text.empty()) {
-        const ssize_t written = retryOnEintr([&] { return ::write(fd, text.data(), text.size()); });
-        if (written <= 0)
-            return false;
-        text.remove_prefix(static_cast<size_t>(written));
-    }
-    return true;
 }
 
 } // namespace
@@ -83,7 +70,7 @@ void TmpFile::writeLines(std::list<std::string>::const_iterator line,
     std::string text;
     for (const int fd = written ? data_.buffer.fd() : -1; written && line != last; ++line) {
         text.assign(*line).push_back('\n');
-        written = writeAll(fd, text);
+        written = writeAll(fd, text) == text.size();
     }
     if (!written)
         setstate(badbit);

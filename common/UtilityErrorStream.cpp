@@ -1,5 +1,6 @@
-// UtilityErrorStream and its one instance, uerr: see the header.
 #include "common/UtilityErrorStream.h"
+
+#include "common/writeText.h"
 
 #include <iostream>
 #include <new>
@@ -11,7 +12,7 @@ UtilityErrorStreamBuf::int_type UtilityErrorStreamBuf::overflow(int_type c)
     if (traits_type::eq_int_type(c, traits_type::eof()))
         return c;
     const char character = traits_type::to_char_type(c);
-    std::cerr << character;
+    writeText(std::cerr, {{&character, 1}});
     try {
         pending_ += character;
     } catch (const std::bad_alloc&) {
@@ -23,7 +24,8 @@ UtilityErrorStreamBuf::int_type UtilityErrorStreamBuf::overflow(int_type c)
 int UtilityErrorStreamBuf::sync()
 {
     std::cerr.flush();
-    std::cout << pending_ << std::flush;
+    writeText(std::cout, {pending_});
+    std::cout.flush();
     pending_.clear();
     return 0;
 }

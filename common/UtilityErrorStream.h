@@ -11,11 +11,12 @@ namespace zorvo {
 /// Has no put area: every character passes through overflow().
 class UtilityErrorStreamBuf : public std::streambuf {
 public:
-    /// Writes `c` to std::cerr and keeps it for the next sync(), unless memory is short. Returns c; EOF is
-    /// returned unchanged.
+    /// Writes `c` to std::cerr, again where that is interrupted, and keeps it for the next sync(), unless
+    /// memory is short. Returns c; EOF is returned unchanged.
     int_type overflow(int_type c) override;
 
-    /// Flushes std::cerr, writes the kept text to std::cout, flushes that, forgets the text. Returns 0.
+    /// Flushes std::cerr, writes the kept text to std::cout, whole although it may be interrupted, flushes
+    /// that, forgets the text. Returns 0.
     int sync() override;
 
 private:

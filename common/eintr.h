@@ -1,10 +1,18 @@
-// System calls and file streams that survive a signal: each loop on EINTR once.
+// System calls and file streams that survive a signal, and whole buffers in and out: each loop stands here
+// once.
+//
+//     const std::optional<std::string> text = readAll(fd);
+//     if (!text)
+//         throw SystemError("read", errno);
 #pragma once
 
 #include <cerrno>
+#include <cstddef>
 #include <fstream>
 #include <ios>
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace zorvo {
 
@@ -23,6 +31,15 @@ auto retryOnEintr(Call call) noexcept(noexcept(call())) -> decltype(call())
 /// descriptor already gone counts as success: Linux releases it even when the call was interrupted.
 /// Async-signal-safe.
 int closeRetrying(int fd) noexcept;
+
+/// Writes all of `bytes`, in as many calls of write(2) as it takes. Returns how many were written: all of
+/// them, or fewer with the errno of the call that failed (EAGAIN for a full non-blocking descriptor). May
+/// block. Async-signal-safe.
+[[nodiscard]] size_t writeAll(int fd, std::string_view bytes) noexcept;
+
+/// Reads from `fd` to the end of file. Empty with the errno of the call that failed; what had been read by
+/// then is lost. May block. Throws std::bad_alloc.
+[[nodiscard]] std::optional<std::string> readAll(int fd);
 
 /// stream.open(path, mode), repeated while open(2) fails with EINTR. Any other failure leaves failbit set, as
 /// open() does. May block.

@@ -1,13 +1,15 @@
-// writeText: see the header.
 #include "common/writeText.h"
 
 #include "common/eintr.h"
+
+#include <ext/stdio_sync_filebuf.h>
 
 #include <sys/uio.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <ostream>
 
 namespace zorvo {
 
@@ -53,6 +55,20 @@ void writeText(std::FILE* stream, std::initializer_list<std::string_view> pieces
         left -= static_cast<size_t>(written);
     }
     errno = error;
+}
+
+void writeText(std::ostream& stream, std::initializer_list<std::string_view> pieces)
+{
+    const std::ostream::sentry ready(stream);
+    if (!ready)
+        return;
+    // What std::ios::sync_with_stdio(true), the default, puts under the standard streams.
+    if (auto* const buffer = dynamic_cast<__gnu_cxx::stdio_sync_filebuf<char>*>(stream.rdbuf())) {
+        writeText(buffer->file(), pieces);
+        return;
+    }
+    for (const std::string_view piece : pieces)
+        stream.write(piece.data(), static_cast<std::streamsize>(piece.size()));
 }
 
 FormattedText::FormattedText(const char* format, va_list args) noexcept

@@ -5,7 +5,6 @@
 // text.
 #include "process/proc_parsers.h"
 #include "fuzz/fuzz.h"
-#include "process/exec_helpers.h"
 
 #include <algorithm>
 #include <climits>
@@ -119,14 +118,14 @@ void checkStat(const std::string& text)
 }
 
 /// Four ids, all or none of them taken over.
-bool takeIds(Walk& walk, std::vector<unsigned>& ids)
+bool takeIds(Walk& walk, std::vector<int>& ids)
 {
-    std::vector<unsigned> found;
+    std::vector<int> found;
     while (found.size() < 4) {
         const std::optional<long long> number = walk.takeNumber();
         if (!number)
             return false;
-        found.push_back(static_cast<unsigned>(*number));
+        found.push_back(static_cast<int>(*number));
     }
     ids = found;
     return true;
@@ -134,8 +133,8 @@ bool takeIds(Walk& walk, std::vector<unsigned>& ids)
 
 void checkStatus(const std::string& text)
 {
-    std::vector<unsigned> uids(4, 7);
-    std::vector<unsigned> gids(4, 7);
+    std::vector<int> uids(4, 7);
+    std::vector<int> gids(4, 7);
     bool uidFound = false;
     bool gidFound = false;
     Walk walk(text);
@@ -149,8 +148,8 @@ void checkStatus(const std::string& text)
             gidFound = takeIds(walk, gids) || gidFound;
     }
 
-    uid_t uid[4] = {7, 7, 7, 7};
-    gid_t gid[4] = {7, 7, 7, 7};
+    int uid[4] = {7, 7, 7, 7};
+    int gid[4] = {7, 7, 7, 7};
     FUZZ_CHECK(zorvo::process::parseProcStatus(text, uid, gid) == (uidFound && gidFound));
     FUZZ_CHECK(std::equal(uids.begin(), uids.end(), uid));
     FUZZ_CHECK(std::equal(gids.begin(), gids.end(), gid));

@@ -2,7 +2,7 @@
 #include "postfix/ServiceManager.h"
 
 #include "common/eintr.h"
-#include "process/exec_helpers.h"
+#include "process/fork_exec.h"
 #include "process/iterateProcesses.h"
 
 #include <cerrno>
@@ -63,7 +63,7 @@ const char* const milterService = "qfilter";
 constexpr long startAttempts = 5;
 
 /// Matches the queue manager of the master whose pid `context` points to.
-int findQmgrInfo(const process_info* info, void* context)
+int findQmgrInfo(process_info* info, void* context)
 {
     const int masterPid = *static_cast<const int*>(context);
     return info->parent_pid == masterPid && std::strcmp(info->command, "qmgr") == 0 ? 0 : 1;

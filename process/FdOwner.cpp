@@ -1,4 +1,3 @@
-// FdOwner and PipeOwner: see the header.
 #include "process/FdOwner.h"
 
 #include "common/SystemError.h"
@@ -69,6 +68,21 @@ void PipeOwner::open(const char* label)
     writeEnd = FdOwner(ends[1]);
     moveAboveStandard(readEnd, label);
     moveAboveStandard(writeEnd, label);
+}
+
+bool setNonBlocking(int fd) noexcept
+{
+    return retryOnEintr([=] { return ::fcntl(fd, F_SETFL, O_NONBLOCK); }) != -1;
+}
+
+void ensureStandardDescriptors()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        const bool closed = retryOnEintr([=] { return ::fcntl(fd, F_GETFD); }) == -1 && errno == EBADF;
+        // Every lower one is open, so open(2) returns this number.
+        if (closed && retryOnEintr([] { return ::open("/dev/null", O_RDWR); }) == -1)
+            throw SystemError("/dev/null open", errno);
+    }
 }
 
 } // namespace zorvo::process

@@ -1,14 +1,12 @@
 // FdOwner and PipeOwner: one open descriptor, and the two of a pipe, each with exactly one owner.
-// Borrowers take a plain int and never close it.
+// Borrowers take a plain int and never close it. With them what is done to descriptors on their own: a number
+// above the standard ones, non-blocking mode, and 0, 1 and 2 kept open, so that no owner ever gets one of
+// them.
 #pragma once
-
-#include "common/eintr.h"
 
 #include <utility>
 
 namespace zorvo::process {
-
-using zorvo::closeRetrying;
 
 /// Owns one descriptor; -1 when empty. Move-only.
 class FdOwner {
@@ -48,7 +46,8 @@ public:
     PipeOwner& operator=(PipeOwner&&) noexcept = default;
 
     /// Closes both ends. A failure throws SystemError ("pipe read-end close", "pipe write-end close") unless
-    /// an exception is in flight.
+    /// an exception is in flight. An object with such a member closes the ends itself, in a destructor that
+    /// does not throw: smart pointers end the program over one that does.
     ~PipeOwner() noexcept(false); // NOLINT(bugprone-exception-escape)
 
     /// Makes the pipe. Throws SystemError with `label`.
@@ -57,5 +56,12 @@ public:
     FdOwner readEnd;
     FdOwner writeEnd;
 };
+
+/// Sets O_NONBLOCK and no other status flag (F_SETFL of fcntl(2)). False with errno.
+[[nodiscard]] bool setNonBlocking(int fd) noexcept;
+
+/// Opens /dev/null on whichever of the descriptors 0, 1 and 2 is closed, so that no file opened later gets
+/// one of these numbers. For main. Throws SystemError "/dev/null open".
+void ensureStandardDescriptors();
 
 } // namespace zorvo::process

@@ -11,10 +11,15 @@
 // A selector that is not set means that the child inherits the parent's descriptor and nothing is captured.
 // run() installs a SIGCHLD handler while it works (ProcessSetCatcher), ignores SIGPIPE and blocks; it is for
 // single-threaded programs. A Pipe runs once.
+//
+// A process that ends without having read its input has usually said why: then its status and its error
+// output are the result, as if it had read all. Only one that ends with status 0 nevertheless makes run()
+// throw, so that no lost input passes for success.
 #pragma once
 
 #include "process/ProcessLaunch.h"
 #include "process/ProcessSetCatcher.h"
+#include "process/Pump.h"
 
 #include <boost/function.hpp>
 #include <boost/scoped_ptr.hpp>
@@ -23,12 +28,6 @@
 #include <vector>
 
 namespace zorvo::process {
-
-/// Gets every chunk that a child writes, at most 1024 bytes at a time.
-typedef boost::function<void(const std::vector<char>&)> OutputReceiver;
-
-/// Called again and again with an empty buffer to append the next bytes to; returns false with the last.
-typedef boost::function<bool(std::vector<char>&)> InputSource;
 
 /// Settings of one process; in a Pipe, the defaults for those processes that do not set their own.
 struct CommonFlags {
@@ -83,8 +82,9 @@ public:
 
     /// Launches all processes, feeds and collects until every pipe is closed, waits for every child.
     /// Returns the raw wait status of the last process. Throws std::logic_error "the pipe has been launched
-    /// already" and "No processes to launch were assigned so far"; what ProcessLaunch throws; SystemError
-    /// "write", "select", "read", "fcntl", "pipe read-end close"; and what a receiver or the source throws.
+    /// already" and "No processes to launch were assigned so far"; what ProcessLaunch, Pump, a receiver or
+    /// the source throws; SystemError "write" with EPIPE, with the statuses stored, when the first process
+    /// has ended with status 0 before it took all its input.
     /// After any failure no child and no descriptor is left: the children of a pipeline that could not be
     /// launched whole are killed, all others are waited for.
     int run();
@@ -96,7 +96,8 @@ public:
     const std::vector<ProcessStatus>& statuses() const noexcept { return statuses_; }
 
 private:
-    void fillProcessFlags();
+    void _fillProcessFlags();
+    void _pump(const boost::scoped_ptr<ProcessLaunch>* launches, ProcessSetCatcher& catcher);
 
     std::vector<Parameters<PipeProcessFlags>> processes_;
     std::vector<ProcessStatus> statuses_;
@@ -105,7 +106,8 @@ private:
 /// Starts all processes of a pipeline in order, each after the one before came to execute its program, and
 /// enters them in the table of `catcher`, which is installed here; SIGCHLD is blocked meanwhile. `launches`
 /// is an array of as many owners as there are processes; `statuses` gets an element with the pid for each.
-/// After a failure every child started here has been ended and reaped.
+/// A launch replaces its slot's previous one when its turn comes. After a failure every child started here
+/// has been ended and reaped.
 void launchAll(const std::vector<Parameters<PipeProcessFlags>>& processes, int firstStdin, int lastStdout,
                ProcessSetCatcher& catcher, boost::scoped_ptr<ProcessLaunch>* launches,
                std::vector<ProcessStatus>& statuses);

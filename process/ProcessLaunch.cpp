@@ -1,10 +1,12 @@
-// ProcessLaunch: see the header. The way to read this file: the constructor is the parent's side of a launch,
-// prepareChild the child's, LaunchReport the way back of a failure.
+// The way to read this file: the constructor is the parent's side of a launch, _prepareChild the child's,
+// rethrowReport the way back of a failure.
 #include "process/ProcessLaunch.h"
 
 #include "common/SystemError.h"
 #include "common/eintr.h"
-#include "process/StartState.h"
+#include "common/writeText.h"
+#include "process/closefrom.h"
+#include "process/signals.h"
 
 #include <boost/lexical_cast.hpp>
 
@@ -20,6 +22,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <stdexcept>
 
 namespace zorvo::process {
@@ -30,9 +33,9 @@ constexpr int exitSystemError = 67;
 constexpr int exitException = 66;
 constexpr int exitForeign = 65;
 
-const char* const typeTag = "ET: ";
-const char* const messageTag = "EM: ";
-const char* const codeTag = "EC: ";
+constexpr std::string_view typeTag = "ET: ";
+constexpr std::string_view messageTag = "EM: ";
+constexpr std::string_view codeTag = "EC: ";
 constexpr size_t tagLength = 4;
 
 const char* const typeSystemError = "SystemError";
@@ -42,33 +45,56 @@ const char* const typeException = "std::exception";
 /// One standard descriptor of the child: a caller's or inherited number, or one that the launch opened.
 struct ChildFd {
     int number = -1; ///< Negative: leave the child's descriptor alone.
-    FdOwner created; ///< The descriptor behind `number` where the launch opened it.
+    FdOwner created; ///< Owner of `number` where the launch opened it.
 
     void own(FdOwner&& fd)
     {
         created = std::move(fd);
         number = created.get();
     }
-
-    void openDevNull(int flags, const char* label)
-    {
-        FdOwner fd(retryOnEintr([&] { return ::open("/dev/null", flags | O_CLOEXEC); }));
-        if (!fd.isOpen())
-            throw SystemError(label, errno);
-        moveAboveStandard(fd, label);
-        own(std::move(fd));
-    }
 };
 
-/// Which end of a new pipe the child gets.
-enum class ChildEnd { Read, Write };
+/// What the selectors mean for one of the three.
+struct Stream {
+    bool isRead; ///< By the child.
+    const char* invalid;
+    const char* devNullLabel;
+    const char* pipeLabel;
+};
 
-FdOwner openPipe(ChildFd& child, ChildEnd childEnd, const char* label)
+constexpr Stream stdinStream = {true, "invalid FD for stdin", "stdin /dev/null open", "stdin pipe"};
+constexpr Stream stdoutStream = {false, "invalid FD for stdout", "stdout /dev/null open", "stdout pipe"};
+constexpr Stream stderrStream = {false, "invalid FD for stderr", "stderr /dev/null open", "stderr pipe"};
+
+FdOwner openDevNull(const Stream& stream)
 {
+    const int flags = (stream.isRead ? O_RDONLY : O_WRONLY) | O_CLOEXEC;
+    FdOwner fd(retryOnEintr([=] { return ::open("/dev/null", flags); }));
+    if (!fd.isOpen())
+        throw SystemError(stream.devNullLabel, errno);
+    moveAboveStandard(fd, stream.devNullLabel);
+    return fd;
+}
+
+/// Resolves `selector` into `child` and returns the parent's end of a new pipe, empty without one.
+FdOwner resolve(int selector, const Stream& stream, ChildFd& child)
+{
+    if (selector == kInheritFd)
+        return {};
+    if (selector >= 0) {
+        child.number = selector;
+        return {};
+    }
+    if (selector == kDevNullFd) {
+        child.own(openDevNull(stream));
+        return {};
+    }
+    if (selector != kPipeFd)
+        throw std::invalid_argument(stream.invalid);
     PipeOwner pipe;
-    pipe.open(label);
-    child.own(std::move(childEnd == ChildEnd::Read ? pipe.readEnd : pipe.writeEnd));
-    return std::move(childEnd == ChildEnd::Read ? pipe.writeEnd : pipe.readEnd);
+    pipe.open(stream.pipeLabel);
+    child.own(std::move(stream.isRead ? pipe.readEnd : pipe.writeEnd));
+    return std::move(stream.isRead ? pipe.writeEnd : pipe.readEnd);
 }
 
 /// Lays `fd` over the standard descriptor `target` and closes what the launch opened.
@@ -81,16 +107,7 @@ void installStandard(ChildFd& fd, int target, const char* label)
     fd.created.close("close");
 }
 
-/// close_range(2) for the descriptors first to last, ignoring failures.
-void closeAll(int first, int last) noexcept
-{
-    if (first > last || ::close_range(static_cast<unsigned>(first), static_cast<unsigned>(last), 0) == 0)
-        return;
-    for (int fd = first; fd <= last; ++fd)
-        closeRetrying(fd);
-}
-
-/// Closes all descriptors from 3 on but `kept`, keeping errno.
+/// Closes all descriptors from 3 on except `kept`, keeping errno.
 void closeOthers(int kept) noexcept
 {
     const int error = errno;
@@ -98,22 +115,33 @@ void closeOthers(int kept) noexcept
     struct rlimit limit = {};
     const rlim_t size = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : fallback;
     const int last = static_cast<int>(std::min<rlim_t>(size, INT_MAX)) - 1;
-    closeAll(STDERR_FILENO + 1, std::min(kept - 1, last));
-    closeAll(kept + 1, last);
+    closeRange(STDERR_FILENO + 1, std::min(kept - 1, last));
+    closeRange(kept + 1, last);
     errno = error;
 }
 
-/// Sends one record; a parent that went away is no longer interested.
+/// Sends one record with its NUL; a parent that went away is no longer interested.
 void sendRecord(int fd, const std::string& record)
 {
     if (fd >= 0)
-        (void)retryOnEintr([&] { return ::write(fd, record.c_str(), record.size() + 1); });
+        (void)writeAll(fd, {record.c_str(), record.size() + 1});
 }
 
 void sendReport(int fd, const char* type, const char* message)
 {
-    sendRecord(fd, std::string(typeTag) + type);
-    sendRecord(fd, std::string(messageTag) + message);
+    sendRecord(fd, std::string(typeTag).append(type));
+    sendRecord(fd, std::string(messageTag).append(message));
+}
+
+/// Calls `take` for every record of a report: NUL ends each, except perhaps the last.
+template <class Take>
+void forEachRecord(std::string_view report, Take take)
+{
+    while (!report.empty()) {
+        const size_t end = std::min(report.find('\0'), report.size());
+        take(report.substr(0, end));
+        report.remove_prefix(std::min(end + 1, report.size()));
+    }
 }
 
 } // namespace
@@ -141,43 +169,21 @@ ProcessLaunch::ProcessLaunch(const char* const* argv, const char* file, const ch
                              int stderrFd)
 {
     Standard standard;
-    if (stdinFd >= 0)
-        standard.in.number = stdinFd;
-    else if (stdinFd == kDevNullFd)
-        standard.in.openDevNull(O_RDONLY, "stdin /dev/null open");
-    else if (stdinFd == kPipeFd)
-        stdin_ = openPipe(standard.in, ChildEnd::Read, "stdin pipe");
-    else if (stdinFd != kInheritFd)
-        throw std::invalid_argument("invalid FD for stdin");
-
-    if (stdoutFd >= 0)
-        standard.out.number = stdoutFd;
-    else if (stdoutFd == kInheritFd)
+    stdin_ = resolve(stdinFd, stdinStream, standard.in);
+    stdout_ = resolve(stdoutFd, stdoutStream, standard.out);
+    if (stdoutFd == kInheritFd)
         standard.out.number = STDOUT_FILENO; // what kSameAsStdoutFd copies
-    else if (stdoutFd == kDevNullFd)
-        standard.out.openDevNull(O_WRONLY, "stdout /dev/null open");
-    else if (stdoutFd == kPipeFd)
-        stdout_ = openPipe(standard.out, ChildEnd::Write, "stdout pipe");
-    else
-        throw std::invalid_argument("invalid FD for stdout");
-
-    if (stderrFd >= 0)
-        standard.err.number = stderrFd;
-    else if (stderrFd == kDevNullFd)
-        standard.err.openDevNull(O_WRONLY, "stderr /dev/null open");
-    else if (stderrFd == kPipeFd)
-        stderr_ = openPipe(standard.err, ChildEnd::Write, "stderr pipe");
-    else if (stderrFd == kSameAsStdoutFd)
+    if (stderrFd == kSameAsStdoutFd)
         standard.err.number = standard.out.number;
-    else if (stderrFd != kInheritFd)
-        throw std::invalid_argument("invalid FD for stderr");
+    else
+        stderr_ = resolve(stderrFd, stderrStream, standard.err);
 
     control_.open("pipe");
     pid_ = retryOnEintr([] { return ::fork(); });
     if (pid_ == -1)
         throw SystemError("fork", errno);
     if (pid_ == 0)
-        runChild(standard, Program{argv, file, cwd, envp, closeOtherFds, searchPath, newSession, childHook});
+        _runChild(standard, Program{argv, file, cwd, envp, closeOtherFds, searchPath, newSession, childHook});
 
     try {
         control_.writeEnd.close("close");
@@ -189,8 +195,14 @@ ProcessLaunch::ProcessLaunch(const char* const* argv, const char* file, const ch
     }
 }
 
+ProcessLaunch::~ProcessLaunch() noexcept
+{
+    control_.readEnd.close_nothrow();
+    control_.writeEnd.close_nothrow();
+}
+
 // Runs between fork and exec. The program is single-threaded, so allocating and throwing are safe here.
-void ProcessLaunch::prepareChild(Standard& standard, const Program& program)
+void ProcessLaunch::_prepareChild(Standard& standard, const Program& program)
 {
     control_.readEnd.close("close");
     const int control = control_.writeEnd.get();
@@ -211,6 +223,11 @@ void ProcessLaunch::prepareChild(Standard& standard, const Program& program)
     if (program.childHook)
         program.childHook();
 
+    _execute(program);
+}
+
+void ProcessLaunch::_execute(const Program& program)
+{
     // exec takes the vectors without const for historical reasons and changes nothing (POSIX, exec).
     const auto* const argv = const_cast<char* const*>(program.argv);
     const auto* const envp = const_cast<char* const*>(program.envp);
@@ -227,12 +244,12 @@ void ProcessLaunch::prepareChild(Standard& standard, const Program& program)
     throw SystemError(label, errno);
 }
 
-void ProcessLaunch::runChild(Standard& standard, const Program& program) noexcept
+void ProcessLaunch::_runChild(Standard& standard, const Program& program) noexcept
 {
     const int control = control_.writeEnd.get();
     int status = exitForeign;
     try {
-        prepareChild(standard, program);
+        _prepareChild(standard, program);
     } catch (const SystemError& e) {
         sendReport(control, typeSystemError, e.what());
         char code[47];
@@ -253,19 +270,11 @@ void ProcessLaunch::runChild(Standard& standard, const Program& program) noexcep
 
 void ProcessLaunch::waitExec()
 {
-    LaunchReport report;
-    char chunk[1024];
-    for (;;) {
-        const ssize_t size =
-            retryOnEintr([&] { return ::read(control_.readEnd.get(), chunk, sizeof chunk); });
-        if (size == -1)
-            throw SystemError("control pipe read", errno);
-        if (size == 0)
-            break;
-        report.feed(chunk, static_cast<size_t>(size));
-    }
+    const std::optional<std::string> report = readAll(control_.readEnd.get());
+    if (!report)
+        throw SystemError("control pipe read", errno);
     control_.readEnd.close("pipe read-end close");
-    report.finish();
+    rethrowReport(*report);
 }
 
 void ProcessLaunch::end() noexcept
@@ -282,45 +291,34 @@ int ProcessLaunch::waitExit()
     return status;
 }
 
-void LaunchReport::feed(const char* bytes, size_t size)
+void rethrowReport(std::string_view report)
 {
-    const char* const end = bytes + size;
-    while (bytes != end) {
-        const char* const stop = std::find(bytes, end, '\0');
-        partial_.append(bytes, stop);
-        if (stop == end)
-            return;
-        takeRecord(std::exchange(partial_, std::string()));
-        bytes = stop + 1;
-    }
-}
-
-void LaunchReport::takeRecord(const std::string& record)
-{
-    const std::string tag = record.substr(0, tagLength);
-    if (tag == typeTag)
-        type_ = record.substr(tagLength);
-    else if (tag == messageTag)
-        message_ = record.substr(tagLength);
-    else if (tag == codeTag)
-        code_ = boost::lexical_cast<int>(record.substr(tagLength));
-    else
-        std::clog << "child output: " << record << std::endl;
-}
-
-void LaunchReport::finish()
-{
-    if (!partial_.empty())
-        takeRecord(std::exchange(partial_, std::string()));
-    if (type_.empty())
+    std::string type;
+    std::string message;
+    int code = 0;
+    forEachRecord(report, [&](std::string_view record) {
+        const std::string_view tag = record.substr(0, tagLength);
+        const std::string_view text = record.substr(tag.size());
+        if (tag == typeTag) {
+            type = text;
+        } else if (tag == messageTag) {
+            message = text;
+        } else if (tag == codeTag) {
+            code = boost::lexical_cast<int>(text);
+        } else {
+            writeText(std::clog, {"child output: ", record, "\n"});
+            std::clog.flush();
+        }
+    });
+    if (type.empty())
         return;
-    if (message_.empty())
-        message_ = "an error in child process";
-    if (type_ == typeSystemError)
-        throw SystemError(message_, code_);
-    if (type_ == typeRuntimeError)
-        throw std::runtime_error(message_);
-    if (type_ == typeException)
+    if (message.empty())
+        message = "an error in child process";
+    if (type == typeSystemError)
+        throw SystemError(message, code);
+    if (type == typeRuntimeError)
+        throw std::runtime_error(message);
+    if (type == typeException)
         throw std::exception();
 }
 

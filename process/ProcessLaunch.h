@@ -10,8 +10,7 @@
 
 #include <boost/function.hpp>
 
-#include <cstddef>
-#include <string>
+#include <string_view>
 
 namespace zorvo::process {
 
@@ -30,7 +29,7 @@ public:
     /// directory; `envp` (null: the parent's) the environment, with execve(2); without it `searchPath`
     /// chooses between execvp(3) and execv(3). `closeOtherFds` closes all descriptors from 3 on, `newSession`
     /// calls setsid(2), `childHook` (may be empty) runs in the child right before exec. The child gets the
-    /// signal mask and dispositions of StartState.h. Throws std::invalid_argument "invalid FD for stdin",
+    /// signal mask and dispositions of signals.h. Throws std::invalid_argument "invalid FD for stdin",
     /// "... stdout", "... stderr", and SystemError "stdin /dev/null open", "stdin pipe", "stdout ...",
     /// "stderr ...", "pipe", "fork", "close"; no child is left then.
     ProcessLaunch(const char* const* argv, const char* file, const char* cwd, const char* const* envp,
@@ -39,10 +38,13 @@ public:
     ProcessLaunch(const ProcessLaunch&) = delete;
     ProcessLaunch& operator=(const ProcessLaunch&) = delete;
 
+    /// Closes the parent's ends, ignoring failures; the child goes on.
+    ~ProcessLaunch() noexcept;
+
     /// Blocks until the child executes its program, or throws what the child threw: SystemError,
     /// std::runtime_error or std::exception, its text being the child's what(). SystemError "control pipe
-    /// read" when the report cannot be read. Does not reap the child: after a failure waitExit() still has
-    /// to.
+    /// read" when the report cannot be read. The report is read to its end, and its pipe closed, before any
+    /// of it is thrown. Does not reap the child: after a failure waitExit() still has to.
     void waitExec();
 
     /// Blocks until the child ends and returns its raw wait status (waitpid(2)).
@@ -62,8 +64,9 @@ public:
 private:
     struct Standard;
     struct Program;
-    [[noreturn]] void runChild(Standard& standard, const Program& program) noexcept;
-    void prepareChild(Standard& standard, const Program& program);
+    [[noreturn]] void _runChild(Standard& standard, const Program& program) noexcept;
+    [[noreturn]] void _prepareChild(Standard& standard, const Program& program);
+    [[noreturn]] static void _execute(const Program& program);
 
     int pid_ = -1;
     FdOwner stdin_;
@@ -72,25 +75,10 @@ private:
     PipeOwner control_;
 };
 
-/// The reading side of the control pipe: NUL-terminated records of a tag and a text, "ET: " for the type of
-/// the exception, "EM: " for its what(), "EC: " for its errno value. Any other record goes to std::clog.
-class LaunchReport {
-public:
-    /// Takes the next bytes of the report; records may be split anywhere.
-    /// Throws boost::bad_lexical_cast for a code that is no number.
-    void feed(const char* bytes, size_t size);
-
-    /// Takes an unterminated rest as a last record. Returns when no exception was reported, else throws it:
-    /// SystemError, std::runtime_error or a plain std::exception.
-    void finish();
-
-private:
-    void takeRecord(const std::string& record);
-
-    std::string type_;
-    std::string message_;
-    int code_ = 0;
-    std::string partial_;
-};
+/// Interprets what a child has sent through the control pipe: records that end with NUL (the last may lack
+/// it), each a tag and a text: "ET: " the type of the exception, "EM: " its what(), "EC: " its errno value.
+/// Throws it as SystemError, std::runtime_error or a plain std::exception; returns where no type is reported.
+/// Any other record goes to std::clog. Throws boost::bad_lexical_cast for a code that is not a number.
+void rethrowReport(std::string_view report);
 
 } // namespace zorvo::process

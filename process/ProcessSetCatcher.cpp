@@ -1,10 +1,8 @@
-// ProcessSetCatcher: see the header.
 #include "process/ProcessSetCatcher.h"
 
 #include "common/SystemError.h"
 #include "common/eintr.h"
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,7 +35,7 @@ void ProcessSetCatcher::install()
         PipeOwner control;
         control.open("process set catcher control pipe");
         for (const int fd : {control.readEnd.get(), control.writeEnd.get()}) {
-            if (retryOnEintr([&] { return ::fcntl(fd, F_SETFL, O_NONBLOCK); }) != 0)
+            if (!setNonBlocking(fd))
                 throw SystemError("control pipe fcntl", errno);
         }
         controlRead_ = std::move(control.readEnd);
@@ -53,11 +51,11 @@ void ProcessSetCatcher::childHandler(int, siginfo_t*, void*)
 {
     const int error = errno;
     if (installed != nullptr)
-        installed->collect();
+        installed->_collect();
     errno = error;
 }
 
-void ProcessSetCatcher::collect() noexcept
+void ProcessSetCatcher::_collect() noexcept
 {
     for (;;) {
         int status = 0;
@@ -117,16 +115,10 @@ ProcessSetCatcher::~ProcessSetCatcher() noexcept(false) // NOLINT(bugprone-excep
         remove(propagating);
     } catch (...) {
         // The object goes away whatever happens; the handler must not be left with a dangling pointer.
-        if (installed == this) {
-            installed = nullptr;
-            retryOnEintr([&] { return ::sigaction(SIGCHLD, &saved_, nullptr); });
-        }
+        installed = nullptr;
+        retryOnEintr([&] { return ::sigaction(SIGCHLD, &saved_, nullptr); });
         if (!propagating)
             throw;
-    }
-    if (!propagating) {
-        controlRead_.close("close");
-        controlWrite_.close("close");
     }
 }
 

@@ -1,11 +1,9 @@
-// iterateProcesses: see the header.
 #include "process/iterateProcesses.h"
 
 #include "common/eintr.h"
 #include "common/zorvo_log.h"
 #include "process/DirOwner.h"
 #include "process/FdOwner.h"
-#include "process/exec_helpers.h"
 #include "process/proc_parsers.h"
 
 #include <fcntl.h>
@@ -18,32 +16,35 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+using zorvo::readAll;
 using zorvo::retryOnEintr;
 using zorvo::process::DirOwner;
 using zorvo::process::FdOwner;
 
 namespace {
 
-/// Reads what /proc tells about one process after the other; the buffers are kept from each to the next.
+/// Reads what /proc tells about one process after the other.
 class ProcessReader {
 public:
     explicit ProcessReader(int procFd) : procFd_(procFd) {}
 
     /// Null when something that was asked for cannot be read.
-    const process_info* read(int pid, unsigned flags) noexcept;
+    process_info* read(int pid, unsigned flags) noexcept;
 
 private:
     /// "PID/FILE", relative to /proc; `file` may be empty.
-    const char* pathOf(const char* file) noexcept;
-    bool readFile(const char* file);
-    bool readStat();
-    bool readExecutable() noexcept;
-    bool readArguments();
-    bool readIds();
-    void readOwner() noexcept;
+    const char* _pathOf(const char* file) noexcept;
+    bool _readFile(const char* file);
+    bool _readStat();
+    bool _readExecutable() noexcept;
+    bool _readArguments();
+    bool _readIds();
+    void _readOwner() noexcept;
 
     int procFd_;
     process_info info_ = {};
@@ -55,63 +56,58 @@ private:
     char executable_[4096 + 1] = "";
 };
 
-const process_info* ProcessReader::read(int pid, unsigned flags) noexcept
+process_info* ProcessReader::read(int pid, unsigned flags) noexcept
 {
     info_ = process_info();
     info_.pid = pid;
     info_.parent_pid = -1;
     info_.owner_uid = -1;
-    std::fill(std::begin(info_.uid), std::end(info_.uid), static_cast<uid_t>(-1));
-    std::fill(std::begin(info_.gid), std::end(info_.gid), static_cast<gid_t>(-1));
+    std::fill(std::begin(info_.uid), std::end(info_.uid), -1);
+    std::fill(std::begin(info_.gid), std::end(info_.gid), -1);
     try {
-        if ((flags & (PROCESS_INFO_PARENT | PROCESS_INFO_COMMAND)) != 0 && !readStat())
+        if ((flags & (PROCESS_INFO_PARENT | PROCESS_INFO_COMMAND)) != 0 && !_readStat())
             return nullptr;
-        if ((flags & PROCESS_INFO_EXECUTABLE) != 0 && !readExecutable())
+        if ((flags & PROCESS_INFO_EXECUTABLE) != 0 && !_readExecutable())
             return nullptr;
-        if ((flags & PROCESS_INFO_ARGUMENTS) != 0 && !readArguments())
+        if ((flags & PROCESS_INFO_ARGUMENTS) != 0 && !_readArguments())
             return nullptr;
-        if ((flags & (PROCESS_INFO_UIDS | PROCESS_INFO_GIDS)) != 0 && !readIds())
+        if ((flags & (PROCESS_INFO_UIDS | PROCESS_INFO_GIDS)) != 0 && !_readIds())
             return nullptr;
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
     if ((flags & PROCESS_INFO_OWNER) != 0)
-        readOwner();
+        _readOwner();
     return &info_;
 }
 
-const char* ProcessReader::pathOf(const char* file) noexcept
+const char* ProcessReader::_pathOf(const char* file) noexcept
 {
     (void)std::snprintf(path_, sizeof path_, "%d%s%s", info_.pid, *file != '\0' ? "/" : "", file);
     return path_;
 }
 
-bool ProcessReader::readFile(const char* file)
+bool ProcessReader::_readFile(const char* file)
 {
-    text_.clear();
-    const char* const path = pathOf(file);
+    const char* const path = _pathOf(file);
     const FdOwner fd(retryOnEintr([&] { return ::openat(procFd_, path, O_RDONLY | O_CLOEXEC); }));
-    char chunk[4096];
-    while (fd.isOpen()) {
-        const ssize_t got = retryOnEintr([&] { return ::read(fd.get(), chunk, sizeof chunk); });
-        if (got <= 0)
-            return got == 0;
-        text_.append(chunk, static_cast<size_t>(got));
-    }
-    return false;
+    std::optional<std::string> text = fd.isOpen() ? readAll(fd.get()) : std::nullopt;
+    if (text)
+        text_ = std::move(*text);
+    return text.has_value();
 }
 
-bool ProcessReader::readStat()
+bool ProcessReader::_readStat()
 {
-    if (!readFile("stat") || !zorvo::process::parseProcStat(text_, command_, info_.parent_pid))
+    if (!_readFile("stat") || !zorvo::process::parseProcStat(text_, command_, info_.parent_pid))
         return false;
     info_.command = command_.c_str();
     return true;
 }
 
-bool ProcessReader::readExecutable() noexcept
+bool ProcessReader::_readExecutable() noexcept
 {
-    const char* const path = pathOf("exe");
+    const char* const path = _pathOf("exe");
     const ssize_t length =
         retryOnEintr([&] { return ::readlinkat(procFd_, path, executable_, sizeof executable_ - 1); });
     if (length == -1)
@@ -121,9 +117,9 @@ bool ProcessReader::readExecutable() noexcept
     return true;
 }
 
-bool ProcessReader::readArguments()
+bool ProcessReader::_readArguments()
 {
-    if (!readFile("cmdline"))
+    if (!_readFile("cmdline"))
         return false;
     arguments_.swap(text_);
     zorvo::process::splitCmdline(arguments_, argv_);
@@ -131,20 +127,20 @@ bool ProcessReader::readArguments()
     return true;
 }
 
-bool ProcessReader::readIds()
+bool ProcessReader::_readIds()
 {
-    return readFile("status") && zorvo::process::parseProcStatus(text_, info_.uid, info_.gid);
+    return _readFile("status") && zorvo::process::parseProcStatus(text_, info_.uid, info_.gid);
 }
 
-void ProcessReader::readOwner() noexcept
+void ProcessReader::_readOwner() noexcept
 {
     struct stat state;
-    const char* const path = pathOf("");
+    const char* const path = _pathOf("");
     if (retryOnEintr([&] { return ::fstatat(procFd_, path, &state, 0); }) == 0 && S_ISDIR(state.st_mode))
         info_.owner_uid = static_cast<int>(state.st_uid);
 }
 
-/// The pid that an entry of /proc stands for; 0 when it is none.
+/// The pid that an entry of /proc stands for; 0 when it is not a process.
 int pidOf(const dirent& entry, int procFd)
 {
     const int pid = proc_pid_fd_str_to_int(entry.d_name);
@@ -171,7 +167,7 @@ int iterateProcesses(unsigned flags, process_callback callback, void* context)
     int result = 1;
     while (const dirent* const entry = proc.next()) {
         const int pid = pidOf(*entry, proc.fd());
-        const process_info* const info = pid != 0 ? reader.read(pid, flags) : nullptr;
+        process_info* const info = pid != 0 ? reader.read(pid, flags) : nullptr;
         if (info == nullptr)
             continue;
         result = callback(info, context);

@@ -4,8 +4,6 @@
 // over without a word.
 #pragma once
 
-#include <sys/types.h>
-
 /// What a process's record holds; give the wanted ones or'ed together.
 enum process_info_flags : unsigned {
     PROCESS_INFO_PARENT = 1,  ///< parent_pid and command, from /proc/PID/stat.
@@ -21,18 +19,18 @@ enum process_info_flags : unsigned {
 /// not asked for is null or -1.
 struct process_info {
     int pid;
-    int parent_pid;         ///< -1 where /proc/PID/stat does not tell it behind a name with white space.
+    int parent_pid;         ///< -1 where a name with white space hides it in /proc/PID/stat.
     const char* command;    ///< As in /proc/PID/stat, up to the first white space, at most 4096 bytes.
     const char* executable; ///< Target of /proc/PID/exe, at most 4096 bytes.
     char* const* argv;      ///< /proc/PID/cmdline, null-terminated; empty for kernel threads and zombies.
-    uid_t uid[4];           ///< Real, effective, saved, file-system.
-    gid_t gid[4];           ///< Likewise.
+    int uid[4];             ///< Real, effective, saved, file-system.
+    int gid[4];             ///< Likewise.
     int owner_uid;          ///< Owner of /proc/PID; -1 when it cannot be read.
 };
 
 /// Called for each process; a result below 1 stops the walk.
-typedef int (*process_callback)(const process_info* info, void* context);
+using process_callback = int (*)(process_info* info, void* context);
 
-/// Calls `callback` with `context` for every process but pid 0, filled as `flags` ask. Returns the last
+/// Calls `callback` with `context` for every process except pid 0, filled as `flags` ask. Returns the last
 /// result of the callback, 1 when there was no process, -1 (logged at LOG_ERR) when /proc cannot be opened.
 int iterateProcesses(unsigned flags, process_callback callback, void* context);

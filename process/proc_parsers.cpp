@@ -1,4 +1,3 @@
-// proc_parsers: see the header.
 #include "process/proc_parsers.h"
 
 #include <algorithm>
@@ -8,6 +7,21 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
+
+int proc_pid_fd_str_to_int(const char* name) noexcept
+{
+    if (*name == '\0' || (*name == '0' && name[1] != '\0'))
+        return -1;
+    long number = 0;
+    for (; *name != '\0'; ++name) {
+        if (*name < '0' || *name > '9')
+            return -1;
+        number = number * 10 + (*name - '0');
+        if (number > INT_MAX)
+            return -1;
+    }
+    return static_cast<int>(number);
+}
 
 namespace zorvo::process {
 
@@ -30,14 +44,14 @@ std::string_view nextWord(const std::string& text, size_t& position)
     return std::string_view(text).substr(start, position - start);
 }
 
-/// Like "%d %d %d %d". Ids are unsigned, so 4294967295 has to come out as it is.
-bool nextFourIds(const std::string& text, size_t& position, unsigned (&ids)[4])
+/// Like "%d %d %d %d".
+bool nextFourIds(const std::string& text, size_t& position, int (&ids)[4])
 {
-    unsigned found[4];
-    for (unsigned& id : found) {
+    int found[4];
+    for (int& id : found) {
         const char* const start = text.c_str() + position;
         char* end = nullptr;
-        id = static_cast<unsigned>(std::strtoll(start, &end, 10));
+        id = static_cast<int>(std::strtoll(start, &end, 10));
         if (end == start)
             return false;
         position += static_cast<size_t>(end - start);
@@ -51,16 +65,16 @@ bool nextFourIds(const std::string& text, size_t& position, unsigned (&ids)[4])
 bool parseProcStat(const std::string& text, std::string& command, int& parentPid)
 {
     char word[4096 + 1];
-    int behindState = -1;
-    if (std::sscanf(text.c_str(), "%*d (%4096s %*c%n", word, &behindState) < 1)
+    int afterState = -1;
+    if (std::sscanf(text.c_str(), "%*d (%4096s %*c%n", word, &afterState) < 1)
         return false;
     command = word;
     if (!command.empty() && command.back() == ')')
         command.pop_back();
     parentPid = -1;
-    if (behindState != -1) { // strtol(3) rather than "%d", which has no answer to a number out of range
+    if (afterState != -1) { // strtol(3) rather than "%d", which has no answer to a number out of range
         const int error = errno;
-        const char* const start = text.c_str() + behindState;
+        const char* const start = text.c_str() + afterState;
         char* end = nullptr;
         const long parent = std::strtol(start, &end, 10);
         if (end != start && parent >= INT_MIN && parent <= INT_MAX)
@@ -70,7 +84,7 @@ bool parseProcStat(const std::string& text, std::string& command, int& parentPid
     return true;
 }
 
-bool parseProcStatus(const std::string& text, uid_t (&uid)[4], gid_t (&gid)[4])
+bool parseProcStatus(const std::string& text, int (&uid)[4], int (&gid)[4])
 {
     const int error = errno; // strtoll(3) may set it
     bool uidFound = false;
@@ -80,7 +94,7 @@ bool parseProcStatus(const std::string& text, uid_t (&uid)[4], gid_t (&gid)[4])
         const std::string_view word = nextWord(text, position);
         if (word.empty())
             break;
-        // The process's name stands in front and may imitate these; of two the later one counts.
+        // The process's name comes first and may imitate these; of two the later one counts.
         if (word == "Uid:")
             uidFound = nextFourIds(text, position, uid) || uidFound;
         else if (word == "Gid:")

@@ -6,7 +6,7 @@
 
 namespace support {
 
-enum class LibcCall { Open, Close, Flock, Mkstemp, Fsync, Fopen, Write, Writev, count };
+enum class LibcCall { Open, Close, Flock, Mkstemp, Fsync, Fopen, Read, Write, Writev, count };
 
 /// The next `times` calls fail with `error`, doing nothing; later ones work again. Mkstemp stands for
 /// mkostemp(3) too, and spoils the template before it fails, as the C library may. Fopen is what a file

@@ -123,6 +123,15 @@ int faultingMkostemp(char* pattern, int flags)
     return real(pattern, flags);
 }
 
+long faultingRead(int fd, void* buffer, unsigned long size) __asm__("read");
+long faultingRead(int fd, void* buffer, unsigned long size)
+{
+    if (fails(support::LibcCall::Read))
+        return -1;
+    static const auto real = next<long (*)(int, void*, unsigned long)>("read");
+    return real(fd, buffer, size);
+}
+
 long faultingWrite(int fd, const void* bytes, unsigned long size) __asm__("write");
 long faultingWrite(int fd, const void* bytes, unsigned long size)
 {

@@ -1,4 +1,4 @@
-// SystemError, its typed variants and throwSystemError.
+// The exception family: SystemError, its typed variants and throwSystemError, ZorvoUtilException, FSError.
 #include "common/SystemError.h"
 
 #include "support/LibcFaults.h"
@@ -14,6 +14,7 @@
 using zorvo::ExSystemError;
 using zorvo::SystemError;
 using zorvo::throwSystemError;
+using zorvo::mail::FSError;
 
 namespace {
 
@@ -35,6 +36,13 @@ Thrown thrownBy(const std::string& message, int code)
         result.text = e.what();
     }
     return result;
+}
+
+/// The library's own text for a file-system error, which FSError must not change.
+std::string libraryText(const std::string& message, const std::filesystem::path& path, int code)
+{
+    return std::filesystem::filesystem_error(message, path, std::error_code(code, std::system_category()))
+        .what();
 }
 
 } // namespace
@@ -220,4 +228,75 @@ TEST(ThrowSystemErrorTest, CodeZeroTakesTextAndCodeFromErrno)
     const Thrown thrown = thrownBy("x", 0);
     EXPECT_EQ(ENOENT, thrown.code);
     EXPECT_EQ("x: No such file or directory", thrown.text);
+}
+
+TEST(ZorvoUtilExceptionTest, WhatIsTheMessage)
+{
+    errno = ENOENT;
+    EXPECT_STREQ("complete as it stands", zorvo::ZorvoUtilException("complete as it stands").what());
+}
+
+TEST(ZorvoUtilExceptionTest, IsARuntimeError)
+{
+    EXPECT_TRUE((std::is_base_of_v<std::runtime_error, zorvo::ZorvoUtilException>));
+}
+
+TEST(FSErrorTest, MessageNamesOperationTargetAndPath)
+{
+    const FSError error("rename", "/etc/postfix/master.cfAbCdEf", "/etc/postfix/master.cf", ENOENT);
+    EXPECT_EQ(libraryText("rename for /etc/postfix/master.cf (/etc/postfix/master.cfAbCdEf)",
+                          "/etc/postfix/master.cfAbCdEf", ENOENT),
+              error.what());
+}
+
+TEST(FSErrorTest, WhatIsTheWholeText)
+{
+    const FSError error("rename", "/a/tmp", "/a/target", EXDEV);
+    EXPECT_STREQ("filesystem error: rename for /a/target (/a/tmp): Invalid cross-device link [/a/tmp]",
+                 error.what());
+}
+
+TEST(FSErrorTest, PathIsWrittenWithoutQuotesOrEscapes)
+{
+    const FSError error("chmod", "/a dir/\"tmp\"", "t", EPERM);
+    EXPECT_EQ(libraryText("chmod for t (/a dir/\"tmp\")", "/a dir/\"tmp\"", EPERM), error.what());
+}
+
+TEST(FSErrorTest, CodeIsASystemError)
+{
+    const FSError error("rename", "/a/tmp", "/a/target", EXDEV);
+    EXPECT_EQ(std::error_code(EXDEV, std::system_category()), error.code());
+}
+
+TEST(FSErrorTest, CodeZeroBecomesECANCELED)
+{
+    errno = ENOENT;
+    const FSError error("rename", "/a/tmp", "/a/target", 0);
+    EXPECT_EQ(std::error_code(125, std::system_category()), error.code());
+}
+
+TEST(FSErrorTest, PathIsTheFirstPath)
+{
+    const FSError error("rename", "/a/tmp", "/a/target", EXDEV);
+    EXPECT_EQ("/a/tmp", error.path1());
+}
+
+TEST(FSErrorTest, ThereIsNoSecondPath)
+{
+    const FSError error("rename", "/a/tmp", "/a/target", EXDEV);
+    EXPECT_EQ("", error.path2());
+}
+
+TEST(FSErrorTest, IsCaughtAsFilesystemError)
+{
+    EXPECT_THROW(throw FSError("rename", "/a/tmp", "/a/target", EXDEV), std::filesystem::filesystem_error);
+}
+
+TEST(FSErrorTest, CopySaysTheSame)
+{
+    const FSError error("rename", "/a/tmp", "/a/target", EXDEV);
+    const FSError copy = error;
+    EXPECT_STREQ(error.what(), copy.what());
+    EXPECT_EQ(error.code(), copy.code());
+    EXPECT_EQ(error.path1(), copy.path1());
 }

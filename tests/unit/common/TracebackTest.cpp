@@ -1,4 +1,5 @@
-// Traceback: how many frames are captured, which are printed, and in which form.
+// Traceback: how many frames are captured, which are printed, and in which form. printDemangled: readable
+// names, and names that stay as they are.
 #include "common/Traceback.h"
 
 #include "support/LibcFaults.h"
@@ -11,8 +12,11 @@
 #include <memory>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <streambuf>
 #include <string>
+#include <string_view>
+#include <typeinfo>
 #include <vector>
 
 using testing::Contains;
@@ -73,6 +77,13 @@ Traceback libraryTrace()
     std::ostream stream(&buffer);
     stream << 1.5;
     return *buffer.trace;
+}
+
+std::string demangle(std::string_view symbol)
+{
+    std::ostringstream out;
+    zorvo::printDemangled(out, symbol);
+    return out.str();
 }
 
 } // namespace
@@ -213,4 +224,34 @@ TEST(TracebackTest, HasAVirtualDestructor)
 TEST(TracebackTest, IsNoException)
 {
     EXPECT_FALSE((std::is_base_of_v<std::exception, Traceback>));
+}
+
+TEST(DemangleTest, TypeNameBecomesReadable)
+{
+    EXPECT_EQ("std::runtime_error", demangle(typeid(std::runtime_error).name()));
+}
+
+TEST(DemangleTest, FunctionSymbolBecomesReadable)
+{
+    EXPECT_EQ("std::ostream::operator<<(int)", demangle("_ZNSolsEi"));
+}
+
+TEST(DemangleTest, CFunctionStaysAsItIs)
+{
+    EXPECT_EQ("__libc_start_main", demangle("__libc_start_main"));
+}
+
+TEST(DemangleTest, BrokenSymbolStaysAsItIs)
+{
+    EXPECT_EQ("_ZN3foo", demangle("_ZN3foo"));
+}
+
+TEST(DemangleTest, EmptyTextStaysEmpty)
+{
+    EXPECT_EQ("", demangle(""));
+}
+
+TEST(DemangleTest, TextBehindTheSymbolIsNotLookedAt)
+{
+    EXPECT_EQ("std::ostream::operator<<(int)", demangle(std::string_view("_ZNSolsEi+0x1a", 9)));
 }

@@ -3,6 +3,7 @@
 
 #include "support/Capture.h"
 #include "support/Child.h"
+#include "support/InterruptedPipe.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -202,4 +203,28 @@ TEST(UerrTest, UnflushedTextReachesTheDescriptorOfStandardErrorOnly)
 TEST(UerrTest, HasItsOwnBuffer)
 {
     EXPECT_NE(nullptr, dynamic_cast<UtilityErrorStreamBuf*>(zorvo::uerr.rdbuf()));
+}
+
+TEST(UerrTest, InterruptedWritesToStandardErrorAreRepeated)
+{
+    const support::ChildResult result = support::runInChild([] {
+        support::InterruptedPipe err(STDERR_FILENO);
+        zorvo::uerr << "the whole report" << std::endl;
+        std::cout << "standard error: " << err.text();
+        return zorvo::uerr.good() && std::cerr.good() ? 0 : 1;
+    });
+    EXPECT_TRUE(result.exitedWith(0));
+    EXPECT_EQ("the whole report\nstandard error: the whole report\n", result.out);
+}
+
+TEST(UerrTest, InterruptedCopyOnStandardOutputIsWhole)
+{
+    const support::ChildResult result = support::runInChild([] {
+        support::InterruptedPipe out(STDOUT_FILENO);
+        zorvo::uerr << "the whole report" << std::endl;
+        std::cerr << "standard output: " << out.text();
+        return zorvo::uerr.good() && std::cout.good() ? 0 : 1;
+    });
+    EXPECT_TRUE(result.exitedWith(0));
+    EXPECT_EQ("the whole report\nstandard output: the whole report\n", result.err);
 }

@@ -1,6 +1,7 @@
-// FailingCall: see the header. The definitions below take the place of the C library's in this program.
+// The definitions below take the place of the C library's in this program.
 #include "unit/process/FailingCall.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -35,9 +36,11 @@ struct Scope {
     int error = 0;
     Who who = Who::parent;
     pid_t owner = -1;
+    void (*action)() = nullptr; ///< Called in place of the failure.
 };
 
 Scope scope;
+bool untypedEntries = false;
 bool waitScripted = false;
 pid_t waitResult = 0;
 int waitStatus = 0;
@@ -65,6 +68,10 @@ UNWATCHED bool fails(Call call)
     if (++counters().calls != scope.nth)
         return false;
     ++counters().failed;
+    if (scope.action != nullptr) {
+        scope.action();
+        return false;
+    }
     errno = scope.error;
     return true;
 }
@@ -103,6 +110,8 @@ struct RealCalls {
         FIND(execv);
         FIND(execvp);
         FIND(execve);
+        FIND(close_range);
+        FIND(readdir);
     }
 
     decltype(&::open) open;
@@ -126,6 +135,8 @@ struct RealCalls {
     decltype(&::execv) execv;
     decltype(&::execvp) execvp;
     decltype(&::execve) execve;
+    decltype(&::close_range) close_range;
+    decltype(&::readdir) readdir;
 };
 #undef FIND
 
@@ -310,6 +321,26 @@ UNWATCHED int execve(const char* path, char* const arguments[], char* const envi
     return fails(Call::exec) ? -1 : real().execve(path, arguments, environment);
 }
 
+UNWATCHED int close_range(unsigned first, unsigned last, int flags) noexcept
+{
+    return fails(Call::closeRange) ? -1 : real().close_range(first, last, flags);
+}
+
+UNWATCHED dirent* readdir(DIR* directory)
+{
+    dirent* const entry = real().readdir(directory);
+    if (untypedEntries && entry != nullptr)
+        entry->d_type = DT_UNKNOWN;
+    return entry;
+}
+
+// The same function on a 64-bit system.
+UNWATCHED dirent64* readdir64(DIR* directory)
+{
+    static_assert(sizeof(dirent) == sizeof(dirent64));
+    return reinterpret_cast<dirent64*>(readdir(directory));
+}
+
 } // extern "C"
 
 namespace faults {
@@ -318,7 +349,7 @@ FailingCall::FailingCall(Call call, int nth, int error, Who who)
 {
     counters().calls = 0;
     counters().failed = 0;
-    scope = Scope{true, call, nth, error, who, ::getpid()};
+    scope = Scope{true, call, nth, error, who, ::getpid(), nullptr};
 }
 
 FailingCall::~FailingCall()
@@ -334,6 +365,33 @@ bool FailingCall::happened() const
 void FailingCall::stop()
 {
     scope.open = false;
+}
+
+AtCall::AtCall(Call call, int nth, void (*action)())
+{
+    counters().calls = 0;
+    counters().failed = 0;
+    scope = Scope{true, call, nth, 0, Who::parent, ::getpid(), action};
+}
+
+AtCall::~AtCall()
+{
+    scope.open = false;
+}
+
+bool AtCall::happened() const
+{
+    return counters().failed != 0;
+}
+
+UntypedEntries::UntypedEntries()
+{
+    untypedEntries = true;
+}
+
+UntypedEntries::~UntypedEntries()
+{
+    untypedEntries = false;
 }
 
 ScriptedWait::ScriptedWait(pid_t result, int status)

@@ -1,5 +1,6 @@
-// FailingCall: one call of one C library function fails inside a scope; ScriptedWait: one waitpid(2) answers
-// what the test says.
+// FailingCall: one call of one C library function fails inside a scope; AtCall: something happens right
+// before each call of one; ScriptedWait: one waitpid(2) answers what the test says; UntypedEntries:
+// readdir(3) does not tell the type of a file.
 //
 // The functions are interposed for the whole test program (FailingCall.cpp) and pass everything on while no
 // scope is open. Forked children inherit an open scope; calls are counted in shared memory, so the parent
@@ -30,6 +31,7 @@ enum class Call {
     getrlimit,
     chdir,
     exec, ///< execv(3), execvp(3), execve(2)
+    closeRange,
 };
 
 /// Whose calls count: those of the process that opened the scope, or those of its descendants.
@@ -47,6 +49,27 @@ public:
     bool happened() const;
     /// Ends the scope early: calls pass from here on and are not counted.
     void stop();
+};
+
+class AtCall {
+public:
+    /// Calls `action` before the `nth` call from now on in this process; the call itself works. Not beside a
+    /// FailingCall.
+    AtCall(Call call, int nth, void (*action)());
+    AtCall(const AtCall&) = delete;
+    AtCall& operator=(const AtCall&) = delete;
+    ~AtCall();
+
+    /// True once the action was called.
+    bool happened() const;
+};
+
+class UntypedEntries {
+public:
+    UntypedEntries();
+    UntypedEntries(const UntypedEntries&) = delete;
+    UntypedEntries& operator=(const UntypedEntries&) = delete;
+    ~UntypedEntries();
 };
 
 class ScriptedWait {

@@ -1,4 +1,4 @@
-// FdOwner, PipeOwner and closeRetrying: a descriptor is closed exactly once, by its owner.
+// FdOwner: a descriptor is closed exactly once, by its owner; 0, 1 and 2 are open.
 #include "process/FdOwner.h"
 
 #include "support/OpenFds.h"
@@ -20,7 +20,7 @@ using support::openFds;
 using tools::inOwnProcess;
 using tools::systemError;
 using tools::thrownBy;
-using zorvo::process::closeRetrying;
+using zorvo::process::ensureStandardDescriptors;
 using zorvo::process::FdOwner;
 using zorvo::process::PipeOwner;
 
@@ -37,51 +37,6 @@ bool isOpen(int fd)
 }
 
 } // namespace
-
-TEST(CloseRetryingTest, ClosesAndReturnsZero)
-{
-    const int fd = newFd();
-    EXPECT_EQ(closeRetrying(fd), 0);
-    EXPECT_FALSE(isOpen(fd));
-}
-
-TEST(CloseRetryingTest, ClosedDescriptorGivesItsErrno)
-{
-    const int fd = newFd();
-    ::close(fd);
-    errno = 0;
-    EXPECT_EQ(closeRetrying(fd), -1);
-    EXPECT_EQ(errno, EBADF);
-}
-
-TEST(CloseRetryingTest, InterruptionAfterTheReleaseIsSuccess)
-{
-    const int fd = newFd();
-    FailingCall interrupted(Call::close, 1, EINTR);
-    EXPECT_EQ(closeRetrying(fd), 0);
-    interrupted.stop();
-    EXPECT_TRUE(interrupted.happened());
-    EXPECT_FALSE(isOpen(fd));
-}
-
-TEST(CloseRetryingTest, InterruptionBeforeTheReleaseIsRepeated)
-{
-    const int fd = newFd();
-    FailingCall interrupted(Call::closeNever, 1, EINTR);
-    EXPECT_EQ(closeRetrying(fd), 0);
-    interrupted.stop();
-    EXPECT_TRUE(interrupted.happened());
-    EXPECT_FALSE(isOpen(fd));
-}
-
-TEST(CloseRetryingTest, OtherFailuresAreReported)
-{
-    const int fd = newFd();
-    FailingCall failing(Call::close, 1, EIO);
-    errno = 0;
-    EXPECT_EQ(closeRetrying(fd), -1);
-    EXPECT_EQ(errno, EIO);
-}
 
 TEST(FdOwnerTest, NewOneIsEmpty)
 {
@@ -394,5 +349,53 @@ TEST(MoveAboveStandardTest, FailureThrowsTheLabel)
         const FailingCall failing(Call::fcntl, 1, EMFILE);
         EXPECT_EQ(thrownBy([&owner] { zorvo::process::moveAboveStandard(owner, "some step"); }),
                   systemError("some step", EMFILE));
+    });
+}
+
+TEST(EnsureStandardDescriptorsTest, ClosedOnesBecomeDevNullAndOthersStay)
+{
+    for (unsigned closed = 0; closed < 8; ++closed) {
+        SCOPED_TRACE(closed);
+        const auto result = support::runInChild([closed] {
+            auto expected = openFds();
+            for (int fd = 0; fd < 3; ++fd)
+                if ((closed & (1U << fd)) != 0) {
+                    ::close(fd);
+                    expected[fd] = "/dev/null";
+                }
+            ensureStandardDescriptors();
+            return openFds() == expected ? 0 : 1;
+        });
+        EXPECT_EQ(result.status, 0);
+    }
+}
+
+TEST(EnsureStandardDescriptorsTest, FilledDescriptorsSurviveExec)
+{
+    const auto result = support::runInChild([] {
+        ::close(0);
+        ensureStandardDescriptors();
+        return ::fcntl(0, F_GETFD);
+    });
+    EXPECT_EQ(result.status, 0);
+}
+
+TEST(EnsureStandardDescriptorsTest, FailureThrows)
+{
+    inOwnProcess([] {
+        ::close(0);
+        const FailingCall failing(Call::open, 1, ENOENT);
+        EXPECT_EQ(thrownBy(ensureStandardDescriptors), systemError("/dev/null open", ENOENT));
+    });
+}
+
+TEST(EnsureStandardDescriptorsTest, InterruptedOpenIsRepeated)
+{
+    inOwnProcess([] {
+        ::close(0);
+        const FailingCall interrupted(Call::open, 1, EINTR);
+        ensureStandardDescriptors();
+        EXPECT_TRUE(interrupted.happened());
+        EXPECT_EQ(openFds().at(0), "/dev/null");
     });
 }

@@ -1,7 +1,7 @@
 // Pipe: whole pipelines with real programs, their data, statuses and failures, and what is left afterwards.
 #include "process/Pipe.h"
 
-#include "process/StartState.h"
+#include "process/signals.h"
 #include "support/Capture.h"
 #include "support/OpenFds.h"
 #include "support/ScratchDir.h"

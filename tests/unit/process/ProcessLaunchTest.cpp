@@ -1,11 +1,12 @@
-// ProcessLaunch and LaunchReport: what one child gets as its descriptors, directory, environment and signals,
-// and how its failure before exec comes out in the parent.
+// ProcessLaunch and rethrowReport: what one child gets as its descriptors, directory, environment and
+// signals, and how its failure before exec comes out in the parent.
 #include "process/ProcessLaunch.h"
 
-#include "process/StartState.h"
+#include "process/signals.h"
 #include "support/Capture.h"
 #include "support/OpenFds.h"
 #include "support/ScratchDir.h"
+#include "unit/process/ExecTestTools.h"
 #include "unit/process/FailingCall.h"
 #include "unit/process/ProcessTestTools.h"
 
@@ -40,6 +41,7 @@ using support::openFds;
 using support::ScratchDir;
 using tools::bit;
 using tools::childSystemError;
+using tools::closeAllButStandard;
 using tools::inOwnProcess;
 using tools::ownSignals;
 using tools::readAll;
@@ -52,8 +54,8 @@ using zorvo::process::kDevNullFd;
 using zorvo::process::kInheritFd;
 using zorvo::process::kPipeFd;
 using zorvo::process::kSameAsStdoutFd;
-using zorvo::process::LaunchReport;
 using zorvo::process::ProcessLaunch;
+using zorvo::process::rethrowReport;
 
 namespace {
 
@@ -196,21 +198,10 @@ struct Table {
     }
 };
 
-void closeAllButStandard()
-{
-    for (const auto& [fd, target] : openFds())
-        if (fd > 2)
-            ::close(fd);
-}
-
-/// Records of a control pipe, fed whole; what is thrown.
+/// What the bytes of a control pipe make throw.
 std::string reportOf(const std::string& bytes)
 {
-    return thrownBy([&bytes] {
-        LaunchReport report;
-        report.feed(bytes.data(), bytes.size());
-        report.finish();
-    });
+    return thrownBy([&bytes] { rethrowReport(bytes); });
 }
 
 /// Collects what goes to std::clog, and counts the flushes.
@@ -1170,28 +1161,28 @@ TEST(ProcessLaunchTest, SignalsOfTheStartReachTheProgram)
 
 // ---- The report
 
-TEST(LaunchReportTest, NoRecordMeansSuccess)
+TEST(RethrowReportTest, NoRecordMeansSuccess)
 {
     EXPECT_EQ(reportOf(""), "nothing");
 }
 
-TEST(LaunchReportTest, SystemErrorHasTextAndCode)
+TEST(RethrowReportTest, SystemErrorHasTextAndCode)
 {
     EXPECT_EQ(reportOf(records({"ET: SystemError", "EM: step: Permission denied", "EC: 13"})),
               "zorvo::SystemError(13): step: Permission denied: Permission denied");
 }
 
-TEST(LaunchReportTest, RuntimeErrorHasTheText)
+TEST(RethrowReportTest, RuntimeErrorHasTheText)
 {
     EXPECT_EQ(reportOf(records({"ET: std::runtime_error", "EM: text"})), "std::runtime_error: text");
 }
 
-TEST(LaunchReportTest, OtherExceptionIsAPlainOne)
+TEST(RethrowReportTest, OtherExceptionIsAPlainOne)
 {
     EXPECT_EQ(reportOf(records({"ET: std::exception", "EM: text"})), "std::exception: std::exception");
 }
 
-TEST(LaunchReportTest, EmptyOrMissingTextBecomesAStandardOne)
+TEST(RethrowReportTest, EmptyOrMissingTextBecomesAStandardOne)
 {
     EXPECT_EQ(reportOf(records({"ET: std::runtime_error", "EM: "})),
               "std::runtime_error: an error in child process");
@@ -1200,56 +1191,25 @@ TEST(LaunchReportTest, EmptyOrMissingTextBecomesAStandardOne)
               "zorvo::SystemError(2): an error in child process: No such file or directory");
 }
 
-TEST(LaunchReportTest, WithoutATypeTheOthersMeanNothing)
+TEST(RethrowReportTest, WithoutATypeTheOthersMeanNothing)
 {
     EXPECT_EQ(reportOf(records({"EM: text", "EC: 13"})), "nothing");
 }
 
-TEST(LaunchReportTest, OrderDoesNotMatterAndTheLastOfAKindCounts)
+TEST(RethrowReportTest, OrderDoesNotMatterAndTheLastOfAKindCounts)
 {
     EXPECT_EQ(reportOf(records(
                   {"EC: 13", "EM: first", "ET: std::exception", "EM: second", "EC: 2", "ET: SystemError"})),
               "zorvo::SystemError(2): second: No such file or directory");
 }
 
-TEST(LaunchReportTest, TextMayHoldAnythingButNul)
+TEST(RethrowReportTest, TextMayHoldAnythingButNul)
 {
     EXPECT_EQ(reportOf(records({"ET: std::runtime_error", "EM: ET: EM: \n\xff EC: 1"})),
               "std::runtime_error: ET: EM: \n\xff EC: 1");
 }
 
-TEST(LaunchReportTest, RecordsMayBeSplitAnywhere)
-{
-    const std::string bytes = records({"ET: SystemError", "other", "EM: step: Permission denied", "EC: 13"});
-    for (size_t first = 0; first <= bytes.size(); ++first)
-        for (size_t second = first; second <= bytes.size(); ++second) {
-            const ClogCapture clog;
-            const std::string thrown = thrownBy([&] {
-                LaunchReport report;
-                report.feed(bytes.data(), first);
-                report.feed(bytes.data() + first, second - first);
-                report.feed(bytes.data() + second, bytes.size() - second);
-                report.finish();
-            });
-            ASSERT_EQ(thrown, "zorvo::SystemError(13): step: Permission denied: Permission denied")
-                << "split at " << first << " and " << second;
-            ASSERT_EQ(clog.str(), "child output: other\n") << "split at " << first << " and " << second;
-        }
-}
-
-TEST(LaunchReportTest, RecordsMayComeByteByByte)
-{
-    const std::string bytes = records({"ET: SystemError", "EM: step", "EC: 13"});
-    EXPECT_EQ(thrownBy([&bytes] {
-                  LaunchReport report;
-                  for (const char& byte : bytes)
-                      report.feed(&byte, 1);
-                  report.finish();
-              }),
-              "zorvo::SystemError(13): step: Permission denied");
-}
-
-TEST(LaunchReportTest, UnterminatedTailIsALastRecord)
+TEST(RethrowReportTest, UnterminatedTailIsALastRecord)
 {
     EXPECT_EQ(reportOf(records({"ET: SystemError", "EM: step"}) + "EC: 13"),
               "zorvo::SystemError(13): step: Permission denied");
@@ -1259,7 +1219,7 @@ TEST(LaunchReportTest, UnterminatedTailIsALastRecord)
     EXPECT_EQ(clog.str(), "child output: tail\n");
 }
 
-TEST(LaunchReportTest, UnknownRecordsGoToTheLogStreamAndAreNoError)
+TEST(RethrowReportTest, UnknownRecordsGoToTheLogStreamAndAreNoError)
 {
     ClogCapture clog;
     EXPECT_EQ(reportOf(records({"hello", "ET:", "et: SystemError", " ET: SystemError", "EX: 1", "E"})),
@@ -1273,14 +1233,14 @@ TEST(LaunchReportTest, UnknownRecordsGoToTheLogStreamAndAreNoError)
     EXPECT_GE(clog.flushes, 6);
 }
 
-TEST(LaunchReportTest, EmptyRecordIsAnUnknownOne)
+TEST(RethrowReportTest, EmptyRecordIsAnUnknownOne)
 {
     const ClogCapture clog;
     EXPECT_EQ(reportOf(records({""})), "nothing");
     EXPECT_EQ(clog.str(), "child output: \n");
 }
 
-TEST(LaunchReportTest, UnknownRecordBesideAFailureIsLogged)
+TEST(RethrowReportTest, UnknownRecordBesideAFailureIsLogged)
 {
     const ClogCapture clog;
     EXPECT_EQ(reportOf(records({"before", "ET: std::runtime_error", "EM: text", "after"})),
@@ -1288,7 +1248,7 @@ TEST(LaunchReportTest, UnknownRecordBesideAFailureIsLogged)
     EXPECT_EQ(clog.str(), "child output: before\nchild output: after\n");
 }
 
-TEST(LaunchReportTest, CodeThatIsNoNumberThrows)
+TEST(RethrowReportTest, CodeThatIsNoNumberThrows)
 {
     for (const char* const code : {"", "x", "12x", " 12", "12 ", "1.5", "99999999999"}) {
         SCOPED_TRACE(code);
@@ -1298,7 +1258,7 @@ TEST(LaunchReportTest, CodeThatIsNoNumberThrows)
     }
 }
 
-TEST(LaunchReportTest, CodeThatIsNoNumberThrowsForAnyTypeAndAsATail)
+TEST(RethrowReportTest, CodeThatIsNoNumberThrowsForAnyTypeAndAsATail)
 {
     const std::string failure =
         "boost::bad_lexical_cast: bad lexical cast: source type value could not be interpreted as target";
@@ -1306,15 +1266,9 @@ TEST(LaunchReportTest, CodeThatIsNoNumberThrowsForAnyTypeAndAsATail)
     EXPECT_EQ(reportOf("EC: x"), failure);
 }
 
-TEST(LaunchReportTest, CodeMayBeNegative)
+TEST(RethrowReportTest, CodeMayBeNegative)
 {
-    EXPECT_EQ(thrownBy([] {
-                  const std::string bytes = records({"ET: SystemError", "EM: step", "EC: -5"});
-                  LaunchReport report;
-                  report.feed(bytes.data(), bytes.size());
-                  report.finish();
-              }),
-              systemError("step", -5));
+    EXPECT_EQ(reportOf(records({"ET: SystemError", "EM: step", "EC: -5"})), systemError("step", -5));
 }
 
 // ---- The report on its way through a real control pipe

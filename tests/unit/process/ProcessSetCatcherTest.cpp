@@ -4,7 +4,7 @@
 // within the call that unblocks it, or the test calls it by hand.
 #include "process/ProcessSetCatcher.h"
 
-#include "process/SigBlocker.h"
+#include "process/signals.h"
 #include "support/OpenFds.h"
 #include "unit/process/FailingCall.h"
 #include "unit/process/ProcessTestTools.h"

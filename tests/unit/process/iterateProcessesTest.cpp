@@ -49,14 +49,14 @@ struct Record {
     std::string command = "(null)";
     std::string executable = "(null)";
     std::vector<std::string> arguments = {"(null)"};
-    std::vector<unsigned> uids;
-    std::vector<unsigned> gids;
+    std::vector<int> uids;
+    std::vector<int> gids;
     int owner = 0;
 };
 
 typedef std::map<int, Record> Records;
 
-int collect(const process_info* info, void* context)
+int collect(process_info* info, void* context)
 {
     Record record;
     record.parent = info->parent_pid;
@@ -195,7 +195,7 @@ TEST_F(IterateProcessesTest, EveryProcessIsVisitedOnce)
     std::vector<int> pids;
     EXPECT_EQ(iterateProcesses(
                   0,
-                  [](const process_info* info, void* context) {
+                  [](process_info* info, void* context) {
                       static_cast<std::vector<int>*>(context)->push_back(info->pid);
                       return 1;
                   },
@@ -343,7 +343,7 @@ TEST_F(IterateProcessesTest, CallbackBelowOneStopsAndItsResultIsReturned)
         int result;
         int calls;
     };
-    const auto callback = [](const process_info*, void* context) {
+    const auto callback = [](process_info*, void* context) {
         ++static_cast<Context*>(context)->calls;
         return static_cast<Context*>(context)->result;
     };
@@ -364,11 +364,10 @@ TEST_F(IterateProcessesTest, CallbackCanStopInTheMiddle)
     const Waiting first;
     const Waiting second;
     int calls = 0;
-    EXPECT_EQ(
-        iterateProcesses(
-            0, [](const process_info*, void* context) { return ++*static_cast<int*>(context) == 2 ? -5 : 1; },
-            &calls),
-        -5);
+    EXPECT_EQ(iterateProcesses(
+                  0, [](process_info*, void* context) { return ++*static_cast<int*>(context) == 2 ? -5 : 1; },
+                  &calls),
+              -5);
     EXPECT_EQ(calls, 2);
 }
 
@@ -380,7 +379,7 @@ struct Vanishing {
     Waiting second;
     Records seen;
 
-    static int callback(const process_info* info, void* context)
+    static int callback(process_info* info, void* context)
     {
         auto& self = *static_cast<Vanishing*>(context);
         collect(info, &self.seen);

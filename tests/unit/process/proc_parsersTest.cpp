@@ -1,4 +1,4 @@
-// proc_parsers: the texts of /proc/PID, well-formed and hostile.
+// proc_parsers: the texts of /proc, well-formed and hostile.
 #include "process/proc_parsers.h"
 
 #include <gmock/gmock.h>
@@ -11,6 +11,49 @@ using testing::ElementsAre;
 using zorvo::process::parseProcStat;
 using zorvo::process::parseProcStatus;
 using zorvo::process::splitCmdline;
+
+TEST(ProcPidFdStrToIntTest, TakesPlainDecimalNumbersOnly)
+{
+    struct Case {
+        const char* name;
+        int number;
+    };
+    for (const Case& c : {Case{"0", 0},
+                          Case{"1", 1},
+                          Case{"9", 9},
+                          Case{"10", 10},
+                          Case{"255", 255},
+                          Case{"1000000", 1000000},
+                          Case{"2147483646", 2147483646},
+                          Case{"2147483647", 2147483647},
+                          Case{"2147483648", -1},
+                          Case{"2147483650", -1},
+                          Case{"4294967296", -1},
+                          Case{"4294967297", -1},
+                          Case{"9999999999", -1},
+                          Case{"18446744073709551616", -1},
+                          Case{"18446744073709551617", -1},
+                          Case{"99999999999999999999999999999999", -1},
+                          Case{"", -1},
+                          Case{"00", -1},
+                          Case{"01", -1},
+                          Case{"007", -1},
+                          Case{"-1", -1},
+                          Case{"-0", -1},
+                          Case{"+1", -1},
+                          Case{" 1", -1},
+                          Case{"1 ", -1},
+                          Case{"1\n", -1},
+                          Case{"1a", -1},
+                          Case{"a", -1},
+                          Case{"0x1", -1},
+                          Case{"1.0", -1},
+                          Case{".", -1},
+                          Case{"..", -1},
+                          Case{"\xb2", -1}}) {
+        EXPECT_EQ(proc_pid_fd_str_to_int(c.name), c.number) << '"' << c.name << '"';
+    }
+}
 
 TEST(ParseProcStatTest, NameAndParent)
 {
@@ -66,8 +109,8 @@ TEST(ParseProcStatusTest, IdsAreFoundInAnyOrder)
 {
     for (const char* const text : {"Name:\tx\nUid:\t1\t2\t3\t4\nGid:\t5\t6\t7\t8\nMore:\t9\n",
                                    "Gid: 5 6 7 8 Uid: 1 2 3 4", "Uid:\n1\n2\n3\n4\nGid:5 Gid: 5 6 7 8"}) {
-        uid_t uid[4] = {};
-        gid_t gid[4] = {};
+        int uid[4] = {};
+        int gid[4] = {};
         EXPECT_TRUE(parseProcStatus(text, uid, gid)) << text;
         EXPECT_THAT(uid, ElementsAre(1, 2, 3, 4)) << text;
         EXPECT_THAT(gid, ElementsAre(5, 6, 7, 8)) << text;
@@ -79,8 +122,8 @@ TEST(ParseProcStatusTest, BothAreNeeded)
     for (const char* const text :
          {"", "Uid: 1 2 3 4", "Gid: 1 2 3 4", "Uid: 1 2 3 Gid: 5 6 7 8", "Uid: 1 2 3 4 Gid: 5 6 7",
           "uid: 1 2 3 4 gid: 5 6 7 8", "XUid: 1 2 3 4 Gid: 5 6 7 8"}) {
-        uid_t uid[4] = {};
-        gid_t gid[4] = {};
+        int uid[4] = {};
+        int gid[4] = {};
         EXPECT_FALSE(parseProcStatus(text, uid, gid)) << text;
     }
 }

@@ -1,12 +1,13 @@
-// exec_helpers: real programs run by the plain functions: results, captured output, what is reported where,
+// fork_exec: real programs run by the plain functions: results, captured output, what is reported where,
 // and what is left.
-#include "process/exec_helpers.h"
+#include "process/fork_exec.h"
 
 #include "common/zorvo_log.h"
-#include "process/StartState.h"
+#include "process/signals.h"
 #include "support/Capture.h"
 #include "support/OpenFds.h"
 #include "support/ScratchDir.h"
+#include "unit/process/ExecTestTools.h"
 #include "unit/process/FailingCall.h"
 #include "unit/process/ProcessTestTools.h"
 
@@ -38,69 +39,26 @@ using faults::Call;
 using faults::FailingCall;
 using faults::ScriptedWait;
 using faults::Who;
-using support::Capture;
 using support::ChildResult;
-using support::hasNoChildren;
-using support::openFds;
 using support::runInChild;
 using support::ScratchDir;
-using testing::ElementsAre;
+using tools::Arguments;
+using tools::end;
+using tools::ExecTest;
 using tools::inOwnProcess;
+using tools::numbers;
+using tools::openNumbers;
 using tools::ownSignals;
+using tools::script;
+using tools::see;
+using tools::Seen;
+using tools::sh;
 using tools::Signals;
 using tools::signalsIn;
+using tools::taken;
+using tools::targetOf;
 
 namespace {
-
-/// A null-terminated argument vector.
-class Arguments {
-public:
-    Arguments(std::initializer_list<std::string> texts) : texts_(texts)
-    {
-        for (std::string& text : texts_)
-            pointers_.push_back(text.data());
-        pointers_.push_back(nullptr);
-    }
-    explicit Arguments(std::vector<std::string> texts) : texts_(std::move(texts))
-    {
-        for (std::string& text : texts_)
-            pointers_.push_back(text.data());
-        pointers_.push_back(nullptr);
-    }
-    char* const* get() { return pointers_.data(); }
-
-private:
-    std::vector<std::string> texts_;
-    std::vector<char*> pointers_;
-};
-
-const char* const sh = "/bin/sh";
-
-/// Ends a variable list.
-char* const end = nullptr;
-
-Arguments script(const std::string& text)
-{
-    return {"sh", "-c", text};
-}
-
-/// What a call returned, and what it and its children wrote on the standard streams. errno is 0 before.
-struct Seen {
-    int result = -12345;
-    std::string out;
-    std::string err;
-};
-
-Seen see(const std::function<int()>& call)
-{
-    Seen seen;
-    Capture capture;
-    errno = 0;
-    seen.result = call();
-    seen.out = capture.out();
-    seen.err = capture.err();
-    return seen;
-}
 
 /// What fork_execv_getouterr gives, with the streams of this process beside it.
 struct Got {
@@ -110,12 +68,6 @@ struct Got {
     std::string ownOut;
     std::string ownErr;
 };
-
-std::string taken(char* buffer)
-{
-    const std::unique_ptr<char, void (*)(void*)> owner(buffer, std::free);
-    return buffer == nullptr ? "(null)" : buffer;
-}
 
 Got getouterr(const std::string& text)
 {
@@ -146,34 +98,16 @@ void endStoppedChild(pid_t child)
     support::waitFor(child);
 }
 
-/// After each test no child and no descriptor may be left.
-class ExecHelpersTest : public testing::Test {
-protected:
-    ExecHelpersTest() : fds_(openFds()) {}
-    ~ExecHelpersTest() override
-    {
-        EXPECT_TRUE(hasNoChildren());
-        EXPECT_EQ(openFds(), fds_);
-    }
-
-private:
-    std::map<int, std::string> fds_;
-};
-
-class ForkExecWaitpidTest : public ExecHelpersTest {};
-class ForkExecvPipesTest : public ExecHelpersTest {};
-class ForkExecvGetouterrTest : public ExecHelpersTest {};
-class ForkExecvGetoutTest : public ExecHelpersTest {};
-class ForkExecvLogTest : public ExecHelpersTest {};
-class ForkExecvFdTest : public ExecHelpersTest {};
-class ForkExecvTest : public ExecHelpersTest {};
-class ReadToBufTest : public ExecHelpersTest {};
-class PathExecTest : public ExecHelpersTest {};
-class UtilExecTest : public ExecHelpersTest {};
-class PopenExecTest : public ExecHelpersTest {};
-class DoExecTest : public ExecHelpersTest {};
-class PrepareFdsToExecTest : public ExecHelpersTest {};
-class ClosefromTest : public ExecHelpersTest {};
+class ForkExecWaitpidTest : public ExecTest {};
+class ForkExecvPipesTest : public ExecTest {};
+class ForkExecvGetouterrTest : public ExecTest {};
+class ForkExecvGetoutTest : public ExecTest {};
+class ForkExecvLogTest : public ExecTest {};
+class ForkExecvFdTest : public ExecTest {};
+class ForkExecvTest : public ExecTest {};
+class ReadToBufTest : public ExecTest {};
+class DoExecTest : public ExecTest {};
+class PrepareFdsToExecTest : public ExecTest {};
 
 } // namespace
 
@@ -376,14 +310,36 @@ TEST_F(ForkExecvPipesTest, GivenDescriptorsAreUsedAndStayOpen)
     EXPECT_EQ(support::readFile(scratch.file("err")), "error\n");
 }
 
-TEST_F(ForkExecvPipesTest, OneDescriptorMayServeTwice)
+// Each is closed at its old number before the next one's turn.
+TEST_F(ForkExecvPipesTest, DescriptorGivenTwiceIsGoneAtItsSecondTurn)
+{
+    const ScratchDir scratch;
+    Arguments arguments = script("echo > " + scratch.file("ran"));
+    for (int place = 0; place < 3; ++place) { // The one that gets another descriptor.
+        const Seen seen = see([&] {
+            const int file = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            const int result =
+                fork_exec_waitpid(fork_execv_pipes(place == 0 ? 0 : file, place == 1 ? 1 : file,
+                                                   place == 2 ? 2 : file, sh, arguments.get()),
+                                  sh, nullptr);
+            EXPECT_EQ(::close(file), 0);
+            return result;
+        });
+        EXPECT_EQ(seen.result, 255);
+        EXPECT_EQ(seen.err, "fork_execv: dup() failed: Bad file descriptor\n");
+    }
+    EXPECT_EQ(scratch.names(), std::set<std::string>());
+}
+
+TEST_F(ForkExecvPipesTest, StandardDescriptorInAnothersPlaceIsClosedInItsOwn)
 {
     const ScratchDir scratch;
     const int file = ::open(scratch.file("out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    Arguments arguments = script("echo output; echo error >&2");
-    EXPECT_EQ(fork_exec_waitpid(fork_execv_pipes(0, file, file, sh, arguments.get()), sh, nullptr), 0);
+    Arguments arguments = script("test -e /proc/self/fd/1 && exit 1; echo error >&2; exit 7");
+    // Standard error follows standard output, which is closed then.
+    EXPECT_EQ(fork_exec_waitpid(fork_execv_pipes(0, file, 1, sh, arguments.get()), sh, nullptr), 7);
     ::close(file);
-    EXPECT_EQ(support::readFile(scratch.file("out")), "output\nerror\n");
+    EXPECT_EQ(support::readFile(scratch.file("out")), "error\n");
 }
 
 TEST_F(ForkExecvPipesTest, MinusOneIsDevNullForReadingAndWriting)
@@ -537,19 +493,6 @@ TEST_F(ForkExecvPipesTest, VariableListIsTheArgumentVector)
 }
 
 // ---- Variable lists of more than 100 arguments
-
-#define TEN(x) x "0", x "1", x "2", x "3", x "4", x "5", x "6", x "7", x "8", x "9"
-#define HUNDRED                                                                                              \
-    TEN("0"), TEN("1"), TEN("2"), TEN("3"), TEN("4"), TEN("5"), TEN("6"), TEN("7"), TEN("8"), TEN("9")
-
-/// `count` numbers of two digits from 00 on, a line each.
-static std::string numbers(int count)
-{
-    std::string text;
-    for (int i = 0; i < count; ++i)
-        text += std::to_string(i / 10) + std::to_string(i % 10) + "\n";
-    return text;
-}
 
 TEST_F(ForkExecvPipesTest, VariableListIsCutAfterAHundred)
 {
@@ -1399,382 +1342,6 @@ TEST_F(ForkExecvTest, FailedForkEndsTheProgram)
     EXPECT_EQ(result.out, result.err);
 }
 
-// ---- path_exec and path_exec_raw
-
-TEST_F(PathExecTest, PathIsPutInFrontOfTheList)
-{
-    const Seen seen = see([] { return path_exec(sh, "-c", "echo \"$0|$1\" >&2; exit 3", "a", "b", end); });
-    EXPECT_EQ(seen.result, 3);
-    EXPECT_EQ(seen.out, "/bin/sh execution failed:\na|b\n");
-    EXPECT_EQ(seen.err, seen.out);
-    const Seen name =
-        see([] { return path_exec(sh, "-c", "tr '\\0' ' ' < /proc/$$/cmdline >&2; exit 3", end); });
-    EXPECT_EQ(name.out,
-              "/bin/sh execution failed:\n/bin/sh -c tr '\\0' ' ' < /proc/$$/cmdline >&2; exit 3 \n");
-}
-
-TEST_F(PathExecTest, RawListIsTheWholeVector)
-{
-    const Seen seen = see([] {
-        return path_exec_raw(sh, "my-name", "-c", "tr '\\0' ' ' < /proc/$$/cmdline >&2; exit 3", end);
-    });
-    EXPECT_EQ(seen.result, 3);
-    EXPECT_EQ(seen.out,
-              "/bin/sh execution failed:\nmy-name -c tr '\\0' ' ' < /proc/$$/cmdline >&2; exit 3 \n");
-}
-
-TEST_F(PathExecTest, SuccessIsSilent)
-{
-    Seen seen = see([] { return path_exec("/bin/echo", "text", end); });
-    EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.out, "");
-    EXPECT_EQ(seen.err, "");
-    seen = see([] { return path_exec_raw("/bin/echo", "echo", "text", end); });
-    EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.out, "");
-}
-
-TEST_F(PathExecTest, RawListIsCutAfterAHundred)
-{
-    const Seen seen = see([] {
-        return path_exec_raw(sh, "sh", "-c", "printf '%s\\n' \"$@\"; exit 3", "name", HUNDRED, "more", end);
-    });
-    EXPECT_EQ(seen.err, numbers(96) + "/bin/sh execution failed (no output)\n");
-}
-
-TEST_F(PathExecTest, ListIsCutAfterAHundred)
-{
-    const Seen seen = see(
-        [] { return path_exec(sh, "-c", "printf '%s\\n' \"$@\"; exit 3", "name", HUNDRED, "more", end); });
-    EXPECT_EQ(seen.err, numbers(97) + "/bin/sh execution failed (no output)\n");
-}
-
-// ---- util_exec, util_exec_args and util_libexec
-
-namespace {
-
-const char* const reporter = "#!/bin/sh\nprintf '<%s>' \"$0\" \"$@\" >&2\nexit 3\n";
-
-void writeTool(const std::string& path)
-{
-    support::writeFile(path, reporter);
-    ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
-}
-
-/// Runs `body` where /usr/local/maru/admin/sbin and /usr/lib64/zorvo-9.0 hold a program "tool" each, which
-/// reports how it was started.
-void withTools(const std::function<void()>& body)
-{
-    inOwnProcess([&body] {
-        const ScratchDir scratch;
-        ASSERT_TRUE(tools::makeMountsPrivate());
-        tools::mountEmpty("/usr/local");
-        std::filesystem::create_directories("/usr/local/maru/admin/sbin");
-        writeTool("/usr/local/maru/admin/sbin/tool");
-        // The dynamic loader has to stay where it is.
-        tools::mountEmpty(scratch.path());
-        std::filesystem::copy("/usr/lib64", scratch.path(),
-                              std::filesystem::copy_options::copy_symlinks |
-                                  std::filesystem::copy_options::recursive);
-        std::filesystem::create_directory(scratch.file("zorvo-9.0"));
-        writeTool(scratch.file("zorvo-9.0/tool"));
-        ASSERT_EQ(::mount(scratch.path().c_str(), "/usr/lib64", nullptr, MS_BIND, nullptr), 0);
-        body();
-        ::umount("/usr/lib64");
-        ::umount(scratch.path().c_str());
-    });
-}
-
-} // namespace
-
-TEST_F(UtilExecTest, RunsTheProductsUtility)
-{
-    if (!tools::mountsCanBePrivate())
-        GTEST_SKIP() << "no private mounts here";
-    withTools([] {
-        const Seen seen = see([] { return util_exec("tool", "a", "", "b c", end); });
-        EXPECT_EQ(seen.result, 3);
-        EXPECT_EQ(seen.out, "/usr/local/maru/admin/sbin/tool execution failed:\n"
-                            "</usr/local/maru/admin/sbin/tool><a><><b c>\n");
-        EXPECT_EQ(seen.err, seen.out);
-    });
-}
-
-TEST_F(UtilExecTest, ArgsRunsTheProductsUtility)
-{
-    if (!tools::mountsCanBePrivate())
-        GTEST_SKIP() << "no private mounts here";
-    withTools([] {
-        Arguments arguments = {"a", "", "b c"};
-        const Seen seen = see([&arguments] { return util_exec_args("tool", arguments.get()); });
-        EXPECT_EQ(seen.result, 3);
-        EXPECT_EQ(seen.out, "/usr/local/maru/admin/sbin/tool execution failed:\n"
-                            "</usr/local/maru/admin/sbin/tool><a><><b c>\n");
-        EXPECT_EQ(seen.err, seen.out);
-        Arguments none = {};
-        EXPECT_EQ(see([&none] { return util_exec_args("tool", none.get()); }).out,
-                  "/usr/local/maru/admin/sbin/tool execution failed:\n"
-                  "</usr/local/maru/admin/sbin/tool>\n");
-    });
-}
-
-TEST_F(UtilExecTest, ArgsTakesAnyNumber)
-{
-    if (!tools::mountsCanBePrivate())
-        GTEST_SKIP() << "no private mounts here";
-    withTools([] {
-        Arguments arguments(std::vector<std::string>(250, "x"));
-        const Seen seen = see([&arguments] { return util_exec_args("tool", arguments.get()); });
-        std::string expected = "/usr/local/maru/admin/sbin/tool execution failed:\n"
-                               "</usr/local/maru/admin/sbin/tool>";
-        for (int i = 0; i < 250; ++i)
-            expected += "<x>";
-        EXPECT_EQ(seen.out, expected + "\n");
-    });
-}
-
-TEST_F(UtilExecTest, LibexecRunsFromItsOwnDirectory)
-{
-    if (!tools::mountsCanBePrivate())
-        GTEST_SKIP() << "no private mounts here";
-    withTools([] {
-        const Seen seen = see([] { return util_libexec("tool", "a", "b c", end); });
-        EXPECT_EQ(seen.result, 3);
-        EXPECT_EQ(seen.out, "/usr/lib64/zorvo-9.0/tool execution failed:\n"
-                            "</usr/lib64/zorvo-9.0/tool><a><b c>\n");
-        EXPECT_EQ(seen.err, seen.out);
-    });
-}
-
-TEST_F(UtilExecTest, ListsAreCutAfterAHundred)
-{
-    if (!tools::mountsCanBePrivate())
-        GTEST_SKIP() << "no private mounts here";
-    withTools([] {
-        std::string hundred;
-        for (int i = 0; i < 100; ++i)
-            hundred += "<" + std::to_string(i / 10) + std::to_string(i % 10) + ">";
-        EXPECT_EQ(see([] { return util_exec("tool", HUNDRED, "more", end); }).out,
-                  "/usr/local/maru/admin/sbin/tool execution failed:\n"
-                  "</usr/local/maru/admin/sbin/tool>" +
-                      hundred + "\n");
-        EXPECT_EQ(see([] { return util_libexec("tool", HUNDRED, "more", end); }).out,
-                  "/usr/lib64/zorvo-9.0/tool execution failed:\n</usr/lib64/zorvo-9.0/tool>" + hundred +
-                      "\n");
-    });
-}
-
-TEST_F(UtilExecTest, MissingUtilityIsReported)
-{
-    const Seen seen = see([] { return util_exec("no-such-utility", end); });
-    EXPECT_EQ(seen.result, 255);
-    EXPECT_EQ(seen.out,
-              "/usr/local/maru/admin/sbin/no-such-utility execution failed:\n"
-              "fork_execv: execv(\"/usr/local/maru/admin/sbin/no-such-utility\") failed: No such file or "
-              "directory\n");
-    const Seen lib = see([] { return util_libexec("no-such-utility", end); });
-    EXPECT_EQ(lib.result, 255);
-    EXPECT_EQ(lib.out, "/usr/lib64/zorvo-9.0/no-such-utility execution failed:\n"
-                       "fork_execv: execv(\"/usr/lib64/zorvo-9.0/no-such-utility\") failed: No such file or "
-                       "directory\n");
-}
-
-TEST_F(UtilExecTest, NameWithASlashIsRefusedAndNothingRun)
-{
-    const ScratchDir scratch;
-    writeTool(scratch.file("tool"));
-    support::writeFile(scratch.file("tool"), "#!/bin/sh\necho > " + scratch.file("ran") + "\n");
-    const std::string climbing = "../../../../.." + scratch.file("tool");
-    Arguments none = {};
-    for (const std::string& name :
-         {climbing, std::string("/bin/true"), std::string("a/b"), std::string("tool/"), std::string("/")}) {
-        SCOPED_TRACE(name);
-        const std::string text =
-            "Utility name '" + name + "' is invalid. Use only utility name without path.\n";
-        const FailingCall fork(Call::fork, 1, EAGAIN); // Not even tried.
-        for (const auto& call : std::vector<std::function<int()>>{
-                 [&name] { return util_exec(name.c_str(), end); },
-                 [&name, &none] { return util_exec_args(name.c_str(), none.get()); },
-                 [&name] { return util_libexec(name.c_str(), end); }}) {
-            const Seen seen = see(call);
-            EXPECT_EQ(seen.result, -1);
-            EXPECT_EQ(seen.out, text);
-            EXPECT_EQ(seen.err, text);
-        }
-        EXPECT_FALSE(fork.happened());
-    }
-    EXPECT_EQ(scratch.names(), std::set<std::string>{"tool"});
-}
-
-// ---- popen_exec, popen_exec_getoutput and popen_exec_with_input
-
-TEST_F(PopenExecTest, SuccessIsSilentAndOutputIgnored)
-{
-    const Seen seen = see([] { return popen_exec("echo output"); });
-    EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.out, "");
-    EXPECT_EQ(seen.err, "");
-}
-
-TEST_F(PopenExecTest, StderrIsInherited)
-{
-    const Seen seen = see([] { return popen_exec("echo error >&2"); });
-    EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.out, "");
-    EXPECT_EQ(seen.err, "error\n");
-}
-
-TEST_F(PopenExecTest, FailureIsReportedWithItsCode)
-{
-    const Seen seen = see([] { return popen_exec("exit 3"); });
-    EXPECT_EQ(seen.result, 3);
-    EXPECT_EQ(seen.out, "popen_exec: command failed code: 3 , exit 3\n");
-    EXPECT_EQ(seen.err, seen.out);
-}
-
-TEST_F(PopenExecTest, DeathByASignalIsLoggedAndGivesMinusOne)
-{
-    const ScratchDir scratch;
-    const std::string command = "echo $$ > " + scratch.file("pid") + "; kill -KILL $$";
-    const Seen seen = see([&command] { return popen_exec(command.c_str()); });
-    const std::string pid = std::to_string(std::stoi(support::readFile(scratch.file("pid"))));
-    EXPECT_EQ(seen.result, -1);
-    EXPECT_EQ(seen.out, "waitpid(" + pid + ")=" + pid + ": process '" + command +
-                            "' killed by signal 9\npopen_exec: command failed code: -1 , " + command + "\n");
-    EXPECT_EQ(seen.err, seen.out);
-}
-
-TEST_F(PopenExecTest, MuchIgnoredOutputDoesNotBlock)
-{
-    const Seen seen = see([] { return popen_exec("head -c 1000000 /dev/zero; exit 4"); });
-    EXPECT_EQ(seen.result, 4);
-}
-
-TEST_F(PopenExecTest, OutputIsGiven)
-{
-    char* out = reinterpret_cast<char*>(1);
-    const Seen seen = see([&out] { return popen_exec_getoutput("echo output; echo error >&2", &out); });
-    EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(taken(out), "output\n");
-    EXPECT_EQ(seen.out, "");
-    EXPECT_EQ(seen.err, "error\n");
-}
-
-TEST_F(PopenExecTest, SilenceGivesNull)
-{
-    char* out = reinterpret_cast<char*>(1);
-    EXPECT_EQ(popen_exec_getoutput("exit 0", &out), 0);
-    EXPECT_EQ(taken(out), "(null)");
-}
-
-TEST_F(PopenExecTest, OutputOfAFailureIsGivenToo)
-{
-    char* out = nullptr;
-    const Seen seen = see([&out] { return popen_exec_getoutput("echo output; exit 3", &out); });
-    EXPECT_EQ(seen.result, 3);
-    EXPECT_EQ(taken(out), "output\n");
-    EXPECT_EQ(seen.out, "popen_exec: command failed code: 3 , echo output; exit 3\n");
-    EXPECT_EQ(seen.err, seen.out);
-}
-
-TEST_F(PopenExecTest, MuchOutputIsWhole)
-{
-    char* out = nullptr;
-    EXPECT_EQ(popen_exec_getoutput("head -c 10485760 /dev/zero | tr '\\0' o", &out), 0);
-    EXPECT_TRUE(taken(out) == std::string(10U * 1024U * 1024U, 'o'));
-}
-
-TEST_F(PopenExecTest, InputIsWritten)
-{
-    const ScratchDir scratch;
-    const std::string input("some\0input", 10);
-    const std::string command = "cat > " + scratch.file("got");
-    const Seen seen = see([&] { return popen_exec_with_input(command.c_str(), input.data(), input.size()); });
-    EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.out, "");
-    EXPECT_EQ(seen.err, "");
-    EXPECT_EQ(support::readFile(scratch.file("got")), input);
-}
-
-TEST_F(PopenExecTest, MuchInputIsWhole)
-{
-    const ScratchDir scratch;
-    const std::string input(10U * 1024U * 1024U, 'i');
-    const std::string command = "cat > " + scratch.file("got");
-    EXPECT_EQ(popen_exec_with_input(command.c_str(), input.data(), input.size()), 0);
-    EXPECT_TRUE(support::readFile(scratch.file("got")) == input);
-}
-
-TEST_F(PopenExecTest, NoInputIsEndOfFile)
-{
-    const Seen seen = see([] { return popen_exec_with_input("[ -z \"$(cat)\" ]", "", 0); });
-    EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.err, "");
-}
-
-TEST_F(PopenExecTest, FailureWithInputIsReported)
-{
-    const Seen seen = see([] { return popen_exec_with_input("cat >&2; exit 3", "input\n", 6); });
-    EXPECT_EQ(seen.result, 3);
-    EXPECT_EQ(seen.out, "popen_exec: command failed code: 3 , cat >&2; exit 3\n");
-    EXPECT_EQ(seen.err, "input\n" + seen.out);
-}
-
-// More than a pipe holds, and nobody reads it. SIGPIPE must not end this program, whoever had it how.
-TEST_F(PopenExecTest, InputThatIsNotReadIsReported)
-{
-    const std::string input(1000000, 'i');
-    for (const bool ignored : {true, false}) {
-        const ChildResult result = runInChild([&input, ignored] {
-            ::signal(SIGPIPE, ignored ? SIG_IGN : SIG_DFL);
-            errno = 0;
-            const int returned = popen_exec_with_input("exec <&-; exit 0", input.data(), input.size());
-            return returned == -1 ? 0 : 1;
-        });
-        EXPECT_EQ(result.status, 0);
-        EXPECT_THAT(result.err,
-                    testing::MatchesRegex("Failed to execute command with input: only [0-9]+ of 1000000 "
-                                          "bytes were written\\.(\nSystem error 32: Broken pipe)?\n"));
-        EXPECT_EQ(result.out, result.err);
-    }
-}
-
-TEST_F(PopenExecTest, CommandWithInputStartsWithTheCallersSigpipe)
-{
-    for (const bool ignored : {true, false})
-        inOwnProcess([ignored] {
-            const ScratchDir scratch;
-            ::signal(SIGPIPE, ignored ? SIG_IGN : SIG_DFL);
-            const Signals before = ownSignals();
-            const std::string command = "cat /proc/self/status > " + scratch.file("status");
-            EXPECT_EQ(popen_exec_with_input(command.c_str(), "", 0), 0);
-            EXPECT_EQ(signalsIn(support::readFile(scratch.file("status"))), before);
-            EXPECT_EQ(ownSignals(), before);
-        });
-}
-
-TEST_F(PopenExecTest, CommandThatCannotBeStartedIsReported)
-{
-    const ChildResult result = runInChild([] {
-        rlimit none{};
-        ::getrlimit(RLIMIT_NOFILE, &none);
-        none.rlim_cur = 3;
-        ::setrlimit(RLIMIT_NOFILE, &none);
-        errno = 0;
-        return popen_exec("echo output") == -1 ? 0 : 1;
-    });
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.err, testing::StartsWith("popen_exec: failed to execute command: echo output\n"));
-    EXPECT_EQ(result.out, result.err);
-}
-
-TEST_F(PopenExecTest, InputCanPassThroughWhileOutputIsInherited)
-{
-    const Seen seen = see([] { return popen_exec_with_input("cat", "input\n", 6); });
-    EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.out, "input\n");
-}
-
 // ---- do_exec
 
 TEST_F(DoExecTest, RawWaitStatusIsReturned)
@@ -1836,35 +1403,6 @@ TEST_F(DoExecTest, InterruptedCallsAreRepeated)
 }
 
 // ---- prepare_fds_to_exec
-
-namespace {
-
-/// Which of the descriptors below 1000 are open.
-std::vector<int> openNumbers(int from = 0)
-{
-    std::vector<int> numbers;
-    for (int fd = from; fd < 1000; ++fd)
-        if (::fcntl(fd, F_GETFD) != -1)
-            numbers.push_back(fd);
-    return numbers;
-}
-
-/// The link text of one descriptor.
-std::string targetOf(int fd)
-{
-    const auto fds = openFds();
-    const auto found = fds.find(fd);
-    return found == fds.end() ? "" : found->second;
-}
-
-void closeAllButStandard()
-{
-    for (const auto& [fd, target] : openFds())
-        if (fd > 2)
-            ::close(fd);
-}
-
-} // namespace
 
 TEST_F(PrepareFdsToExecTest, ThreeDescriptorsAndNoOther)
 {
@@ -1929,258 +1467,4 @@ TEST_F(PrepareFdsToExecTest, BadDescriptorIsAFailureWithErrno)
             });
             EXPECT_EQ(result.status, 0);
         }
-}
-
-// ---- closefrom
-
-TEST_F(ClosefromTest, ClosesFromTheGivenNumberOn)
-{
-    for (const int low : {3, 5, 100}) {
-        SCOPED_TRACE(low);
-        inOwnProcess([low] {
-            closeAllButStandard();
-            std::vector<int> expected = {0, 1, 2};
-            for (const int fd : {3, 4, 5, 6, 50, 99, 100, 101, 500}) {
-                ASSERT_EQ(::dup2(0, fd), fd);
-                if (fd < low)
-                    expected.push_back(fd);
-            }
-            closefrom(low);
-            EXPECT_EQ(openNumbers(), expected);
-        });
-    }
-}
-
-TEST_F(ClosefromTest, ZeroClosesEverything)
-{
-    const ChildResult result = runInChild([] {
-        closefrom(0);
-        return openNumbers().empty() ? 0 : 1;
-    });
-    EXPECT_EQ(result.status, 0);
-}
-
-TEST_F(ClosefromTest, ThroughProcCloses)
-{
-    inOwnProcess([] {
-        closeAllButStandard();
-        for (int fd = 3; fd < 60; fd += 2)
-            ASSERT_EQ(::dup2(0, fd), fd);
-        EXPECT_EQ(closefrom_through_proc(20), 0);
-        EXPECT_THAT(openNumbers(3), ElementsAre(3, 5, 7, 9, 11, 13, 15, 17, 19));
-    });
-}
-
-// The walk's own descriptor is below: it is neither counted among the lower ones nor left open.
-TEST_F(ClosefromTest, ThroughProcLeavesItsOwnDescriptorToItself)
-{
-    inOwnProcess([] {
-        closeAllButStandard();
-        ASSERT_EQ(::dup2(0, 10), 10);
-        EXPECT_EQ(closefrom_through_proc(5), 0); // Its own is 3.
-        EXPECT_TRUE(openNumbers(3).empty());
-        EXPECT_EQ(closefrom_through_proc(3), 0);
-        EXPECT_TRUE(openNumbers(3).empty());
-    });
-}
-
-TEST_F(ClosefromTest, ThroughProcGivesUpOnANumberBeyondTheTable)
-{
-    inOwnProcess([] {
-        closeAllButStandard();
-        ASSERT_EQ(::dup2(0, 500), 500);
-        rlimit limit{};
-        ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-        for (const rlim_t size : {499U, 500U}) {
-            limit.rlim_cur = size;
-            ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-            EXPECT_EQ(closefrom_through_proc(3), -1);
-            EXPECT_THAT(openNumbers(3), ElementsAre(500));
-        }
-        limit.rlim_cur = 501;
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-        EXPECT_EQ(closefrom_through_proc(3), 0);
-        EXPECT_TRUE(openNumbers(3).empty());
-    });
-}
-
-// At most a tenth of the table's size of names is looked at, but always a hundred.
-TEST_F(ClosefromTest, ThroughProcGivesUpOnTooManyNames)
-{
-    inOwnProcess([] {
-        rlimit limit{};
-        ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-        const auto openSome = [](int count) {
-            closeAllButStandard();
-            for (int fd = 3; fd < 3 + count; ++fd)
-                ASSERT_EQ(::dup2(0, fd), fd);
-        };
-        limit.rlim_cur = 500;
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-        openSome(80);
-        EXPECT_EQ(closefrom_through_proc(3), 0);
-        EXPECT_TRUE(openNumbers(3).empty());
-        openSome(120);
-        EXPECT_EQ(closefrom_through_proc(3), -1);
-        limit.rlim_cur = 2000;
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-        openSome(180);
-        EXPECT_EQ(closefrom_through_proc(3), 0);
-        EXPECT_TRUE(openNumbers(3).empty());
-        openSome(220);
-        EXPECT_EQ(closefrom_through_proc(3), -1);
-        openSome(220);
-        closefrom(3); // The other strategy helps out.
-        EXPECT_TRUE(openNumbers(3).empty());
-    });
-}
-
-/// closefrom_through_proc(3) with 3, 4 and 5 open and an /proc/self/fd of these names; its result, then which
-/// of them are still open.
-static std::vector<int> closedByNames(const std::vector<std::string>& names)
-{
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0)
-        throw std::runtime_error("cannot make a pipe");
-    const pid_t child = support::forkChild([&names, &ends] {
-        if (!tools::makeMountsPrivate() || ::mount("tmpfs", "/proc", "tmpfs", 0, nullptr) != 0)
-            return 1;
-        std::filesystem::create_directories("/proc/self/fd");
-        for (const std::string& name : names)
-            support::writeFile("/proc/self/fd/" + name, "");
-        ::dup2(ends[1], 600);
-        for (int fd = 3; fd < 600; ++fd)
-            ::close(fd);
-        for (int fd = 3; fd < 6; ++fd)
-            ::dup2(0, fd);
-        char report[4] = {static_cast<char>(closefrom_through_proc(3)), 0, 0, 0};
-        for (int fd = 3; fd < 6; ++fd)
-            report[fd - 2] = ::fcntl(fd, F_GETFD) != -1 ? 1 : 0;
-        return ::write(600, report, sizeof report) == sizeof report ? 0 : 2;
-    });
-    ::close(ends[1]);
-    const std::string report = tools::readAll(ends[0]);
-    ::close(ends[0]);
-    EXPECT_EQ(support::waitFor(child), 0);
-    std::vector<int> result;
-    for (const char c : report)
-        result.push_back(c);
-    return result;
-}
-
-TEST_F(ClosefromTest, ThroughProcBelievesOnlyPlainNumbersAndItsOwnDescriptor)
-{
-    if (!tools::mountsCanBePrivate())
-        GTEST_SKIP() << "no private mounts here";
-    EXPECT_THAT(closedByNames({"3", "4", "5", "6"}), ElementsAre(0, 0, 0, 0)); // Its own is 6.
-    EXPECT_THAT(closedByNames({"0", "1", "4", "6"}), ElementsAre(0, 1, 0, 1));
-    EXPECT_THAT(closedByNames({"6"}), ElementsAre(0, 1, 1, 1));
-    EXPECT_THAT(closedByNames({}), ElementsAre(-1, 1, 1, 1));
-    for (const char* const name : {"03", "00", "x", "3x", "x3", "-3", "+3", " 3", "3 ", "0x3", "2147483648",
-                                   "99999999999999999999", "2147483647"}) {
-        SCOPED_TRACE(name);
-        EXPECT_THAT(closedByNames({name}), ElementsAre(-1, 1, 1, 1));
-        EXPECT_EQ(closedByNames({name, "6"})[0], -1);
-    }
-}
-
-TEST_F(ClosefromTest, ThroughProcWithoutItsOwnDescriptorIsNotToBeReliedUpon)
-{
-    if (!tools::mountsCanBePrivate())
-        GTEST_SKIP() << "no private mounts here";
-    EXPECT_EQ(closedByNames({"3", "4"})[0], -1);
-}
-
-// chroot(2) hides /proc.
-TEST_F(ClosefromTest, WithoutProcTheNumbersAreTried)
-{
-    const ScratchDir scratch;
-    const ChildResult result = runInChild([&scratch] {
-        closeAllButStandard();
-        for (int fd = 3; fd < 20; ++fd)
-            ::dup2(0, fd);
-        if (::chroot(scratch.path().c_str()) != 0)
-            return 1;
-        if (closefrom_through_proc(5) != -1 || openNumbers(3).size() != 17)
-            return 2;
-        closefrom(5);
-        return openNumbers(3) == std::vector<int>{3, 4} ? 0 : 3;
-    });
-    EXPECT_EQ(result.status, 0);
-}
-
-TEST_F(ClosefromTest, MaxClosesUpToTheTableSizeAndKeepsErrno)
-{
-    inOwnProcess([] {
-        closeAllButStandard();
-        for (const int fd : {3, 4, 5, 98, 99, 100})
-            ASSERT_EQ(::dup2(0, fd), fd);
-        rlimit limit{};
-        ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-        limit.rlim_cur = 100;
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-        errno = EDOM;
-        closefrom_max(5);
-        EXPECT_EQ(errno, EDOM);
-        EXPECT_THAT(openNumbers(3), ElementsAre(3, 4)); // The size itself was tried, too.
-    });
-}
-
-TEST_F(ClosefromTest, InterruptedCloseIsRepeated)
-{
-    for (const Call call : {Call::close, Call::closeNever}) {
-        inOwnProcess([call] {
-            closeAllButStandard();
-            ASSERT_EQ(::dup2(0, 3), 3);
-            ASSERT_EQ(::dup2(0, 4), 4);
-            FailingCall interrupted(call, 1, EINTR);
-            closefrom_through_proc(3);
-            interrupted.stop();
-            EXPECT_TRUE(interrupted.happened());
-            EXPECT_TRUE(openNumbers(3).empty());
-        });
-    }
-}
-
-TEST(ProcPidFdStrToIntTest, TakesPlainDecimalNumbersOnly)
-{
-    struct Case {
-        const char* name;
-        int number;
-    };
-    for (const Case& c : {Case{"0", 0},
-                          Case{"1", 1},
-                          Case{"9", 9},
-                          Case{"10", 10},
-                          Case{"255", 255},
-                          Case{"1000000", 1000000},
-                          Case{"2147483646", 2147483646},
-                          Case{"2147483647", 2147483647},
-                          Case{"2147483648", -1},
-                          Case{"2147483650", -1},
-                          Case{"4294967296", -1},
-                          Case{"4294967297", -1},
-                          Case{"9999999999", -1},
-                          Case{"18446744073709551616", -1},
-                          Case{"18446744073709551617", -1},
-                          Case{"99999999999999999999999999999999", -1},
-                          Case{"", -1},
-                          Case{"00", -1},
-                          Case{"01", -1},
-                          Case{"007", -1},
-                          Case{"-1", -1},
-                          Case{"-0", -1},
-                          Case{"+1", -1},
-                          Case{" 1", -1},
-                          Case{"1 ", -1},
-                          Case{"1\n", -1},
-                          Case{"1a", -1},
-                          Case{"a", -1},
-                          Case{"0x1", -1},
-                          Case{"1.0", -1},
-                          Case{".", -1},
-                          Case{"..", -1},
-                          Case{"\xb2", -1}}) {
-        EXPECT_EQ(proc_pid_fd_str_to_int(c.name), c.number) << '"' << c.name << '"';
-    }
 }

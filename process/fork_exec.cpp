@@ -1,15 +1,12 @@
-// exec_helpers: see the header.
-#include "process/exec_helpers.h"
+#include "process/fork_exec.h"
 
 #include "common/SystemError.h"
 #include "common/eintr.h"
 #include "common/messlog2.h"
 #include "common/writeText.h"
 #include "common/zorvo_log.h"
-#include "process/DirOwner.h"
-#include "process/FdOwner.h"
-#include "process/SigBlocker.h"
-#include "process/StartState.h"
+#include "process/closefrom.h"
+#include "process/signals.h"
 
 #include <fcntl.h>
 #include <sys/select.h>
@@ -18,75 +15,52 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <climits>
-#include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <new>
+#include <utility>
 
 using zorvo::closeRetrying;
 using zorvo::retryOnEintr;
+using zorvo::writeAll;
 using zorvo::writeFormatted;
-using zorvo::process::DirOwner;
+using zorvo::process::ArgumentVector;
+using zorvo::process::Capture;
+using zorvo::process::Captures;
+using zorvo::process::collectArguments;
 using zorvo::process::FdOwner;
-using zorvo::process::LaunchSignals;
+using zorvo::process::openCapturePipe;
 using zorvo::process::PipeOwner;
 using zorvo::process::restoreStartSignals;
-using zorvo::process::SigIgnorer;
+using zorvo::process::setNonBlocking;
+using zorvo::process::startProgram;
 
 namespace {
 
-const char* const utilityDirectory = "/usr/local/maru";
-const char* const libexecDirectory = "/usr/lib64/zorvo-9.0";
-const char* const shell = "/bin/sh";
-
 constexpr int standardDescriptors = 3;
-constexpr size_t maxListArguments = 100;
 constexpr int childFailureStatus = 255;
 
 // --- in the child, between fork and exec ---
 
-/// The descriptor to put in place of standard descriptor `target`: never another standard one, which a dup2
-/// onto that number would have changed by the time it is needed. -1 with errno.
-int sourceFor(int target, int passed) noexcept
+/// `fd`, or a new descriptor of /dev/null where that is -1; -1 with errno.
+int orDevNull(int fd) noexcept
 {
-    if (passed == target)
-        return passed;
-    int fd = passed;
-    if (fd == -1)
-        fd = retryOnEintr([] { return ::open("/dev/null", O_RDWR); });
-    if (fd >= 0 && fd < standardDescriptors)
-        fd = retryOnEintr([fd] { return ::fcntl(fd, F_DUPFD, standardDescriptors); });
-    return fd;
+    return fd != -1 ? fd : retryOnEintr([] { return ::open("/dev/null", O_RDWR); });
 }
 
-/// Makes the passed descriptors 0, 1 and 2 and closes them at their old numbers, once all are in place,
-/// because one may have been passed twice. False with errno.
-bool placeDescriptors(const std::array<int, standardDescriptors>& passed) noexcept
+/// Makes `fd` the descriptor `target`, too. False with errno.
+bool layOver(int fd, int target) noexcept
 {
-    std::array<int, standardDescriptors> source{};
-    for (int target = 0; target < standardDescriptors; ++target) {
-        int& fd = source[static_cast<size_t>(target)];
-        fd = sourceFor(target, passed[static_cast<size_t>(target)]);
-        if (fd == -1)
-            return false;
-    }
-    for (int target = 0; target < standardDescriptors; ++target) {
-        const int fd = source[static_cast<size_t>(target)];
-        if (fd != target && retryOnEintr([=] { return ::dup2(fd, target); }) == -1)
-            return false;
-    }
-    for (auto* fd = source.begin(); fd != source.end(); ++fd) {
-        const bool closedBefore = std::find(source.begin(), fd, *fd) != fd;
-        if (*fd >= standardDescriptors && !closedBefore && closeRetrying(*fd) != 0)
-            return false;
-    }
-    return true;
+    return fd == target || retryOnEintr([=] { return ::dup2(fd, target); }) != -1;
+}
+
+/// Makes `passed` (-1: /dev/null) the descriptor `target` and closes it at its old number. False with errno.
+bool place(int passed, int target) noexcept
+{
+    const int fd = orDevNull(passed);
+    return fd != -1 && layOver(fd, target) && (fd == target || closeRetrying(fd) == 0);
 }
 
 /// Replaces the process image; returns only on failure. The program gets the signals that we were started
@@ -104,7 +78,7 @@ void execute(const char* path, char* const argv[]) noexcept
 
 [[noreturn]] void runChild(int in, int out, int err, const char* path, char* const argv[]) noexcept
 {
-    if (!placeDescriptors({in, out, err})) {
+    if (!place(in, STDIN_FILENO) || !place(out, STDOUT_FILENO) || !place(err, STDERR_FILENO)) {
         writeFormatted(stderr, "fork_execv: dup() failed: %s\n", std::strerror(errno));
         failChild();
     }
@@ -115,40 +89,6 @@ void execute(const char* path, char* const argv[]) noexcept
 }
 
 // --- collecting output ---
-
-/// One stream of a child on its way into a buffer.
-struct Capture {
-    int fd = -1;
-    char* buffer = nullptr;
-    int size = 0;
-    int used = 0;
-    bool discard = false;
-};
-using Captures = std::array<Capture, 2>;
-
-/// False with errno.
-bool openPipe(FdOwner& readEnd, FdOwner& writeEnd) noexcept
-{
-    try {
-        PipeOwner pipe;
-        pipe.open("pipe");
-        readEnd = std::move(pipe.readEnd);
-        writeEnd = std::move(pipe.writeEnd);
-    } catch (const zorvo::SystemError& e) {
-        errno = e.code();
-        return false;
-    }
-    if (readEnd.get() < FD_SETSIZE)
-        return true;
-    errno = EMFILE; // select(2) cannot watch it
-    return false;
-}
-
-bool setNonBlocking(int fd) noexcept
-{
-    const int flags = retryOnEintr([=] { return ::fcntl(fd, F_GETFL); });
-    return flags != -1 && retryOnEintr([=] { return ::fcntl(fd, F_SETFL, flags | O_NONBLOCK); }) != -1;
-}
 
 /// select(2) for at most a second.
 int waitReadable(const Captures& captures, fd_set& readable) noexcept
@@ -173,8 +113,48 @@ void readSome(Capture& capture) noexcept
         capture.used = 0;
 }
 
-/// Reads to the end of both streams and waits. A child that ended while something else holds its pipes open
-/// is noticed in the first second without output; its exit code is taken and the pipes are given up.
+} // namespace
+
+namespace zorvo::process {
+
+ArgumentVector collectArguments(const char* first, va_list list)
+{
+    ArgumentVector argv{};
+    size_t number = 0;
+    if (first != nullptr)
+        argv[number++] = const_cast<char*>(first);
+    const size_t end = number + maxListArguments;
+    while (number < end && (argv[number] = va_arg(list, char*)) != nullptr)
+        ++number;
+    argv[number] = nullptr;
+    return argv;
+}
+
+pid_t startProgram(int in, int out, int err, const char* path, char* const argv[])
+{
+    const pid_t pid = retryOnEintr([] { return ::fork(); });
+    if (pid == 0)
+        runChild(in, out, err, path, argv);
+    return pid;
+}
+
+bool openCapturePipe(FdOwner& readEnd, FdOwner& writeEnd) noexcept
+{
+    try {
+        PipeOwner pipe;
+        pipe.open("pipe");
+        readEnd = std::move(pipe.readEnd);
+        writeEnd = std::move(pipe.writeEnd);
+    } catch (const SystemError& e) {
+        errno = e.code();
+        return false;
+    }
+    if (readEnd.get() < FD_SETSIZE)
+        return true;
+    errno = EMFILE;
+    return false;
+}
+
 int collect(pid_t pid, const char* name, Captures& captures)
 {
     while (captures[0].fd != -1 || captures[1].fd != -1) {
@@ -197,7 +177,6 @@ int collect(pid_t pid, const char* name, Captures& captures)
     return fork_exec_waitpid(pid, name, &status);
 }
 
-/// The NUL-terminated text, to be freed by the caller; null when nothing was read.
 char* takeText(Capture& capture) noexcept
 {
     char* const text = std::exchange(capture.buffer, nullptr);
@@ -209,18 +188,24 @@ char* takeText(Capture& capture) noexcept
     return text;
 }
 
+} // namespace zorvo::process
+
+namespace {
+
 /// fork_execv_getouterr and, with a null `err`, fork_execv_getout; `function` is the one to name in reports.
 int runCaptured(const char* function, char** out, char** err, const char* path, char* const argv[])
 {
     std::array<FdOwner, 2> readEnds;
     std::array<FdOwner, 2> writeEnds;
     const size_t number = err != nullptr ? 2 : 1;
-    for (size_t i = 0; i < number; ++i)
-        if (!openPipe(readEnds[i], writeEnds[i]))
+    for (size_t i = 0; i < number; ++i) {
+        if (!openCapturePipe(readEnds[i], writeEnds[i]))
             messlog2(1, 0, "%s: pipe() failed", function);
-    for (size_t i = 0; i < number; ++i)
+    }
+    for (size_t i = 0; i < number; ++i) {
         if (!setNonBlocking(readEnds[i].get()))
             messlog2(1, 0, "%s: fcntl(O_NONBLOCK) failed", function);
+    }
 
     const int errorFd = err != nullptr ? writeEnds[1].get() : STDERR_FILENO;
     const pid_t pid = fork_execv_pipes(STDIN_FILENO, writeEnds[0].get(), errorFd, path, argv);
@@ -236,99 +221,6 @@ int runCaptured(const char* function, char** out, char** err, const char* path, 
     return result;
 }
 
-// --- variable lists ---
-
-using ArgumentVector = std::array<char*, maxListArguments + 2>;
-
-/// `first`, unless null, and what the list holds up to its null, but at most 100 of it.
-ArgumentVector collectArguments(const char* first, va_list list)
-{
-    ArgumentVector argv{};
-    size_t number = 0;
-    if (first != nullptr)
-        argv[number++] = const_cast<char*>(first);
-    const size_t end = number + maxListArguments;
-    while (number < end && (argv[number] = va_arg(list, char*)) != nullptr)
-        ++number;
-    argv[number] = nullptr;
-    return argv;
-}
-
-/// Runs the utility with `argv`, whose element 0 is filled in here.
-int runUtility(const char* directoryFormat, const char* directory, const char* name, char* argv[])
-{
-    if (std::strchr(name, '/') != nullptr) {
-        errno = 0; // no system call failed
-        messlog2(0, 0, "Utility name '%s' is invalid. Use only utility name without path.", name);
-        return -1;
-    }
-    char* const path = asprintf_safe(directoryFormat, directory, name);
-    argv[0] = path;
-    const int result = fork_execv_log(path, argv, 0);
-    std::free(path);
-    return result;
-}
-
-// --- shell commands ---
-
-pid_t startShell(const char* command, int in, int out)
-{
-    const char* const argv[] = {"sh", "-c", command, nullptr};
-    const pid_t pid = retryOnEintr([] { return ::fork(); });
-    if (pid == 0)
-        runChild(in, out, STDERR_FILENO, shell, const_cast<char* const*>(argv));
-    return pid;
-}
-
-int reportNoShell(const char* command)
-{
-    messlog2(0, 0, "popen_exec: failed to execute command: %s\n", command);
-    return -1;
-}
-
-void reportShellFailure(const char* command, int result)
-{
-    if (result == 0)
-        return;
-    errno = 0; // the command failed, no system call did
-    messlog2(0, 0, "popen_exec: command failed code: %d , %s\n", result, command);
-}
-
-/// With a null `output` what the command prints is read and dropped.
-int runShell(const char* command, char** output)
-{
-    FdOwner readEnd;
-    FdOwner writeEnd;
-    if (!openPipe(readEnd, writeEnd) || !setNonBlocking(readEnd.get()))
-        return reportNoShell(command);
-    const pid_t pid = startShell(command, STDIN_FILENO, writeEnd.get());
-    if (pid == -1)
-        return reportNoShell(command);
-    writeEnd.close_nothrow();
-    Captures captures;
-    captures[0].fd = readEnd.release();
-    captures[0].discard = output == nullptr;
-    const int result = collect(pid, command, captures);
-    char* const text = takeText(captures[0]);
-    if (output != nullptr)
-        *output = text;
-    reportShellFailure(command, result);
-    return result;
-}
-
-/// Returns how many bytes could be written.
-size_t writeInput(int fd, const char* input, size_t size) noexcept
-{
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t written = retryOnEintr([&] { return ::write(fd, input + done, size - done); });
-        if (written < 0)
-            break;
-        done += static_cast<size_t>(written);
-    }
-    return done;
-}
-
 // --- fork_execv_fd ---
 
 /// The child of fork_execv_fd: a failure travels as its errno through `control`, which a successful exec
@@ -337,14 +229,17 @@ size_t writeInput(int fd, const char* input, size_t size) noexcept
                                      char* const argv[]) noexcept
 {
     constexpr int controlFd = standardDescriptors;
-    if (placeDescriptors({in, out, STDERR_FILENO}) &&
+    in = orDevNull(in);
+    out = orDevNull(out);
+    // The control pipe last: it may take the number of a given descriptor, but not the other way round.
+    if (in != -1 && out != -1 && layOver(in, STDIN_FILENO) && layOver(out, STDOUT_FILENO) &&
         (control == controlFd || retryOnEintr([=] { return ::dup3(control, controlFd, O_CLOEXEC); }) != -1)) {
         control = controlFd;
         closefrom(controlFd + 1);
         execute(path, argv);
     }
     const int error = errno;
-    retryOnEintr([&] { return ::write(control, &error, sizeof error); });
+    (void)writeAll(control, {reinterpret_cast<const char*>(&error), sizeof error});
     failChild();
 }
 
@@ -427,11 +322,9 @@ int fork_execl_getout(char** out, const char* path, ...)
 
 pid_t fork_execv_pipes(int in, int out, int err, const char* path, char* const argv[])
 {
-    const pid_t pid = retryOnEintr([] { return ::fork(); });
+    const pid_t pid = startProgram(in, out, err, path, argv);
     if (pid == -1)
         messlog2(1, 0, "fork_execv_pipes: fork() failed");
-    if (pid == 0)
-        runChild(in, out, err, path, argv);
     return pid;
 }
 
@@ -453,7 +346,7 @@ int fork_execv_fd(int fd_in, int fd_out, const char* path, char* const argv[])
     }
     FdOwner readEnd;
     FdOwner writeEnd;
-    if (!openPipe(readEnd, writeEnd)) {
+    if (!openCapturePipe(readEnd, writeEnd)) {
         writeFormatted(stderr, "fork_exec_fd pipe(): %s", std::strerror(errno));
         return -1;
     }
@@ -477,11 +370,9 @@ int fork_execv_fd(int fd_in, int fd_out, const char* path, char* const argv[])
 
 int fork_execv(const char* path, char* const argv[])
 {
-    const pid_t pid = retryOnEintr([] { return ::fork(); });
+    const pid_t pid = startProgram(-1, STDOUT_FILENO, STDERR_FILENO, path, argv);
     if (pid == -1)
         messlog2(1, 0, "fork_execv: fork() failed");
-    if (pid == 0)
-        runChild(-1, STDOUT_FILENO, STDERR_FILENO, path, argv);
     return fork_exec_waitpid(pid, path, nullptr);
 }
 
@@ -556,96 +447,11 @@ void read_to_buf(int* fd, char** buffer, int* size, int* used)
     }
 }
 
-int path_exec(const char* path, ...)
-{
-    va_list list;
-    va_start(list, path);
-    const ArgumentVector argv = collectArguments(path, list);
-    va_end(list);
-    return fork_execv_log(path, argv.data(), 0);
-}
-
-int path_exec_raw(const char* path, ...)
-{
-    va_list list;
-    va_start(list, path);
-    const ArgumentVector argv = collectArguments(nullptr, list);
-    va_end(list);
-    return fork_execv_log(path, argv.data(), 0);
-}
-
-int util_exec(const char* name, ...)
-{
-    va_list list;
-    va_start(list, name);
-    ArgumentVector argv = collectArguments(name, list);
-    va_end(list);
-    return runUtility("%s/admin/sbin/%s", utilityDirectory, name, argv.data());
-}
-
-int util_exec_args(const char* name, char* const args[])
-{
-    size_t number = 0;
-    while (args[number] != nullptr)
-        ++number;
-    const std::unique_ptr<char*[]> argv(new (std::nothrow) char*[number + 2]);
-    if (!argv) {
-        errno = ENOMEM;
-        messlog2(1, 0, "Cannot allocate memory");
-    }
-    std::copy_n(args, number + 1, argv.get() + 1);
-    return runUtility("%s/admin/sbin/%s", utilityDirectory, name, argv.get());
-}
-
-int util_libexec(const char* name, ...)
-{
-    va_list list;
-    va_start(list, name);
-    ArgumentVector argv = collectArguments(name, list);
-    va_end(list);
-    return runUtility("%s/%s", libexecDirectory, name, argv.data());
-}
-
-int popen_exec(const char* command)
-{
-    return runShell(command, nullptr);
-}
-
-int popen_exec_getoutput(const char* command, char** output)
-{
-    *output = nullptr;
-    return runShell(command, output);
-}
-
-int popen_exec_with_input(const char* command, const char* input, size_t size)
-{
-    const LaunchSignals signals; // the command itself starts with SIGPIPE as it is now
-    const SigIgnorer ignorer(SIGPIPE);
-    FdOwner readEnd;
-    FdOwner writeEnd;
-    if (!openPipe(readEnd, writeEnd))
-        return reportNoShell(command);
-    const pid_t pid = startShell(command, readEnd.get(), STDOUT_FILENO);
-    if (pid == -1)
-        return reportNoShell(command);
-    readEnd.close_nothrow();
-    const size_t written = writeInput(writeEnd.get(), input, size);
-    if (written < size)
-        messlog2(0, 0, "Failed to execute command with input: only %lu of %lu bytes were written.",
-                 static_cast<unsigned long>(written), static_cast<unsigned long>(size));
-    writeEnd.close_nothrow();
-    const int result = fork_exec_waitpid(pid, command, nullptr);
-    reportShellFailure(command, result);
-    return result == 0 && written < size ? -1 : result;
-}
-
 int do_exec(const char* path, char* const argv[])
 {
-    const pid_t pid = retryOnEintr([] { return ::fork(); });
+    const pid_t pid = startProgram(STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, path, argv);
     if (pid == -1)
         messlog2(1, 0, "Unable to fork");
-    if (pid == 0)
-        runChild(STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, path, argv);
     int status = 0;
     return retryOnEintr([&] { return ::waitpid(pid, &status, 0); }) == -1 ? -1 : status;
 }
@@ -656,66 +462,8 @@ int prepare_fds_to_exec(int in, int out, int err)
         errno = EBADF; // -1 does not stand for /dev/null here
         return -1;
     }
-    if (!placeDescriptors({in, out, err}))
+    if (!layOver(in, STDIN_FILENO) || !layOver(out, STDOUT_FILENO) || !layOver(err, STDERR_FILENO))
         return -1;
     closefrom(standardDescriptors);
     return 0;
-}
-
-extern "C" void closefrom(int lowfd) noexcept
-{
-    if (closefrom_through_proc(lowfd) != 0)
-        closefrom_max(lowfd);
-}
-
-int closefrom_through_proc(int lowfd) noexcept
-{
-    DirOwner directory("/proc/self/fd");
-    if (!directory.isOpen())
-        return -1;
-    const int own = directory.fd();
-    const int tableSize = ::getdtablesize();
-    bool ownSeen = false;
-    // Beyond that many open descriptors closing by number is the cheaper way.
-    for (int left = std::max(tableSize / 10, 100); left > 0; --left) {
-        const dirent* const entry = directory.next();
-        if (entry == nullptr)
-            return errno == 0 && ownSeen ? 0 : -1;
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
-            continue;
-        const int fd = proc_pid_fd_str_to_int(entry->d_name);
-        if (fd == -1 || fd >= tableSize)
-            return -1;
-        if (fd == own)
-            ownSeen = true;
-        else if (fd >= lowfd)
-            closeRetrying(fd);
-    }
-    return -1; // some were not looked at
-}
-
-void closefrom_max(int lowfd) noexcept
-{
-    const int error = errno;
-    lowfd = std::max(lowfd, 0);
-    // One call where the kernel has it: the table may have a thousand million numbers.
-    if (::close_range(static_cast<unsigned>(lowfd), UINT_MAX, 0) != 0)
-        for (int fd = ::getdtablesize(); fd >= lowfd; --fd)
-            closeRetrying(fd);
-    errno = error;
-}
-
-int proc_pid_fd_str_to_int(const char* name) noexcept
-{
-    if (*name == '\0' || (*name == '0' && name[1] != '\0'))
-        return -1;
-    long number = 0;
-    for (; *name != '\0'; ++name) {
-        if (*name < '0' || *name > '9')
-            return -1;
-        number = number * 10 + (*name - '0');
-        if (number > INT_MAX)
-            return -1;
-    }
-    return static_cast<int>(number);
 }

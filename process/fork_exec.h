@@ -1,17 +1,20 @@
-// exec_helpers: plain functions that run a program, wait for it and translate its end.
+// fork_exec: plain functions that run a program, wait for it and translate its end.
 //
 // Argument vectors are null-terminated and begin with the program's name. Variable lists do likewise and end
 // with a (char*)NULL; of them at most 100 arguments are taken. Unless said otherwise a function blocks until
 // its child has ended and returns the child's exit code, or -1 when it was killed, stopped or lost, which is
 // logged through zorvo_log. Three kinds of failure: no resources in the parent: messlog2 and exit(1); no exec
 // in the child: a line on its standard error and status 255; trouble with waiting: a log line and -1.
-// Children start with the signals of StartState.h and without descriptors beyond 2. Not for use while a
+// Children start with the signals of signals.h and without descriptors beyond 2. Not for use while a
 // ProcessSetCatcher is installed, which would reap the children first.
 #pragma once
 
+#include "process/FdOwner.h"
+
+#include <array>
+#include <cstdarg>
 #include <cstddef>
 #include <sys/types.h>
-#include <unistd.h>
 
 /// Runs `path` with standard output and error captured, waits. On a result other than 0 with `quiet` 0 the
 /// captured output goes to standard error and "PATH execution failed:\nERROR TEXT" or "PATH execution failed
@@ -30,8 +33,10 @@ int fork_execv_getout(char** out, const char* path, char* const argv[]);
 int fork_execl_getout(char** out, const char* path, ...);
 
 /// Forks and executes `path` with the given descriptors as 0, 1 and 2 (-1: /dev/null; 0, 1, 2 in their own
-/// place: inherited). One descriptor may be given twice. Returns the pid at once; the caller waits. The
-/// descriptors stay open in the parent.
+/// place: inherited). Returns the pid at once; the caller waits. The descriptors stay open in the parent. In
+/// the child they are put into place one after the other, and each is closed at its old number before the
+/// next one's turn: one that is given twice, or a standard one in another's place, is gone by then, and the
+/// child fails or starts without it. Give dup(2)s of such.
 pid_t fork_execv_pipes(int in, int out, int err, const char* path, char* const argv[]);
 pid_t fork_execl_pipes(int in, int out, int err, const char* path, ...);
 
@@ -55,45 +60,46 @@ int fork_exec_getres(pid_t pid, const char* name);
 /// always leaves room for a NUL. At end of file and after an error `*fd` is closed and set to -1.
 void read_to_buf(int* fd, char** buffer, int* size, int* used);
 
-/// fork_execv_log of `path`, reporting failures. path_exec puts `path` in front of the list as the program's
-/// name; path_exec_raw takes the list as the whole argument vector.
-int path_exec(const char* path, ...);
-int path_exec_raw(const char* path, ...);
-
-/// Runs the product's utility `name` from /usr/local/maru/admin/sbin (util_libexec: /usr/lib64/zorvo-9.0)
-/// through fork_execv_log, reporting failures; its path is put in front of the list as the program's name.
-/// A name with a "/" is refused with a report and -1. util_exec_args takes the arguments behind the name as a
-/// null-terminated array.
-int util_exec(const char* name, ...);
-int util_exec_args(const char* name, char* const args[]);
-int util_libexec(const char* name, ...);
-
-/// Runs a command line with /bin/sh -c, waits. Returns its exit code, or -1 when it could not be run or was
-/// killed; a result other than 0 is reported through messlog2. popen_exec drops its output,
-/// popen_exec_getoutput puts it into a new NUL-terminated malloc'd buffer for the caller (null: nothing was
-/// written); both stop reading as fork_execv_getouterr does. popen_exec_with_input writes `size` bytes of
-/// `input` to its standard input; a command that exits with 0 without having taken them all is reported and
-/// -1.
-int popen_exec(const char* command);
-int popen_exec_getoutput(const char* command, char** output);
-int popen_exec_with_input(const char* command, const char* input, size_t size);
-
 /// Forks, executes `path`, waits and returns the raw wait status, or -1. Without a fork the process ends with
 /// status 1 and "Unable to fork".
 int do_exec(const char* path, char* const argv[]);
 
-/// In a child: makes `in`, `out` and `err` its descriptors 0, 1 and 2 and closes all others. Returns 0, or -1
-/// with errno; -1 is no descriptor here (EBADF).
+/// In a child: makes `in`, `out` and `err`, in this order, its descriptors 0, 1 and 2 and closes all others.
+/// One descriptor may be given twice; a standard one in another's place must not have been replaced by then.
+/// Returns 0, or -1 with errno; -1 is not a descriptor here (EBADF).
 int prepare_fds_to_exec(int in, int out, int err);
 
-/// Closes every descriptor from `lowfd` upwards. Takes the place of the C library's function of this name.
-extern "C" void closefrom(int lowfd) noexcept; // NOLINT(readability-redundant-declaration)
+// What these functions share with run_utility.
+namespace zorvo::process {
 
-/// The two strategies of closefrom: by the names in /proc/self/fd, 0, or -1 when that cannot be relied upon
-/// (some may be closed already then); and by number, which keeps errno.
-int closefrom_through_proc(int lowfd) noexcept;
-void closefrom_max(int lowfd) noexcept;
+constexpr size_t maxListArguments = 100;
+using ArgumentVector = std::array<char*, maxListArguments + 2>;
 
-/// The descriptor number that a name in /proc/self/fd stands for; -1 for anything but a decimal number of at
-/// most 2147483647 without a leading zero.
-int proc_pid_fd_str_to_int(const char* name) noexcept;
+/// `first`, unless null, and what the list holds up to its null, but at most 100 of it.
+ArgumentVector collectArguments(const char* first, va_list list);
+
+/// fork_execv_pipes that returns -1, with errno, where fork(2) fails.
+pid_t startProgram(int in, int out, int err, const char* path, char* const argv[]);
+
+/// One stream of a child on its way into a malloc'd buffer.
+struct Capture {
+    int fd = -1; ///< Owned: read_to_buf closes it.
+    char* buffer = nullptr;
+    int size = 0;
+    int used = 0;
+    bool discard = false; ///< Read and drop.
+};
+using Captures = std::array<Capture, 2>;
+
+/// A pipe whose read end can be watched by select(2) (else EMFILE). False with errno.
+[[nodiscard]] bool openCapturePipe(FdOwner& readEnd, FdOwner& writeEnd) noexcept;
+
+/// Reads to the end of both streams, waits for `pid` and returns what fork_exec_waitpid does. A child that
+/// ended while something else holds its pipes open is noticed in the first second without output; its exit
+/// code is taken then and the pipes are given up.
+int collect(pid_t pid, const char* name, Captures& captures);
+
+/// The NUL-terminated text, to be freed by the caller; null when nothing was read.
+char* takeText(Capture& capture) noexcept;
+
+} // namespace zorvo::process
