@@ -118,6 +118,12 @@ Report reportOnHost(const std::optional<Request>& request)
     return report;
 }
 
+void requireWritten()
+{
+    if (!std::cout.flush())
+        throw std::runtime_error("cannot write to standard output");
+}
+
 /// Whether standard output is a terminal that shows colours to somebody who wants them (no-color.org).
 bool wantsColour()
 {
@@ -138,6 +144,7 @@ int do_check(int argc, char* argv[])
     const po::variables_map options = parseCommandLine(argc, argv, description);
     if (options.count("help") != 0) {
         std::cout << description;
+        requireWritten();
         return 0;
     }
     const std::optional<Request> request = requestOf(options);
@@ -148,7 +155,6 @@ int do_check(int argc, char* argv[])
         writeJson(std::cout, report);
     else
         writeTable(std::cout, report, wantsColour());
-    if (!std::cout.flush())
-        throw std::runtime_error("cannot write to standard output");
+    requireWritten();
     return exitStatus(report.findings);
 }

@@ -43,7 +43,7 @@ std::optional<unsigned long long> parseStartTicks(const std::string& stat)
 std::optional<timespec> startTime(int pid)
 {
     std::ifstream file;
-    openRetrying(file, ("/proc/" + std::to_string(pid) + "/stat").c_str(), std::ios::in);
+    openRetrying(file, "/proc/" + std::to_string(pid) + "/stat", std::ios::in);
     const std::string stat{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     const std::optional<unsigned long long> ticks = parseStartTicks(stat);
     if (!ticks)

@@ -51,12 +51,12 @@ TEST_F(PostconfReaderTest, RefusedMainCfThrowsTheToolsWords)
 
 TEST_F(PostconfReaderTest, ReadsServicesOfThePrefixWithTheirParameters)
 {
-    tools.answer(postconfPath, {postconfPath, "-M"},
+    tools.answer(postconfPath, {"-M"},
                  ToolAnswer::prints("smtp       unix  -       -       y       -       -       smtp\n"
                                     "zorvo-a    unix  -       -       n       -       -       smtp -o x=1\n"
                                     "zorvo-a    inet  -       -       n       -       -       smtpd\n"
                                     "zorvo-b unix - - n - -  smtp\n"));
-    tools.answer(postconfPath, {postconfPath, "-P"},
+    tools.answer(postconfPath, {"-P"},
                  ToolAnswer::prints("zorvo-a/unix/x = 1 = one\nzorvo-a/unix/y =\nzorvo-a/inet/z = 2\n"
                                     "smtp/unix/x = 3\n"));
     const auto services = PostconfReader::readServices("zorvo-");
