@@ -37,13 +37,14 @@ const std::vector<KindInfo> requestKinds = {
      "itself may refuse the file as well.",
      "Write the domain in letters, digits, hyphens and dots, and each address as inet_ntop(3) does."},
     {Kind::AddressWithLineFeed, "address-with-line-feed", Gravity::Severe,
-     "The rest of the address begins a line of its own in master.cf and in the table: Postfix does not "
+     "The rest of the address begins a line of its own in master.cf and in the table: postfix(1) can neither "
      "start, "
-     "or takes it for a service that nobody asked for.",
+     "stop nor reload Postfix, or Postfix takes the line for a service that nobody asked for.",
      "Take the line feed out, and find out who wrote this request."},
     {Kind::AddressWithBlank, "address-with-blank", Gravity::Severe,
-     "The service's line in master.cf falls apart at the blank: Postfix does not start, and every later run "
-     "stops.",
+     "The service's line in master.cf falls apart at the blank: postfix(1) can neither start, stop nor "
+     "reload "
+     "Postfix, and every later run stops.",
      "Take the blank out."},
     {Kind::AddressInBrackets, "address-in-brackets", Gravity::Severe,
      "Mail leaves from the address, but every later run stops at the brackets in the service's name, so "
