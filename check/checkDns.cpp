@@ -140,6 +140,8 @@ Findings checkDns(const std::vector<Route>& routes, const DnsFacts& dns)
     for (const Route& route : routes) {
         for (const auto& [family, text] : {std::pair(Family::Ip4, route.ip4), {Family::Ip6, route.ip6}}) {
             const std::string address = readAddress(family, text).canonical;
+            if (address.empty())
+                continue;
             const DnsCheck check(findings, dns, route.domain, family, address);
             check.checkNames();
             check.checkHelo(route.helo.empty() ? dns.ownHelo : foldedName(route.helo));
