@@ -103,7 +103,6 @@ struct SpfVerdict {
 
 /// Addresses are written as inet_ntop(3) does, names in lower case.
 struct DnsFacts {
-    std::string ownHelo;                                           ///< Of routes without a HELO name.
     std::map<std::string, DnsAnswer> names;                        ///< Of an address, by PTR records.
     std::map<std::pair<Family, std::string>, DnsAnswer> addresses; ///< Of a name, in one family.
     std::map<std::pair<std::string, std::string>, SpfVerdict> spf; ///< By domain and address.

@@ -24,8 +24,8 @@ constexpr std::chrono::seconds longestWait{5};
 /// The first try; later ones take longer. Several fit into longestWait, so a lost packet costs no answer.
 constexpr int firstTryMilliseconds = 1000;
 
-/// As much as the receive buffer of a server's socket takes in one go, with Linux's default size.
-constexpr size_t mostAtOnce = 200;
+/// A burst that still fits into the receive buffer of a server's socket: with 200, packets got lost.
+constexpr size_t mostAtOnce = 100;
 
 ares_channeldata* newChannel(ares_sock_state_cb onSocket, void* owner)
 {
@@ -54,8 +54,9 @@ bool isFromServer(int status)
 
 Resolver::Resolver(Progress progress)
     : progress_(std::move(progress)),
+      unheard_(mostAtOnce),
       begin_(Clock::now()),
-      lastHeard_(begin_),
+
       channel_(nullptr, ::ares_destroy)
 {
     std::ifstream hosts("/etc/hosts");
@@ -134,7 +135,7 @@ void Resolver::_finish(Entry& entry, DnsAnswer::State state)
 void Resolver::_answer(Entry& entry, int status, const unsigned char* message, int size)
 {
     if (isFromServer(status))
-        lastHeard_ = Clock::now();
+        unheard_ = 0;
     if (entry.isDone)
         return;
     if (status == ARES_SUCCESS)
@@ -158,7 +159,7 @@ void Resolver::_giveUpLate()
             if (now - oldest.asked < longestWait)
                 return;
             _finish(oldest, DnsAnswer::State::NotKnown);
-            if (lastHeard_ < oldest.asked) {
+            if (++unheard_ > mostAtOnce) {
                 for (Entry* const entry : noted_) {
                     entry->isDone = true;
                     ++done_;

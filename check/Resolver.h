@@ -8,9 +8,9 @@
 //     } while (resolver.resolve());
 //
 // /etc/hosts comes first; the servers are those of resolv.conf(5), but names are never completed with its
-// search list, because receivers do not either. Each answer is waited for five seconds at most, and if in all
-// this time no server said anything, the rest is not asked: with silent servers a resolve() takes five
-// seconds, however much was noted.
+// search list, because receivers do not either. Each answer is waited for five seconds at most. If the
+// servers fall silent, the rest is not asked: a resolve() then takes five seconds, or ten if they said
+// anything before, however much was noted.
 #pragma once
 
 #include "check/Facts.h"
@@ -70,8 +70,10 @@ private:
     std::deque<Entry*> asked_; ///< In the order of asking; answered ones leave when they get to the front.
     size_t open_ = 0;          ///< Asked and not done.
     size_t done_ = 0;
+    /// Given up in a row without a word from any server. As many as are asked at once may be those of silent
+    /// zones. A server that never said a word is not granted them.
+    size_t unheard_;
     Clock::time_point begin_;
-    Clock::time_point lastHeard_;  ///< When a server said anything.
     std::map<int, short> sockets_; ///< Events of poll(2) by descriptor.
     /// Ends last questions through the callback, so it goes first.
     std::unique_ptr<ares_channeldata, void (*)(ares_channeldata*)> channel_;

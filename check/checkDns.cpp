@@ -144,7 +144,7 @@ Findings checkDns(const std::vector<Route>& routes, const DnsFacts& dns)
                 continue;
             const DnsCheck check(findings, dns, route.domain, family, address);
             check.checkNames();
-            check.checkHelo(route.helo.empty() ? dns.ownHelo : foldedName(route.helo));
+            check.checkHelo(foldedName(route.helo));
             check.checkSpf();
         }
     }

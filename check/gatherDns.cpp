@@ -21,15 +21,14 @@ struct Sender {
     std::string address;
 };
 
-std::vector<Sender> sendersOf(const std::vector<Route>& routes, const std::string& ownHelo)
+std::vector<Sender> sendersOf(const std::vector<Route>& routes)
 {
     std::vector<Sender> senders;
     for (const Route& route : routes) {
         for (const auto& [family, text] : {std::pair(Family::Ip4, route.ip4), {Family::Ip6, route.ip6}}) {
             const Address address = readAddress(family, text);
             if (address.bindable())
-                senders.push_back({route.domain, foldedName(route.helo.empty() ? ownHelo : route.helo),
-                                   family, address.canonical});
+                senders.push_back({route.domain, foldedName(route.helo), family, address.canonical});
         }
     }
     return senders;
@@ -102,12 +101,11 @@ bool Gatherer::gather(const Sender& sender)
 
 } // namespace
 
-DnsFacts gatherDns(const std::vector<Route>& routes, const std::string& ownHelo, Resolver::Progress progress)
+DnsFacts gatherDns(const std::vector<Route>& routes, Resolver::Progress progress)
 {
     Resolver resolver(std::move(progress));
     Gatherer gatherer(resolver);
-    gatherer.facts.ownHelo = foldedName(ownHelo);
-    std::vector<Sender> pending = sendersOf(routes, ownHelo);
+    std::vector<Sender> pending = sendersOf(routes);
     do {
         const auto isDone = [&gatherer](const Sender& sender) { return gatherer.gather(sender); };
         pending.erase(std::remove_if(pending.begin(), pending.end(), isDone), pending.end());

@@ -4,18 +4,17 @@
 #include "check/Facts.h"
 #include "check/Resolver.h"
 
-#include <string>
 #include <vector>
 
 namespace zorvo::check {
 
-/// Asks all questions in parallel, each once; see Resolver for how long that takes. `ownHelo` is the HELO
-/// name of routes without one. Addresses that no mail can leave from are passed over, and so are HELO names
-/// that are written as an address ("[192.0.2.1]"). The SPF record of a route for the whole server is not
-/// known, because its domains are not.
+/// Asks all questions in parallel, each once; see Resolver for how long that takes. Each route has to have
+/// its HELO name. Addresses that no mail can leave from are passed over, and so are HELO names that are
+/// written as an address ("[192.0.2.1]"). A route for the whole server has no domain to ask the SPF record
+/// of.
 ///
 /// Reads what strangers wrote: call giveUpPrivileges() before. Throws std::runtime_error if the DNS cannot be
 /// used at all; silent servers make answers that are not known.
-DnsFacts gatherDns(const std::vector<Route>& routes, const std::string& ownHelo, Resolver::Progress progress);
+DnsFacts gatherDns(const std::vector<Route>& routes, Resolver::Progress progress);
 
 } // namespace zorvo::check

@@ -94,6 +94,8 @@ class SilentServer {
 public:
     SilentServer(const char* address, uint16_t port) : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
     {
+        const int buffer = 1 << 24; // of what may come before questions() is called
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &buffer, sizeof buffer);
         const sockaddr_in own = loopback(address, port);
         if (::bind(fd_, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0)
             throw std::runtime_error("cannot bind the silent server");

@@ -34,7 +34,6 @@ class CheckDnsTest : public ::testing::Test {
 protected:
     CheckDnsTest()
     {
-        dns.ownHelo = "mx.example";
         dns.names["192.0.2.1"] = found({"mx.example"});
         dns.names["2001:db8::1"] = found({"mx.example"});
         dns.addresses[{Family::Ip4, "mx.example"}] = found({"192.0.2.9", "192.0.2.1"});
@@ -45,7 +44,7 @@ protected:
 
     Findings findings() const
     {
-        return checkDns({{"one.example", "s", "192.0.2.1", "2001:DB8::1", ""}}, dns);
+        return checkDns({{"one.example", "s", "192.0.2.1", "2001:DB8::1", "mx.example"}}, dns);
     }
 
     void setSpf(SpfResult result, const std::string& reason = "")
@@ -169,7 +168,7 @@ TEST_F(CheckDnsTest, SpfThatIsNotThereOrNotKnown)
 TEST_F(CheckDnsTest, WholeServerHasNoDomainToAskFor)
 {
     dns.names["192.0.2.1"] = notThere();
-    EXPECT_THAT(checkDns({{"", "", "192.0.2.1", "", ""}}, dns),
+    EXPECT_THAT(checkDns({{"", "", "192.0.2.1", "", "mx.example"}}, dns),
                 ElementsAre(Finding{Kind::PtrMissing, "", {{"IPv4", "192.0.2.1"}}}));
 }
 
