@@ -1,6 +1,8 @@
 #include "app/do_main.h"
 
 #include "app/request.h"
+#include "common/MKLock.h"
+#include "common/writeText.h"
 #include "postfix/MainCfManager.h"
 #include "postfix/SenderTransportManager.h"
 #include "postfix/ServiceManager.h"
@@ -11,6 +13,7 @@
 
 #include <cerrno>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -23,6 +26,10 @@ namespace {
 const char* const explicitIp = "explicit-ip";
 const char* const domainIp = "domain-ip";
 const char* const domainName = "domain-name";
+
+/// What the lock is named by that a run holds from its first change to its end. No file is locked by this
+/// name.
+const char* const runLockName = "/var/spool/postfix/zorvo";
 
 /// The server-wide pair of addresses.
 struct ExplicitAddresses {
@@ -91,7 +98,9 @@ int do_main(int argc, char* argv[])
     const po::options_description description = describeOptions();
     const po::variables_map options = parseCommandLine(argc, argv, description);
     if (options.count("help") != 0) {
-        std::clog << description << std::endl;
+        std::ostringstream text;
+        text << description << '\n';
+        zorvo::writeText(std::clog, {text.str()});
         return 1;
     }
 
@@ -103,6 +112,14 @@ int do_main(int argc, char* argv[])
         addresses = readAddresses(options);
     else
         bindings = readRequest();
+
+    // From here on one run at a time. The first change takes the lock of main.cf; where locks cannot be had
+    // at all, that is the one to be reported, so it is tried before.
+    {
+        const zorvo::MKLock mainCfLock(MainCfManager::getInstance().mainCfPath(), zorvo::HashedName,
+                                       zorvo::Blocking);
+    }
+    const zorvo::MKLock runLock(runLockName, zorvo::HashedName, zorvo::Blocking);
 
     clean_transports();
 

@@ -4,6 +4,7 @@
 #include "common/SystemError.h"
 #include "common/UtilityErrorStream.h"
 #include "common/reportException.h"
+#include "common/writeText.h"
 #include "process/FdOwner.h"
 #include "process/signals.h"
 
@@ -17,7 +18,7 @@ int main(int argc, char* argv[])
         zorvo::process::takeOverSignals();
         return do_main(argc, argv);
     } catch (const zorvo::ZorvoUtilException& e) {
-        std::cerr << e.what() << std::endl;
+        zorvo::writeText(std::cerr, {e.what(), "\n"});
         return 1;
     } catch (const std::exception& e) {
         zorvo::reportException<std::exception>(e);

@@ -10,24 +10,10 @@
 #include <cerrno>
 #include <memory>
 #include <new>
+#include <optional>
 #include <stdexcept>
 
 namespace {
-
-std::string readStandardInput()
-{
-    std::string text;
-    std::vector<char> chunk(65536);
-    for (;;) {
-        const ssize_t size =
-            zorvo::retryOnEintr([&] { return ::read(STDIN_FILENO, chunk.data(), chunk.size()); });
-        if (size == -1)
-            throw zorvo::SystemError("stdin read", errno);
-        if (size == 0)
-            return text;
-        text.append(chunk.data(), static_cast<size_t>(size));
-    }
-}
 
 /// Parses `text`, which the parser changes: it unescapes strings in place.
 std::vector<Binding> parseRequest(std::string& text)
@@ -58,6 +44,8 @@ std::vector<Binding> parseRequest(std::string& text)
 
 std::vector<Binding> readRequest()
 {
-    std::string text = readStandardInput();
-    return parseRequest(text);
+    std::optional<std::string> text = zorvo::readAll(STDIN_FILENO);
+    if (!text)
+        throw zorvo::SystemError("stdin read", errno);
+    return parseRequest(*text);
 }

@@ -4,6 +4,7 @@
 #include "app/request.h"
 #include "check/Address.h"
 #include "postfix/ModuleInfo.h"
+#include "postfix/PostconfReader.h"
 
 #include <chrono>
 #include <ctime>
@@ -45,14 +46,8 @@ struct InterfaceAddress {
 
 struct HostFacts {
     std::vector<InterfaceAddress> interfaceAddresses;
-    /// By address as inet_ntop(3) writes it: errno of a bind(2) to it, 0 if that succeeded.
+    /// By address as it is written in a route: errno of a bind(2) to it, 0 if that succeeded.
     std::unordered_map<std::string, int> bindErrors;
-};
-
-/// One service of master.cf as postconf(1) shows it.
-struct ServiceView {
-    std::string line;                              ///< Of -M, with one blank between the words.
-    std::map<std::string, std::string> parameters; ///< Of -P, by name.
 };
 
 /// A table that is searched before the generated one.
@@ -73,7 +68,7 @@ struct PostfixFacts {
     std::vector<EarlierTable> earlierTables;
     std::optional<std::unordered_map<std::string, std::string>> records; ///< Nothing: no table to read.
     std::map<std::string, mail::postfix::ModuleInfo> services; ///< Unix services of master.cf by name.
-    std::unordered_map<std::string, ServiceView> views; ///< Generated services as postconf(1) sees them.
+    std::unordered_map<std::string, mail::postfix::ServiceView> views; ///< Generated services by name.
     std::set<std::string> disabledServices;
     std::optional<bool> running;     ///< Nothing: not known, for lack of rights.
     std::optional<timespec> started; ///< When Postfix read its files last; nothing: not known.

@@ -164,12 +164,14 @@ const std::vector<KindInfo> postfixKinds = {
      "The table binds a domain that the request does not name, and its mail leaves as this record tells.",
      "Run zorvo-smtp-bind again with the whole request."},
     {Kind::ServiceMissing, "service-missing", Gravity::Problem,
-     "The table names a service that is not in master.cf, and mail waits in the queue (\"mail transport "
+     "The service is not in master.cf, and mail that the table gives to it waits in the queue (\"mail "
+     "transport "
      "unavailable\").",
      "Run zorvo-smtp-bind again with the whole request."},
     {Kind::ServiceDisabled, "service-disabled", Gravity::Problem,
-     "The service is among the disabled ones, which Postfix does not read, and mail waits in the queue "
-     "(\"mail transport unavailable\").",
+     "The service is among the disabled ones, which Postfix does not read, and mail that the table gives to "
+     "it "
+     "waits in the queue (\"mail transport unavailable\").",
      "Run zorvo-smtp-bind again with the whole request."},
     {Kind::ServiceDiffers, "service-differs", Gravity::Problem,
      "master.cf sets up the service otherwise than zorvo-smtp-bind does, and mail leaves as master.cf tells.",

@@ -92,7 +92,7 @@ void HostCheck::_checkAddress(Findings& findings, const std::string& domain, Fam
         findings.push_back(finding);
         return;
     }
-    const auto result = host_.bindErrors.find(address.canonical);
+    const auto result = host_.bindErrors.find(text);
     if (result == host_.bindErrors.end())
         return;
     if (result->second != 0) {

@@ -58,7 +58,7 @@ public:
     /// `isNeeded`: whether a domain is bound through the table.
     void checkTable(bool isNeeded);
     void checkEarlierTables(const std::vector<Route>& routes);
-    void checkServerPair(const Request& request);
+    void checkServerPair(const Route& server);
     void checkNoServerPair();
     void checkRecord(const Route& route);
     /// `wantedCommand` is what zorvo-smtp-bind would write; empty: no service of this name.
@@ -138,10 +138,10 @@ void PostfixCheck::_checkServerAddress(const std::string& parameter, Family fami
              {{parameter, present}, {"asked for", wanted.empty() ? "none" : wanted}});
 }
 
-void PostfixCheck::checkServerPair(const Request& request)
+void PostfixCheck::checkServerPair(const Route& server)
 {
-    _checkServerAddress(bindAddressParameter, Family::Ip4, request.ip4);
-    _checkServerAddress(bindAddress6Parameter, Family::Ip6, request.ip6);
+    _checkServerAddress(bindAddressParameter, Family::Ip4, server.ip4);
+    _checkServerAddress(bindAddress6Parameter, Family::Ip6, server.ip6);
 }
 
 void PostfixCheck::checkNoServerPair()
@@ -292,7 +292,7 @@ Findings checkPostfix(const Request& request, const PostfixFacts& postfix)
     check.checkRunning();
     if (request.type == TransportType::ExplicitIp) {
         check.checkTable(false);
-        check.checkServerPair(request);
+        check.checkServerPair(routes.front());
         check.checkLeftOverRecords({});
         check.checkLeftOverServices({});
         check.checkEnforce(routes);

@@ -8,10 +8,9 @@
 
 namespace zorvo::check {
 
-/// Asks all questions in parallel, each once; see Resolver for how long that takes. Each route has to have
-/// its HELO name. Addresses that no mail can leave from are passed over, and so are HELO names that are
-/// written as an address ("[192.0.2.1]"). A route for the whole server has no domain to ask the SPF record
-/// of.
+/// Asks all questions in parallel, each once; see Resolver for how long that takes. Addresses that no mail
+/// can leave from are passed over, and so are HELO names that are empty or written as an address
+/// ("[192.0.2.1]"). A route for the whole server has no domain to ask the SPF record of.
 ///
 /// Reads what strangers wrote: call giveUpPrivileges() before. Throws std::runtime_error if the DNS cannot be
 /// used at all; silent servers make answers that are not known.

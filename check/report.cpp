@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <map>
 #include <set>
 #include <unordered_map>
@@ -49,12 +50,17 @@ public:
     }
 
     /// The kinds that concern `route`, the gravest first: its own, and the severe ones of the whole server.
+    /// Warnings about the server are not about its route.
     std::set<Order> of(const Route& route) const
     {
         std::set<Order> kinds = global_;
         const auto own = byDomain_.find(route.domain);
-        if (own != byDomain_.end())
-            kinds.insert(own->second.begin(), own->second.end());
+        if (own == byDomain_.end())
+            return kinds;
+        std::copy_if(own->second.begin(), own->second.end(), std::inserter(kinds, kinds.end()),
+                     [&route](const Order& order) {
+                         return !route.domain.empty() || order.first != Gravity::Warning;
+                     });
         return kinds;
     }
 
@@ -71,6 +77,25 @@ std::string painted(const std::string& text, Gravity gravity, bool colour)
                               : gravity == Gravity::Problem ? "\033[31m"
                                                             : "\033[33m";
     return start + text + "\033[0m";
+}
+
+/// `c` itself if it is printable ASCII.
+std::string escapedByte(char c)
+{
+    const char* const digits = "0123456789abcdef";
+    const auto byte = static_cast<unsigned char>(c);
+    switch (c) {
+    case '\n':
+        return "\\n";
+    case '\t':
+        return "\\t";
+    case '\r':
+        return "\\r";
+    default:
+        if (byte >= 0x20 && byte < 0x7f)
+            return {c};
+        return {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
+    }
 }
 
 /// A value so that its ends can be seen.
@@ -189,23 +214,17 @@ int exitStatus(const Findings& findings)
 
 std::string escaped(const std::string& text)
 {
-    const char* const digits = "0123456789abcdef";
     std::string result;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '\\')
-            result += "\\\\";
-        else if (c == '\n')
-            result += "\\n";
-        else if (c == '\t')
-            result += "\\t";
-        else if (c == '\r')
-            result += "\\r";
-        else if (byte >= 0x20 && byte < 0x7f)
-            result += c;
-        else
-            result.append("\\x").append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
-    }
+    for (const char c : text)
+        result += c == '\\' ? "\\\\" : escapedByte(c);
+    return result;
+}
+
+std::string escapedMessage(const std::string& text)
+{
+    std::string result;
+    for (const char c : text)
+        result += c == '\n' ? "\n" : escapedByte(c);
     return result;
 }
 

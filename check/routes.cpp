@@ -3,11 +3,23 @@
 #include "postfix/SenderTransport.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/predicate.hpp>
+#include <boost/algorithm/string/trim.hpp>
 
 #include <unordered_map>
 
 namespace zorvo::check {
+
+namespace {
+
+/// Without blanks at its ends, as postconf(1) takes a value.
+std::string trimmed(const std::string& value)
+{
+    return boost::algorithm::trim_copy_if(value, boost::algorithm::is_any_of(" \t\r"));
+}
+
+} // namespace
 
 using mail::postfix::bindAddress6Parameter;
 using mail::postfix::bindAddressParameter;
@@ -39,7 +51,7 @@ std::string optionOf(const ModuleInfo& service, const std::string& parameter)
 std::vector<Route> plannedRoutes(const Request& request)
 {
     if (request.type == TransportType::ExplicitIp)
-        return {Route{"", "", request.ip4, request.ip6, ""}};
+        return {Route{"", "", trimmed(request.ip4), trimmed(request.ip6), ""}};
     std::vector<Route> routes;
     std::unordered_map<std::string, size_t> places;
     for (const Binding& binding : request.bindings) {

@@ -1,4 +1,3 @@
-// AutocleanOFStream: see the header.
 #include "common/AutocleanOFStream.h"
 
 #include "common/eintr.h"

@@ -1,10 +1,10 @@
-// MKLock: see the header.
 #include "common/MKLock.h"
 
 #include "common/SystemError.h"
 #include "common/mk_lock.h"
 
 #include <cerrno>
+#include <stdexcept>
 
 namespace zorvo {
 
@@ -23,32 +23,28 @@ int hashedArgument(FilenameFlag flag)
 
 } // namespace
 
-MKLock::MKLock(const std::string& name, FilenameFlag filenameFlag, BlockFlag blockFlag) : handle_(nullptr)
+MKLock::MKLock(const std::string& name, FilenameFlag filenameFlag, BlockFlag blockFlag)
 {
     errno = 0;
     const int hashed = hashedArgument(filenameFlag);
-    handle_ = blockFlag == Blocking ? mk_lock(name.c_str(), hashed) : mk_nonblock_lock(name.c_str(), hashed);
-    if (handle_ == nullptr)
+    handle_.reset(blockFlag == Blocking ? mk_lock(name.c_str(), hashed)
+                                        : mk_nonblock_lock(name.c_str(), hashed));
+    if (!handle_)
         throw SystemError("lock() failed", ENOMEM);
-    if (handle_->fd < 0) {
-        const int error = errno;
-        rm_lock(handle_);
-        throw SystemError("lock() failed", error);
-    }
-    if (handle_->fd == 0 && blockFlag == NonBlockingThrow) {
-        rm_lock(handle_);
+    if (handle_->fd < 0)
+        throw SystemError("lock() failed", errno);
+    if (handle_->fd == 0 && blockFlag == NonBlockingThrow)
         throw std::runtime_error("lock(" + name + ") failed: file is already locked");
-    }
-}
-
-MKLock::~MKLock()
-{
-    rm_lock(handle_);
 }
 
 bool MKLock::isLocked() const noexcept
 {
-    return is_locked(handle_) != 0;
+    return is_locked(handle_.get()) != 0;
+}
+
+void MKLock::Release::operator()(lock_handle* handle) const noexcept
+{
+    rm_lock(handle);
 }
 
 } // namespace zorvo

@@ -1,6 +1,7 @@
 // MKLock: scoped owner of one lock of mk_lock.
 #pragma once
 
+#include <memory>
 #include <string>
 
 struct lock_handle;
@@ -29,13 +30,17 @@ public:
     MKLock(const std::string& name, FilenameFlag filenameFlag, BlockFlag blockFlag);
     MKLock(const MKLock&) = delete;
     MKLock& operator=(const MKLock&) = delete;
-    ~MKLock();
+    ~MKLock() = default;
 
     /// False only after NonBlockingQuiet met a lock held elsewhere.
     bool isLocked() const noexcept;
 
 private:
-    lock_handle* handle_;
+    struct Release {
+        void operator()(lock_handle* handle) const noexcept;
+    };
+
+    std::unique_ptr<lock_handle, Release> handle_;
 };
 
 } // namespace zorvo

@@ -1,4 +1,3 @@
-// SystemError: see the header.
 #include "common/SystemError.h"
 
 #include <cerrno>

@@ -1,8 +1,8 @@
-// TmpFile: see the header.
 #include "common/TmpFile.h"
 
 #include "common/SystemError.h"
 #include "common/eintr.h"
+#include "common/writeText.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -12,12 +12,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 namespace zorvo {
 
 namespace {
-
-constexpr size_t bufferSize = 2048;
 
 std::pair<std::string, int> init_tmp(const std::string& prefix)
 {
@@ -29,14 +28,41 @@ std::pair<std::string, int> init_tmp(const std::string& prefix)
     });
     if (fd == -1)
         throwSystemError("mkstemp() failed: ", errno);
-    return {path, fd};
+    return {std::move(path), fd};
+}
+
+int removeFile(const std::string& path) noexcept
+{
+    return retryOnEintr([&] { return ::unlink(path.c_str()); });
+}
+
+/// Throws filesystem_error with the name of the failed step and errno.
+[[noreturn]] void throwFilesystemError(const char* step, const std::string& path)
+{
+    const std::error_code error(errno, std::system_category());
+    throw std::filesystem::filesystem_error(step, path, error);
 }
 
 } // namespace
 
-TmpFileBase::Data::Data(const std::pair<std::string, int>& pathAndDescriptor)
-    : path(pathAndDescriptor.first), buffer(pathAndDescriptor.second, std::ios::out, bufferSize)
+TmpFileBase::Data::Data(std::pair<std::string, int> pathAndDescriptor)
+    : path(std::move(pathAndDescriptor.first))
 {
+    constexpr size_t bufferSize = 2048;
+    const int fd = pathAndDescriptor.second;
+    try {
+        buffer = __gnu_cxx::stdio_filebuf<char>(fd, std::ios::out, bufferSize);
+    } catch (...) {
+        removeFile(path);
+        throw;
+    }
+    // The buffer had no memory for its FILE, and did not take the descriptor.
+    if (!buffer.is_open()) {
+        const int error = errno;
+        closeRetrying(fd);
+        removeFile(path);
+        throwSystemError("mkstemp() failed: ", error);
+    }
 }
 
 TmpFileBase::TmpFileBase(const std::string& prefix) : data_(init_tmp(prefix)) {}
@@ -48,49 +74,27 @@ TmpFile::TmpFile(const std::string& prefix, bool autoclean)
 
 TmpFile::~TmpFile()
 {
-    if (autoclean_ && retryOnEintr([&] { return ::unlink(data_.path.c_str()); }) != 0 && errno != ENOENT)
-        (void)std::fprintf(stderr, "TmpFile autoclean failed: %s\n", std::strerror(errno));
+    if (autoclean_ && removeFile(data_.path) != 0 && errno != ENOENT)
+        writeText(stderr, {"TmpFile autoclean failed: ", std::strerror(errno), "\n"});
 }
 
-// A closed buffer has no descriptor to ask for.
-bool TmpFile::requireOpen() noexcept
+void TmpFile::replace(const std::string& target, unsigned mode)
 {
-    if (!data_.buffer.is_open())
-        errno = EBADF;
-    return data_.buffer.is_open();
-}
-
-void TmpFile::writeLines(std::list<std::string>::const_iterator line,
-                         std::list<std::string>::const_iterator last)
-{
-    if (!good())
+    exceptions(std::ios::badbit | std::ios::failbit); // throws where the stream has failed before
+    flush();
+    const int fd = data_.buffer.fd();
+    if (retryOnEintr([=] { return ::fchmod(fd, mode); }) != 0)
+        throwFilesystemError("chmod", data_.path);
+    // After a power failure the name must stand for the old or the new file, never for an empty one.
+    if (retryOnEintr([=] { return ::fsync(fd); }) != 0)
+        throwFilesystemError("fsync", data_.path);
+    autoclean_ = false;
+    if (closeBuffer(data_.buffer) &&
+        retryOnEintr([&] { return ::rename(data_.path.c_str(), target.c_str()); }) == 0)
         return;
-    // What was inserted before comes first.
-    bool written = requireOpen() && data_.buffer.pubsync() == 0;
-    std::string text;
-    for (const int fd = written ? data_.buffer.fd() : -1; written && line != last; ++line) {
-        text.assign(*line).push_back('\n');
-        written = writeAll(fd, text) == text.size();
-    }
-    if (!written)
-        setstate(badbit);
-}
-
-int TmpFile::chmod(unsigned mode) noexcept
-{
-    return requireOpen() ? retryOnEintr([&] { return ::fchmod(data_.buffer.fd(), mode); }) : -1;
-}
-
-int TmpFile::sync()
-{
-    if (!requireOpen() || data_.buffer.pubsync() != 0)
-        return -1;
-    return retryOnEintr([&] { return ::fsync(data_.buffer.fd()); });
-}
-
-int TmpFile::close()
-{
-    return closeBuffer(data_.buffer) ? 0 : -1;
+    const int error = errno;
+    removeFile(data_.path);
+    throw mail::FSError("rename", data_.path, target, error);
 }
 
 } // namespace zorvo

@@ -1,4 +1,3 @@
-// Traceback: see the header.
 #include "common/Traceback.h"
 
 #include <cxxabi.h>
@@ -42,50 +41,43 @@ void printDemangled(std::ostream& out, std::string_view symbol)
     out << (readable ? std::string_view(readable.get()) : symbol);
 }
 
-Traceback::Traceback(unsigned long skip) noexcept : frames_(), count_(0), skip_(0), symbols_(nullptr)
+Traceback::Traceback(unsigned long skip) noexcept
+    : count_(static_cast<unsigned long>(std::max(0, ::backtrace(frames_.data(), maxFrames)))),
+      skip_(std::min(skip, count_))
 {
-    count_ = static_cast<unsigned long>(std::max(0, ::backtrace(frames_, maxFrames)));
-    skip_ = std::min(skip, count_);
 }
 
 // The symbol table is not copied: the copy makes its own when it is printed.
 Traceback::Traceback(const Traceback& other) noexcept
-    : frames_(), count_(other.count_), skip_(other.skip_), symbols_(nullptr)
+    : frames_(other.frames_), count_(other.count_), skip_(other.skip_)
 {
-    std::copy(other.frames_, other.frames_ + maxFrames, frames_);
 }
 
 Traceback& Traceback::operator=(const Traceback& other) noexcept
 {
     if (this != &other) {
-        std::copy(other.frames_, other.frames_ + maxFrames, frames_);
+        frames_ = other.frames_;
         count_ = other.count_;
         skip_ = other.skip_;
-        std::free(symbols_);
-        symbols_ = nullptr;
+        symbols_.reset();
     }
     return *this;
 }
 
-Traceback::~Traceback()
+void Traceback::Free::operator()(char** block) const noexcept
 {
-    std::free(symbols_);
-}
-
-void Traceback::resolveSymbols() const noexcept
-{
-    if (symbols_ == nullptr)
-        symbols_ = ::backtrace_symbols(frames_, static_cast<int>(count_));
+    std::free(block); // the names are in the same block
 }
 
 std::ostream& operator<<(std::ostream& out, const Traceback& trace)
 {
-    trace.resolveSymbols();
-    if (trace.symbols_ != nullptr && trace.skip_ < trace.count_) {
+    if (!trace.symbols_)
+        trace.symbols_.reset(::backtrace_symbols(trace.frames_.data(), static_cast<int>(trace.count_)));
+    if (trace.symbols_ && trace.skip_ < trace.count_) {
         out << "Traceback:\n";
         for (unsigned long i = trace.skip_; i < trace.count_; ++i) {
             out << '\t';
-            printFrame(out, trace.symbols_[i]);
+            printFrame(out, trace.symbols_.get()[i]);
             out << std::endl;
         }
     } else {

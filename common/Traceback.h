@@ -1,13 +1,15 @@
 // Traceback: the call stack at the moment of construction, for exceptions that want to carry one.
 #pragma once
 
+#include <array>
 #include <iosfwd>
+#include <memory>
 #include <string_view>
 
 namespace zorvo {
 
 /// Derive an exception class from Traceback besides its std::exception base, and reportException prints
-/// the stack behind the exception's text. Not an exception by itself. Copyable.
+/// the stack after the exception's text. Not an exception by itself. Copyable.
 class Traceback {
 public:
     static constexpr int maxFrames = 11;
@@ -17,25 +19,27 @@ public:
     explicit Traceback(unsigned long skip) noexcept;
     Traceback(const Traceback& other) noexcept;
     Traceback& operator=(const Traceback& other) noexcept;
-    virtual ~Traceback();
+    virtual ~Traceback() = default;
 
-    /// Prints "Traceback:" and a line a frame with readable names, or "Traceback addresses:" and the bare
-    /// addresses where no symbol table can be had or no frame is left after the skipped ones.
+    /// Prints "Traceback:" and a line with readable names for each frame; or "Traceback addresses:" and the
+    /// bare addresses where there is no symbol table, or no frame after the skipped ones.
     friend std::ostream& operator<<(std::ostream& out, const Traceback& trace);
 
 private:
-    void resolveSymbols() const noexcept;
+    struct Free {
+        void operator()(char** block) const noexcept;
+    };
 
-    void* frames_[maxFrames];
+    std::array<void*, maxFrames> frames_{};
     unsigned long count_;
     unsigned long skip_;
-    mutable char** symbols_; ///< From backtrace_symbols(3), one malloc'd block; made by the first print.
+    mutable std::unique_ptr<char*, Free> symbols_; ///< From backtrace_symbols(3); made by the first print.
 };
 
 std::ostream& operator<<(std::ostream& out, const Traceback& trace);
 
 /// Writes the readable name that `symbol` stands for to `out`; `symbol` itself where it cannot be demangled
-/// or memory is short, so that a lack of memory can be reported, too. Throws only what `out` throws.
+/// or memory is short, so that even a lack of memory can be reported. Throws only what `out` throws.
 void printDemangled(std::ostream& out, std::string_view symbol);
 
 } // namespace zorvo

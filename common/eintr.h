@@ -55,6 +55,6 @@ void openRetrying(FileStream& stream, const std::string& path, std::ios::openmod
 
 /// Flushes and closes the buffer's file. True when all of it was written; else false with errno, the file
 /// being closed all the same.
-bool closeBuffer(std::filebuf& buffer);
+[[nodiscard]] bool closeBuffer(std::filebuf& buffer);
 
 } // namespace zorvo

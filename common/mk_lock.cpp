@@ -1,4 +1,3 @@
-// mk_lock: see the header.
 #include "common/mk_lock.h"
 
 #include "common/eintr.h"
@@ -25,6 +24,20 @@ constexpr char lockDirectory[] = "/run/lock/files/";
 bool addToDigest(MD5_CTX* context, const char* text)
 {
     return text == nullptr || MD5_Update(context, text, std::strlen(text)) == 1;
+}
+
+/// open(2) to a descriptor above the standard ones: in a handle 0 means "held elsewhere", and what this
+/// process prints must not end in a lock file.
+int openLockFile(const char* path, int flags)
+{
+    const int fd = zorvo::retryOnEintr([=] { return ::open(path, flags | O_CLOEXEC, 0644); });
+    if (fd < 0 || fd > STDERR_FILENO)
+        return fd;
+    const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int error = errno;
+    zorvo::closeRetrying(fd);
+    errno = error;
+    return moved;
 }
 
 } // namespace
@@ -72,7 +85,7 @@ lock_handle* mk_lock_(const char* name, int open_flags, int operation, int hashe
         return handle;
     }
     const char* const path = handle->path;
-    handle->fd = zorvo::retryOnEintr([&] { return ::open(path, open_flags | O_CLOEXEC, 0644); });
+    handle->fd = openLockFile(path, open_flags);
     if (handle->fd < 0) {
         const int error = errno;
         messlog2(0, 0, "Unable to open file \"%s\": %s.", path, std::strerror(error));

@@ -1,14 +1,14 @@
 // mk_lock: exclusive flock(2) locks shared by all programs of the mail layer.
 //
-// By default the lock file is not the protected file but a file in /run/lock/files whose name is the MD5 of
-// the protected file's name, so that programs meet on it without touching the protected file. Locks are
-// advisory, belong to the open file description and vanish with the process. The lock directory has to
+// By default the lock file is not the protected file itself. It is a file in /run/lock/files whose name is
+// the MD5 of the protected file's name, so that programs meet on it without touching the protected file.
+// Locks are advisory, belong to the open file description and end with the process. The lock directory has to
 // exist; lock files are never removed. MKLock is the scoped owner; prefer it.
 #pragma once
 
 /// One attempt to lock. Allocated by mk_lock and its neighbours, released by rm_lock.
 struct lock_handle {
-    /// > 0: the open, locked file. 0: held elsewhere (non-blocking attempts only).
+    /// > 2: the open, locked file. 0: held elsewhere (non-blocking attempts only).
     /// < 0: the lock file could not be opened or locked.
     int fd;
     char* path; ///< Path of the lock file, malloc'd; null where there was no memory for it.
@@ -17,12 +17,13 @@ struct lock_handle {
 /// Length of the text that get_md5sum writes, without the terminating NUL.
 constexpr int md5_text_length = 32;
 
-/// Locks `name`, waiting without limit. `hashed` non-zero: through the lock directory; zero: `name` itself is
-/// the lock file. Returns a new handle, to be given to rm_lock; null only when it cannot be allocated.
-/// A lock file that cannot be opened is reported through messlog2 and leaves fd negative and errno set.
+/// Locks `name` and waits for that without limit. `hashed` non-zero: through the lock directory; zero: `name`
+/// itself is the lock file. Returns a new handle, to be given to rm_lock; null only when it cannot be
+/// allocated. A lock file that cannot be opened is reported through messlog2 and leaves fd negative and errno
+/// set.
 lock_handle* mk_lock(const char* name, int hashed);
 
-/// As mk_lock without waiting: a lock held elsewhere leaves fd at 0.
+/// As mk_lock, without waiting: a lock held elsewhere leaves fd at 0.
 lock_handle* mk_nonblock_lock(const char* name, int hashed);
 
 /// The worker of both. `open_flags` go to open(2), with O_CLOEXEC added so that no launched program keeps the

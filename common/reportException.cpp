@@ -1,4 +1,3 @@
-// reportException: see the header.
 #include "common/reportException.h"
 
 #include "common/Traceback.h"

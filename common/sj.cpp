@@ -1,4 +1,3 @@
-// sj: see the header.
 #include "common/sj.h"
 
 #include <cctype>
@@ -47,28 +46,11 @@ bool isDigit(char c)
     return c >= '0' && c <= '9';
 }
 
-bool isSpace(char c)
-{
-    // No locale has white space among the visible ASCII characters, which are nearly all there is.
-    const auto byte = static_cast<unsigned char>(c);
-    return (byte <= ' ' || byte > '~') && std::isspace(byte) != 0;
-}
-
-/// Which bytes stand for themselves inside a string: 7-bit, no control character, no quote, no backslash.
-struct PlainBytes {
-    constexpr PlainBytes()
-    {
-        for (int byte = ' '; byte < 128; ++byte)
-            plain[byte] = byte != '"' && byte != '\\';
-    }
-
-    bool plain[256] = {};
-};
-constexpr PlainBytes plainBytes;
-
+/// Whether `c` stands for itself inside a string: a 7-bit character that is not a control character, a quote
+/// or a backslash.
 bool isPlain(char c)
 {
-    return plainBytes.plain[static_cast<unsigned char>(c)];
+    return static_cast<signed char>(c) >= ' ' && c != '"' && c != '\\';
 }
 
 void setError(sj_parser* parser, int error)
@@ -83,7 +65,8 @@ int fail(sj_parser* parser, int error)
     return error;
 }
 
-/// Consumes `c` behind white space. False, with only the white space consumed, for anything else.
+/// Consumes white space and then `c`. False, with only the white space consumed, where something else
+/// follows.
 bool accept(sj_parser* parser, char c)
 {
     sj_skip_whitespace(parser);
@@ -110,7 +93,7 @@ template <class Number, class Convert>
 Number parseInteger(sj_parser* parser, Convert convert)
 {
     char* end = nullptr;
-    // ERANGE is the only word of an overflow; anything that errno held before is put back.
+    // Only ERANGE tells of an overflow. Otherwise errno stays what it was: sj_parser_strerror() shows it.
     const int before = errno;
     errno = 0;
     const Number number = convert(parser->cursor, &end);
@@ -130,7 +113,7 @@ Number parseInteger(sj_parser* parser, Convert convert)
     return number;
 }
 
-/// Moves `at` over decimal digits. False where there is none.
+/// Moves `at` over decimal digits. False where there are none.
 bool skipDigits(const char*& at)
 {
     const char* const first = at;
@@ -139,7 +122,7 @@ bool skipDigits(const char*& at)
     return at != first;
 }
 
-/// The character that a backslash and `escaped` stand for; 0 for no simple escape.
+/// The character that a backslash and `escaped` stand for; 0 where that is not a simple escape.
 char unescaped(char escaped)
 {
     switch (escaped) {
@@ -162,8 +145,7 @@ char unescaped(char escaped)
     }
 }
 
-/// Turns the escape at `in` into its character at `out` and moves both on. Returns an error with both in
-/// place.
+/// Turns the escape at `in` into its character at `out` and moves both on. An error leaves both in place.
 int unescape(char*& in, char*& out)
 {
     if (in[1] == 'u') {
@@ -180,8 +162,8 @@ int unescape(char*& in, char*& out)
     return SJ_OK;
 }
 
-/// The kinds of the arrays and objects that are open around a value being skipped: one bit a level, so that
-/// depth costs memory of the heap and not of the stack. The first levels need no allocation.
+/// The kinds of the arrays and objects that are open around a value being skipped, one bit for each, so that
+/// deep nesting takes memory from the heap and not from the stack. The first levels need no allocation.
 class Nesting {
 public:
     explicit Nesting(const sj_util_funcs& funcs) : funcs_(funcs) {}
@@ -271,7 +253,7 @@ Step enter(sj_parser* parser, Nesting& open, bool object)
     return Step::Value;
 }
 
-/// Behind a value: on to the next one of the innermost array or object, or out of it.
+/// After a value: on to the next one of the innermost array or object, or out of it.
 Step leave(sj_parser* parser, Nesting& open)
 {
     const bool object = open.inObject();
@@ -287,7 +269,7 @@ Step leave(sj_parser* parser, Nesting& open)
     return Step::Value;
 }
 
-/// Skips what is inside and behind an opening character already consumed. Returns the stored error.
+/// Skips what follows an opening character already consumed, up to its closing one. Returns the stored error.
 int skipNested(sj_parser* parser, bool object)
 {
     Nesting open(parser->util_funcs);
@@ -316,7 +298,7 @@ void append(char (&buffer)[size], const char* format, Values... values)
     (void)std::snprintf(buffer + used, size - used, format, values...);
 }
 
-/// Whether `format` holds one "%s" and no other "%" behind it, and so may be given to printf(3).
+/// Whether `format` holds a "%s" and no other "%" after it.
 bool takesName(const char* format)
 {
     const char* const conversion = std::strstr(format, "%s");
@@ -408,7 +390,7 @@ sj_parser* sj_get_dummy_parser(const sj_util_funcs* funcs)
 
 void sj_skip_whitespace(sj_parser* parser)
 {
-    while (isSpace(*parser->cursor))
+    while (std::isspace(static_cast<unsigned char>(*parser->cursor)) != 0)
         ++parser->cursor;
 }
 
@@ -515,7 +497,7 @@ char* sj_parse_string(sj_parser* parser)
     char* in = text;
     while (isPlain(*in))
         ++in;
-    char* out = in; // behind the first escape the text moves to the front
+    char* out = in; // falls behind `in` at the first escape
     int error = SJ_OK;
     while (*in != '"' && error == SJ_OK) {
         if (*in == '\\')

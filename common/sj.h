@@ -2,7 +2,7 @@
 //
 // The caller asks, token by token, for what its schema expects next. There is no document tree: strings are
 // unescaped inside the caller's buffer, which the reader therefore changes, and returned as pointers into it.
-// Failures are stored in the parser's error field; stop at the first one and show sj_parser_strerror().
+// Failures are stored in the parser's error field: stop at the first one and show sj_parser_strerror().
 // The reader takes a subset of JSON: integers (no fractions, except in values that are skipped), no \u escape
 // but \u0000, and only 7-bit characters inside strings. Nothing here throws or prints.
 //
@@ -88,9 +88,10 @@ int sj_parse_boolean(sj_parser* parser);
 int sj_parse_null(sj_parser* parser);
 
 /// The integer at the cursor, in C notation (0x1F and 017 are hexadecimal and octal, strtoll(3) base 0).
-/// Error 4 without digits and error 5 out of range, the cursor staying; error 6 where a fraction or an
-/// exponent follows, the cursor behind the integer part; the unsigned readers give error 6 for a "-".
-/// The result is 0 after errors 4 to 6, but for error 6 behind an integer part, which yields that part.
+/// Error 4 without digits and error 5 out of range leave the cursor where it is; error 6 means that a
+/// fraction or an exponent follows, with the cursor after the integer part, or that an unsigned number begins
+/// with "-". The result is 0 after an error, except that error 6 after an integer part yields that part.
+/// errno is ERANGE after error 5, and otherwise what it was.
 int64_t sj_parse_int64(sj_parser* parser);
 uint64_t sj_parse_uint64(sj_parser* parser);
 
@@ -108,8 +109,8 @@ char* sj_parse_string(sj_parser* parser);
 /// 0 with "{" consumed, else 11, which is also stored.
 int sj_parse_object_start(sj_parser* parser);
 
-/// A member's name with the ":" behind it consumed. Null when there is no string; error 12 without a ":",
-/// the name being returned all the same.
+/// A member's name, with the ":" after it consumed. Null where there is no string. Without a ":" error 12,
+/// and the name is returned all the same.
 char* sj_parse_object_key(sj_parser* parser);
 
 /// 0 after "," (more members follow), 1 after "}", else 13, which is also stored.
@@ -131,9 +132,9 @@ int sj_peek_is_string(const sj_parser* parser);
 int sj_peek_is_object(const sj_parser* parser);
 int sj_peek_is_array(const sj_parser* parser);
 
-/// Skips one value of any kind, an object, an array, each with everything inside. Time and memory are linear
-/// in the text, the stack constant, however deep the nesting; error 20 where the hooks give no memory for it.
-/// Returns the parser's error field.
+/// Skip one value of any kind, an object, or an array, with everything inside. Time and memory are linear in
+/// the text and the stack is constant however deep the nesting; error 20 where the hooks give no memory for
+/// it. Return the parser's error field.
 int sj_skip_value(sj_parser* parser);
 int sj_skip_object(sj_parser* parser);
 int sj_skip_array(sj_parser* parser);

@@ -7,7 +7,6 @@
 // given up silently on any other error.
 #pragma once
 
-#include <cstdarg>
 #include <cstdio>
 #include <initializer_list>
 #include <iosfwd>
@@ -23,24 +22,6 @@ void writeText(std::FILE* stream, std::initializer_list<std::string_view> pieces
 /// that does not stand over stdio gets the pieces through its own buffer, unflushed, and sets its state;
 /// a stream that is not good gets nothing.
 void writeText(std::ostream& stream, std::initializer_list<std::string_view> pieces);
-
-/// A printf(3)-formatted text. Cut to 1023 characters where there is no memory for a longer one.
-class FormattedText {
-public:
-    /// The errno of the moment is what "%m" shows, and is kept. Leaves `args` usable for va_end(3) only.
-    FormattedText(const char* format, va_list args) noexcept __attribute__((format(printf, 2, 0)));
-    FormattedText(const FormattedText&) = delete;
-    FormattedText& operator=(const FormattedText&) = delete;
-    ~FormattedText();
-
-    /// Valid as long as this object lives.
-    std::string_view view() const noexcept { return text_; }
-
-private:
-    char small_[1024];
-    char* large_ = nullptr;
-    std::string_view text_;
-};
 
 /// Formats and writes.
 void writeFormatted(std::FILE* stream, const char* format, ...) noexcept

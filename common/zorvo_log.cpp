@@ -1,6 +1,6 @@
-// zorvo_log: see the header.
 #include "common/zorvo_log.h"
 
+#include "common/FormattedText.h"
 #include "common/writeText.h"
 
 #include <strings.h>
@@ -104,7 +104,8 @@ void _zorvo_utility_logv(int priority, const char* format, va_list args)
     const bool toBoth = LogLocation == nullptr || ::strcasecmp(LogLocation, "console") == 0;
     if (!toBoth && ::strcasecmp(LogLocation, "stderr") != 0)
         return;
-    const zorvo::FormattedText text(format, args);
+    zorvo::FormattedText text;
+    text.vappend(format, args);
     zorvo::writeText(stderr, {text.view(), "\n"});
     if (toBoth)
         zorvo::writeText(stdout, {text.view(), "\n"});

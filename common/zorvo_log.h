@@ -1,4 +1,5 @@
-// zorvo_log: the leveled logger of the plain-function helpers, behind two process-wide function pointers.
+// zorvo_log: the leveled logger of the plain-function helpers, reached through two process-wide function
+// pointers.
 //
 // Without zorvo_log_init messages up to LOG_INFO go to standard error and standard output as bare lines.
 // zorvo_log_init chooses between that console back end and syslog(3). Not thread-safe, not

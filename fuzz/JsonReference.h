@@ -1,5 +1,5 @@
-// JsonReference: what the JSON reader of common/sj.h is to do, said once more in the simplest way: recursive,
-// over a text that it does not change, and with integers of 128 bits. The fuzz targets compare the two.
+// JsonReference: the JSON reader of common/sj.h written again in the simplest way: recursive, over a text
+// that it does not change, and with integers of 128 bits. The fuzz targets compare the two.
 #pragma once
 
 #include <cstddef>

@@ -31,7 +31,7 @@ inline std::string toString(const uint8_t* data, size_t size)
 }
 
 /// A NUL-terminated copy of `text` up to its first NUL, in a block of exactly that size, so that
-/// AddressSanitizer sees whoever reads or writes behind the end.
+/// AddressSanitizer sees whoever reads or writes past the end.
 class ExactText {
 public:
     explicit ExactText(const std::string& text)

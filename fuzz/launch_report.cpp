@@ -72,7 +72,7 @@ Outcome read(const std::string& report)
     return outcome;
 }
 
-/// Decimal digits behind at most one sign, within the range of int.
+/// Decimal digits after at most one sign, within the range of int.
 std::optional<int> toInt(const std::string& text)
 {
     const bool sign = !text.empty() && (text[0] == '-' || text[0] == '+');

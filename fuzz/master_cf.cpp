@@ -26,8 +26,8 @@ using zorvo::mail::postfix::MasterCfContent;
 using zorvo::mail::postfix::ModuleInfo;
 using zorvo::mail::postfix::ModuleType;
 
-typedef std::pair<std::string, ModuleType> Key;
-typedef std::vector<std::string> Lines;
+using Key = std::pair<std::string, ModuleType>;
+using Lines = std::vector<std::string>;
 
 bool same(const ModuleInfo& one, const ModuleInfo& other)
 {
@@ -194,12 +194,12 @@ private:
 
     bool readCommand(std::list<std::string>& words)
     {
-        size_t behindWord = position_;
+        size_t afterWord = position_;
         while (readWord(words)) {
-            behindWord = position_;
+            afterWord = position_;
             skipSeparator();
         }
-        position_ = behindWord;
+        position_ = afterWord;
         return !words.empty();
     }
 
@@ -310,7 +310,7 @@ void checkCanonicalLine(const ModuleInfo& service)
     FUZZ_CHECK(same(content.modules(), {expected}));
 }
 
-/// Takes all services out, one by one, and puts them back behind what remains.
+/// Takes all services out, one by one, and puts them back after what remains.
 void checkEdits(MasterCfContent& content, const Model& model)
 {
     const std::vector<ModuleInfo> services = content.modules();

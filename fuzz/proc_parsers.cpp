@@ -1,8 +1,8 @@
 // Fuzz target: the texts of /proc (process/proc_parsers.h) and the names in /proc/self/fd, against simple
 // models.
 //
-// Input: one byte that chooses the text ('s'tat, stat'u's, cmd'l'ine, 'f'd by its two low bits), then the
-// text.
+// Input: one byte that chooses the text by its two low bits ('s' stat, 'u' status, 'l' cmdline, 'f' the name
+// of a descriptor), then the text.
 #include "process/proc_parsers.h"
 #include "fuzz/fuzz.h"
 
@@ -51,7 +51,7 @@ public:
         return word;
     }
 
-    /// A decimal number behind white space, cut to 64 bits; nothing, and nothing taken, where there is none.
+    /// A decimal number after white space, cut to 64 bits; nothing, and nothing taken, where there is none.
     std::optional<long long> takeNumber()
     {
         const size_t before = position_;

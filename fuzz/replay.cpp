@@ -39,7 +39,7 @@ void run(const fs::path& input)
     if (!file.is_open() || file.bad())
         throw std::runtime_error("cannot read " + input.string());
     std::cerr << input.string() << '\n';
-    // In a block of its own size: a string has room behind its end.
+    // In a block of its own size: a string may have spare memory after its end.
     const std::vector<uint8_t> exact(bytes.begin(), bytes.end());
     LLVMFuzzerTestOneInput(exact.data(), exact.size());
 }

@@ -1,9 +1,9 @@
 // Fuzz target: every reader of common/sj.h alone, on a fresh parser, against a simple recursive model.
 //
-// Input: one byte that chooses the reader ('A' the first of the table below, and on), then the text. Two rows
-// are no readers: the one before the last takes an error code, a byte for errno and a field name and shows
-// the message; the last takes a number of calls, one byte for each, and a text on which it makes them all,
-// whatever they come to.
+// Input: one byte that chooses the reader ('A' is the first of the table below), then the text. Two letters
+// after the table's are not readers: 'U' takes an error code, a byte for errno and a field name and shows the
+// message; 'V' takes a number of calls, one byte for each, and a text on which it makes them all, whatever
+// they return.
 #include "common/sj.h"
 #include "fuzz/JsonReference.h"
 #include "fuzz/fuzz.h"
@@ -105,7 +105,7 @@ sj_parser parserOver(const ExactText& text)
 }
 
 /// The sentences that follow the message of every error.
-std::string sentencesBehindMessage(const sj_parser& parser, int systemError)
+std::string sentencesAfterMessage(const sj_parser& parser, int systemError)
 {
     const auto byte = static_cast<unsigned char>(*parser.cursor);
     char text[64];
@@ -139,7 +139,7 @@ void checkMessages(const sj_parser& parser)
         if (parser.error == 0)
             FUZZ_CHECK(text == "OK, no error.");
         else
-            FUZZ_CHECK(endsWith(text, sentencesBehindMessage(parser, systemError)));
+            FUZZ_CHECK(endsWith(text, sentencesAfterMessage(parser, systemError)));
     }
 }
 
@@ -172,16 +172,16 @@ void checkMessageOf(const std::string& input)
     const int systemError = static_cast<unsigned char>(input[1]);
     const std::string shownMessage = message(parser, systemError);
     if (parser.error < 0 || parser.error > SJ_CONSTRAINT_FAILED) {
-        FUZZ_CHECK(shownMessage == "unknown error code" + sentencesBehindMessage(parser, systemError));
+        FUZZ_CHECK(shownMessage == "unknown error code" + sentencesAfterMessage(parser, systemError));
     } else if (parser.error >= SJ_UNKNOWN_FIELD) {
         const std::string name = field.size() == 0 ? "N/A" : std::string(field.begin());
         const std::string whole =
-            messageWithField(parser.error, name) + sentencesBehindMessage(parser, systemError);
+            messageWithField(parser.error, name) + sentencesAfterMessage(parser, systemError);
         FUZZ_CHECK(shownMessage == whole.substr(0, 1023));
     }
 }
 
-/// Many calls on one parser: nothing but the text is to be touched, whatever went wrong before.
+/// Many calls on one parser: nothing except the text may be touched, whatever went wrong before.
 void callInSequence(const std::string& input)
 {
     if (input.empty())

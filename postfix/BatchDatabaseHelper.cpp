@@ -1,4 +1,3 @@
-// BatchDatabaseHelper: see the header.
 #include "postfix/BatchDatabaseHelper.h"
 
 #include "postfix/PostfixError.h"
@@ -14,7 +13,7 @@ BatchDatabaseHelper::BatchDatabaseHelper(bool incremental, bool immediate)
 
 BatchDatabaseHelper::~BatchDatabaseHelper() = default;
 
-RecordList& BatchDatabaseHelper::cacheOf(const std::string& table)
+RecordList& BatchDatabaseHelper::_cacheOf(const std::string& table)
 {
     try {
         return recordCache_[table];

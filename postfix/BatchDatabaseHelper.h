@@ -29,7 +29,7 @@ public:
     void commit();
 
 private:
-    RecordList& cacheOf(const std::string& table);
+    RecordList& _cacheOf(const std::string& table);
 
     bool incremental_;
     bool immediate_;
@@ -47,7 +47,7 @@ void BatchDatabaseHelper::addChanges(const std::string& table, RecordIterator fi
             DatabaseHelper::replaceRecords(table, first, last);
         return;
     }
-    RecordList& records = cacheOf(table);
+    RecordList& records = _cacheOf(table);
     records.insert(records.end(), first, last);
 }
 

@@ -1,5 +1,5 @@
-// Small grammars shared by the files of the mail layer: comments, empty lines, and the white space inside an
-// entry that goes on over several lines. Spirit Classic, without a skipper: every blank is matched here.
+// CommonParsers: small grammars for files like master.cf: comments, empty lines, and the white space inside
+// an entry that continues over several lines. Spirit Classic, without a skipper: every blank is matched here.
 #pragma once
 
 #include <boost/spirit/include/classic_chset.hpp>
@@ -40,7 +40,7 @@ struct empty_line_parser : classic::grammar<empty_line_parser> {
 };
 extern const empty_line_parser empty_line_p;
 
-/// "   # a comment, perhaps behind blanks"
+/// "   # a comment, perhaps after blanks"
 struct comments_line_parser : classic::grammar<comments_line_parser> {
     template <class Scanner>
     struct definition {

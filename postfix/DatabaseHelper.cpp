@@ -1,5 +1,6 @@
 #include "postfix/DatabaseHelper.h"
 
+#include "common/eintr.h"
 #include "postfix/PostfixError.h"
 #include "postfix/PostfixTool.h"
 
@@ -7,9 +8,23 @@
 
 #include <sys/wait.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <filesystem>
+#include <system_error>
 
 namespace zorvo::mail::postfix {
+
+namespace {
+
+/// As std::filesystem::remove(), which is not repeated while interrupted.
+void removeFile(const std::string& path)
+{
+    if (retryOnEintr([&] { return std::remove(path.c_str()); }) == -1 && errno != ENOENT)
+        throw std::filesystem::filesystem_error("cannot remove", path, {errno, std::generic_category()});
+}
+
+} // namespace
 
 std::string DatabaseHelper::_getSourceFilename(const std::string& table)
 {
@@ -21,7 +36,7 @@ void DatabaseHelper::_removeLmdbFile(const std::string& table)
 {
     // postmap -r opens the database file that is there, and an lmdb one does not get smaller.
     if (boost::algorithm::starts_with(table, "lmdb:"))
-        std::filesystem::remove(_getSourceFilename(table) + ".lmdb");
+        removeFile(_getSourceFilename(table) + ".lmdb");
 }
 
 void DatabaseHelper::_runAdd(const std::string& table, const process::InputSource& records)

@@ -29,12 +29,12 @@ public:
     template <class RecordIterator>
     static void addRecords(const std::string& table, RecordIterator first, RecordIterator last);
 
-    /// `postmap -d key table`. A key that is not there is no error. Throws PostfixDatabaseError with the
+    /// `postmap -d key table`. A key that is not there is not an error. Throws PostfixDatabaseError with the
     /// tool's standard error as it is when the tool was killed, or failed and reports an error (see
     /// checkOutput).
     static void removeRecord(const std::string& table, const std::string& key);
 
-    /// `postmap -d - table` with the keys on standard input; else as removeRecord. An empty range does
+    /// `postmap -d - table` with the keys on standard input; otherwise as removeRecord. An empty range does
     /// nothing.
     template <class KeyIterator>
     static void removeRecords(const std::string& table, KeyIterator first, KeyIterator last);

@@ -22,6 +22,9 @@ public:
     MainCfManager(const MainCfManager&) = delete;
     MainCfManager& operator=(const MainCfManager&) = delete;
 
+    /// The path of main.cf, which names the lock of its changes.
+    const std::string& mainCfPath() const { return mainCfPath_; }
+
     /// `postconf -h [-d] [-x] name`: the value without white space at its ends. `useDefault` asks for the
     /// built-in default, `expand` for expanded $references. An unknown parameter gives an empty value, unless
     /// the tool reports an error (see checkOutput), which is thrown.

@@ -1,29 +1,21 @@
-// MasterCfContent: see the header.
 #include "postfix/MasterCfContent.h"
 
 #include <iterator>
 #include <stdexcept>
-#include <utility>
 
 namespace zorvo::mail::postfix {
 
 void MasterCfContent::addModule(const ModuleInfo& info, const std::string& text)
 {
-    addModule(ModuleInfo(info), std::string(text));
-}
-
-void MasterCfContent::addModule(ModuleInfo&& info, std::string&& text)
-{
-    Key key(info.name, info.type);
-    const auto position = positions_.lower_bound(key);
-    if (position != positions_.end() && position->first == key) {
-        *position->second = std::move(text);
-        modules_[key] = std::move(info);
-        return;
+    const Key key(info.name, info.type);
+    const auto position = positions_.find(key);
+    if (position != positions_.end()) {
+        *position->second = text;
+    } else {
+        rawLines_.push_back(text);
+        positions_[key] = std::prev(rawLines_.end());
     }
-    rawLines_.push_back(std::move(text));
-    positions_.emplace_hint(position, key, std::prev(rawLines_.end()));
-    modules_.emplace(std::move(key), std::move(info));
+    modules_[key] = info;
 }
 
 bool MasterCfContent::hasModule(const std::string& name, ModuleType type) const
@@ -57,15 +49,14 @@ bool MasterCfContent::removeModule(const std::string& name, ModuleType type)
 std::vector<ModuleInfo> MasterCfContent::modules() const
 {
     std::vector<ModuleInfo> result;
-    result.reserve(modules_.size());
     for (const auto& module : modules_)
         result.push_back(module.second);
     return result;
 }
 
-void MasterCfContent::addRawLine(std::string line)
+void MasterCfContent::addRawLine(const std::string& line)
 {
-    rawLines_.push_back(std::move(line));
+    rawLines_.push_back(line);
 }
 
 } // namespace zorvo::mail::postfix

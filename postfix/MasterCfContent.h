@@ -23,9 +23,6 @@ public:
     /// the last line. `text` has no trailing line feed.
     void addModule(const ModuleInfo& info, const std::string& text);
 
-    /// The same, taking both over: a parser has no more use for them.
-    void addModule(ModuleInfo&& info, std::string&& text);
-
     bool hasModule(const std::string& name, ModuleType type) const;
 
     /// The service and its text, valid until it is changed or removed.
@@ -40,13 +37,13 @@ public:
     std::vector<ModuleInfo> modules() const;
 
     /// Adds a comment or an empty line at the end.
-    void addRawLine(std::string line);
+    void addRawLine(const std::string& line);
 
     /// All lines in file order.
     const std::list<std::string>& rawLines() const noexcept { return rawLines_; }
 
 private:
-    typedef std::pair<std::string, ModuleType> Key;
+    using Key = std::pair<std::string, ModuleType>;
 
     std::list<std::string> rawLines_;
     std::map<Key, ModuleInfo> modules_;

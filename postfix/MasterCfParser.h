@@ -11,7 +11,6 @@
 #include <boost/spirit/include/classic_push_back_actor.hpp>
 
 #include <string>
-#include <utility>
 
 namespace zorvo::mail::postfix {
 
@@ -30,7 +29,7 @@ private:
     MasterCfContent& content_;
 };
 
-/// Adds the entry read so far with its matched text to the content, and makes room for the next one.
+/// Adds the entry that was read with its matched text to the content, and clears it for the next one.
 class MasterCfModuleAppender {
 public:
     MasterCfModuleAppender(MasterCfContent& content, ModuleInfo& entry) : content_(content), entry_(entry) {}
@@ -38,7 +37,7 @@ public:
     template <class Iterator>
     void operator()(Iterator begin, Iterator end) const
     {
-        content_.addModule(std::move(entry_), std::string(begin, end));
+        content_.addModule(entry_, std::string(begin, end));
         entry_ = ModuleInfo();
     }
 
@@ -57,7 +56,7 @@ struct MasterCfParser : zorvo::parser::classic::grammar<MasterCfParser> {
         const zorvo::parser::classic::rule<Scanner>& start() const { return file_; }
 
     private:
-        typedef zorvo::parser::classic::rule<Scanner> Rule;
+        using Rule = zorvo::parser::classic::rule<Scanner>;
         Rule file_, line_, module_, name_, type_, private_, unprivileged_, chroot_, wakeup_, maxProc_,
             command_, word_;
     };
@@ -66,6 +65,7 @@ struct MasterCfParser : zorvo::parser::classic::grammar<MasterCfParser> {
     mutable ModuleInfo entry; ///< The one being read.
 };
 
+// Long because the grammar is one thing: its sets, then its rules from the file down to a word.
 template <class Scanner>
 MasterCfParser::definition<Scanner>::definition(const MasterCfParser& self)
 {

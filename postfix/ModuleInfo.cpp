@@ -1,4 +1,3 @@
-// ModuleInfo: see the header.
 #include "postfix/ModuleInfo.h"
 
 namespace zorvo::mail::postfix {

@@ -21,7 +21,7 @@ struct ModuleInfo {
     boost::logic::tribool unprivileged = boost::logic::indeterminate;
     boost::logic::tribool chroot = false;
     int32_t wakeup = -1;            ///< Seconds; -1: "-".
-    bool wakeupIfUsed = false;      ///< The "?" behind the wake-up time.
+    bool wakeupIfUsed = false;      ///< The "?" after the wake-up time.
     int32_t maxProc = -1;           ///< Process limit; -1: "-".
     std::list<std::string> command; ///< The command's name and its arguments, one word each.
 };

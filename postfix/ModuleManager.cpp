@@ -1,10 +1,8 @@
-// ModuleManager: see the header. Also the home of the shared grammar instances.
+// ModuleManager, and the shared instances of the grammars of CommonParsers.h.
 #include "postfix/ModuleManager.h"
 
 #include "common/MKLock.h"
-#include "common/SystemError.h"
 #include "common/TmpFile.h"
-#include "common/eintr.h"
 #include "postfix/MainCfManager.h"
 #include "postfix/MasterCfParser.h"
 #include "postfix/PostfixError.h"
@@ -12,7 +10,6 @@
 #include <boost/spirit/include/classic_file_iterator.hpp>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -36,38 +33,23 @@ namespace zorvo::mail::postfix {
 namespace {
 
 namespace fs = std::filesystem;
-typedef boost::spirit::classic::file_iterator<char> MappedFile;
+using MappedFile = boost::spirit::classic::file_iterator<char>;
 
 const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
 constexpr unsigned masterCfMode = 0644;
 
-std::error_code currentError()
-{
-    return {errno, std::system_category()};
-}
-
 /// Writes the lines up to the last one that is not empty; all of them where all are empty. Each line is
 /// flushed, so that a full disk is met at a line's end.
-void writeLines(TmpFile& file, const std::list<std::string>& lines)
+void writeLines(std::ostream& out, const std::list<std::string>& lines)
 {
     const auto lastText =
         std::find_if(lines.rbegin(), lines.rend(), [](const std::string& line) { return !line.empty(); });
     const auto end = lastText == lines.rend() ? lines.end() : lastText.base();
-    file.writeLines(lines.begin(), end);
+    for (auto line = lines.begin(); line != end; ++line)
+        out << *line << std::endl;
 }
 
-/// Gives the finished temporary file its final name.
-void replaceFile(TmpFile& file, const std::string& path)
-{
-    file.keep();
-    if (file.close() == 0 && retryOnEintr([&] { return ::rename(file.path().c_str(), path.c_str()); }) == 0)
-        return;
-    const int error = errno;
-    retryOnEintr([&] { return ::unlink(file.path().c_str()); });
-    throw FSError("rename", file.path(), path, error);
-}
-
-/// Maps a file; an empty iterator for what is no readable regular file with content.
+/// Maps a file; an empty iterator for anything except a readable regular file with content.
 MappedFile mapFile(const std::string& path)
 {
     MappedFile file;
@@ -106,7 +88,7 @@ bool includesDisabled(boost::logic::tribool enabled)
 }
 
 /// The text from `position` to the end of its line.
-std::string lineFrom(const char* position, const char* end)
+std::string lineFrom(const MappedFile& position, const MappedFile& end)
 {
     return std::string(position, std::find(position, end, '\n'));
 }
@@ -127,12 +109,10 @@ ModuleManager::ModuleManager()
 
 void ModuleManager::loadMasterCf(const std::string& path, MasterCfContent& content)
 {
-    MappedFile file = mapFile(path);
-    if (!file)
+    MappedFile begin = mapFile(path);
+    if (!begin)
         throw PostfixConfigurationError("unable to open " + path);
-    // Plain pointers into the mapping: copies of a file iterator share a counted owner and are slow.
-    const char* const begin = &*file;
-    const char* const end = begin + (file.make_end() - file);
+    const MappedFile end = begin.make_end();
     const MasterCfParser grammar(content);
     const auto result = parser::classic::parse(begin, end, grammar);
     if (!result.full) {
@@ -149,12 +129,7 @@ void ModuleManager::storeMasterCf(const std::string& path, const MasterCfContent
     TmpFile file(path, true);
     file.exceptions(std::ios::badbit | std::ios::failbit);
     writeLines(file, content.rawLines());
-    if (file.chmod(masterCfMode) != 0)
-        throw fs::filesystem_error("chmod", file.path(), currentError());
-    // After a power failure the name must stand for the old or the new file, never for an empty one.
-    if (file.sync() != 0)
-        throw fs::filesystem_error("fsync", file.path(), currentError());
-    replaceFile(file, path);
+    file.replace(path, masterCfMode);
 }
 
 void ModuleManager::loadModules(bool force)
@@ -175,7 +150,7 @@ void ModuleManager::loadModules(bool force)
 
 void ModuleManager::storeModules(bool force)
 {
-    requireLoaded();
+    _requireLoaded();
     if (force || enabledChanged_) {
         storeMasterCf(masterCfPath_, *enabled_);
         enabledChanged_ = false;
@@ -186,13 +161,13 @@ void ModuleManager::storeModules(bool force)
     }
 }
 
-void ModuleManager::requireLoaded() const
+void ModuleManager::_requireLoaded() const
 {
     if (!enabled_)
         throw std::logic_error("modules configuration isn't loaded yet");
 }
 
-MasterCfContent& ModuleManager::disabledContent()
+MasterCfContent& ModuleManager::_disabledContent()
 {
     if (!disabled_)
         disabled_.reset(new MasterCfContent);
@@ -201,13 +176,13 @@ MasterCfContent& ModuleManager::disabledContent()
 
 const MasterCfContent& ModuleManager::enabledContent() const
 {
-    requireLoaded();
+    _requireLoaded();
     return *enabled_;
 }
 
 bool ModuleManager::hasModule(const std::string& name, ModuleType type, boost::logic::tribool enabled) const
 {
-    requireLoaded();
+    _requireLoaded();
     return (includesEnabled(enabled) && enabled_->hasModule(name, type)) ||
            (includesDisabled(enabled) && disabled_ && disabled_->hasModule(name, type));
 }
@@ -215,7 +190,7 @@ bool ModuleManager::hasModule(const std::string& name, ModuleType type, boost::l
 std::pair<const ModuleInfo&, const std::string&>
 ModuleManager::getModule(const std::string& name, ModuleType type, boost::logic::tribool enabled) const
 {
-    requireLoaded();
+    _requireLoaded();
     if (!includesDisabled(enabled) || (includesEnabled(enabled) && enabled_->hasModule(name, type)))
         return enabled_->getModule(name, type);
     if (!disabled_)
@@ -225,7 +200,7 @@ ModuleManager::getModule(const std::string& name, ModuleType type, boost::logic:
 
 void ModuleManager::addModule(const ModuleInfo& info, bool enabled)
 {
-    requireLoaded();
+    _requireLoaded();
     const std::string text = formatServiceLine(info);
     if (enabled) {
         enabled_->addModule(info, text);
@@ -233,7 +208,7 @@ void ModuleManager::addModule(const ModuleInfo& info, bool enabled)
         if (disabled_ && disabled_->removeModule(info.name, info.type))
             disabledChanged_ = true;
     } else {
-        disabledContent().addModule(info, text);
+        _disabledContent().addModule(info, text);
         disabledChanged_ = true;
         if (enabled_->removeModule(info.name, info.type))
             enabledChanged_ = true;
@@ -242,8 +217,8 @@ void ModuleManager::addModule(const ModuleInfo& info, bool enabled)
 
 void ModuleManager::removeModule(const std::string& name, ModuleType type)
 {
-    requireLoaded();
-    // A copy, as it may be the name in the very entry.
+    _requireLoaded();
+    // A copy, as it may be the name in the entry itself.
     // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
     const std::string removed = name;
     if (enabled_->removeModule(removed, type))
@@ -254,7 +229,7 @@ void ModuleManager::removeModule(const std::string& name, ModuleType type)
 
 void ModuleManager::enableModule(const std::string& name, ModuleType type)
 {
-    requireLoaded();
+    _requireLoaded();
     if (enabled_->hasModule(name, type))
         return;
     if (!disabled_)
@@ -268,11 +243,11 @@ void ModuleManager::enableModule(const std::string& name, ModuleType type)
 
 void ModuleManager::disableModule(const std::string& name, ModuleType type)
 {
-    requireLoaded();
+    _requireLoaded();
     if (!enabled_->hasModule(name, type))
         return;
     const auto module = enabled_->getModule(name, type);
-    disabledContent().addModule(module.first, module.second);
+    _disabledContent().addModule(module.first, module.second);
     enabled_->removeModule(name, type);
     enabledChanged_ = true;
     disabledChanged_ = true;

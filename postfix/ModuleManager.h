@@ -37,11 +37,12 @@ public:
     /// there is anything in memory for it. Throws as storeMasterCf.
     void storeModules(bool force);
 
-    /// `enabled` true: in master.cf; false: among the disabled; indeterminate: either.
+    /// Whether the service is in master.cf (`enabled` true), among the disabled ones (false) or in either
+    /// (indeterminate).
     bool hasModule(const std::string& name, ModuleType type, boost::logic::tribool enabled) const;
 
-    /// The service and its text, looked up likewise, enabled first; valid until changed or removed.
-    /// Throws std::out_of_range "no such module NAME".
+    /// The service and its text, looked up in the same way, enabled first; valid until it is changed or
+    /// removed. Throws std::out_of_range "no such module NAME".
     std::pair<const ModuleInfo&, const std::string&> getModule(const std::string& name, ModuleType type,
                                                                boost::logic::tribool enabled) const;
 
@@ -49,7 +50,7 @@ public:
     /// others.
     void addModule(const ModuleInfo& info, bool enabled);
 
-    /// Removes a service wherever it is; an unknown one is no error.
+    /// Removes a service wherever it is; an unknown one is not an error.
     void removeModule(const std::string& name, ModuleType type);
 
     /// Moves a service with its text to the end of master.cf. Nothing to do for an enabled one;
@@ -62,8 +63,9 @@ public:
     /// The services of master.cf as loaded.
     const MasterCfContent& enabledContent() const;
 
-    /// Reads one file into `content`. Throws PostfixConfigurationError "unable to open PATH" for what is no
-    /// readable regular file or empty, and "unable to parse PATH: syntax error at position N near 'TEXT'".
+    /// Reads one file into `content`. Throws PostfixConfigurationError "unable to open PATH" for anything
+    /// except a readable regular file with content, and "unable to parse PATH: syntax error at position N
+    /// near 'TEXT'"; what was read before that stays in `content`.
     static void loadMasterCf(const std::string& path, MasterCfContent& content);
 
     /// Replaces one file with the content's lines without empty ones at the end, mode 0644. The new file is
@@ -75,8 +77,8 @@ public:
 
 private:
     ModuleManager();
-    void requireLoaded() const;
-    MasterCfContent& disabledContent(); ///< Made on first need.
+    void _requireLoaded() const;
+    MasterCfContent& _disabledContent(); ///< Made on first need.
 
     boost::scoped_ptr<MasterCfContent> enabled_;  ///< Null: nothing is loaded yet.
     boost::scoped_ptr<MasterCfContent> disabled_; ///< Null: no disabled services so far.

@@ -4,9 +4,6 @@
 
 namespace zorvo::mail::postfix {
 
-const char* const postconfPath = "/usr/sbin/postconf";
-const char* const postmapPath = "/usr/sbin/postmap";
-
 namespace {
 
 /// All of a wait status except the core dump bit (waitpid(2)).

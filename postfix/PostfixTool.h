@@ -12,8 +12,8 @@
 
 namespace zorvo::mail::postfix {
 
-extern const char* const postconfPath;
-extern const char* const postmapPath;
+inline constexpr const char* postconfPath = "/usr/sbin/postconf";
+inline constexpr const char* postmapPath = "/usr/sbin/postmap";
 
 /// A tool's path and its arguments, of which the constructor takes those before the first empty one;
 /// `arguments.push_back()` adds any.

@@ -20,7 +20,7 @@ public:
 
     /// Adds the service to master.cf (in place where it is there already) and the record to the table, both
     /// at once on disk. Throws SystemError with the current errno, before any change, "Empty domain name
-    /// specified" or "You should specify at least one non-empty ip adress"; else what ModuleManager and
+    /// specified" or "You should specify at least one non-empty ip adress"; otherwise what ModuleManager and
     /// DatabaseHelper throw.
     virtual void addDomainToSenderTransport() = 0;
 

@@ -1,15 +1,14 @@
-// ServiceManager: see the header.
 #include "postfix/ServiceManager.h"
 
 #include "common/eintr.h"
+#include "common/writeText.h"
 #include "process/fork_exec.h"
 #include "process/iterateProcesses.h"
 
-#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <iostream>
 
 namespace {
 
@@ -49,7 +48,7 @@ int disable_service(const char* name)
 
 int print_status(int status)
 {
-    std::cout << (status != 0 ? "is stopped" : "is running") << std::endl;
+    zorvo::writeText(stdout, {status != 0 ? "is stopped\n" : "is running\n"});
     return 0;
 }
 

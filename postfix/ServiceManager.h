@@ -13,7 +13,8 @@ int invoke_zorvorc_keep_fail_msg(const char* service, const char* action);
 int enable_service(const char* name);
 int disable_service(const char* name);
 
-/// Prints "is running" for 0 and "is stopped" for anything else as a line on standard output. Returns 0.
+/// Prints "is running" for 0 and "is stopped" for anything else as a line on standard output, whole even if a
+/// signal interrupts it. Returns 0.
 int print_status(int status);
 
 namespace zorvo::mail::postfix {

@@ -1,4 +1,3 @@
-// DirOwner: see the header.
 #include "process/DirOwner.h"
 
 #include "common/eintr.h"

@@ -28,7 +28,7 @@ public:
     ProcessSetCatcher& operator=(const ProcessSetCatcher&) = delete;
 
     /// remove(true) when an exception is propagating, else remove(false), whose exceptions leave; the handler
-    /// is taken off in any case. So it is a variable of a function, not a member or behind a smart pointer.
+    /// is taken off in any case. So keep it in a local variable, not in a member or a smart pointer.
     ~ProcessSetCatcher() noexcept(false); // NOLINT(bugprone-exception-escape)
 
     /// Installs the handler and makes the control pipe. Throws std::logic_error "ProcessSetCatcher instance

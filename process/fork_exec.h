@@ -41,8 +41,8 @@ pid_t fork_execv_pipes(int in, int out, int err, const char* path, char* const a
 pid_t fork_execl_pipes(int in, int out, int err, const char* path, ...);
 
 /// Runs `path` with `fd_in` and `fd_out` as standard input and output (-1: /dev/null), waits. 0, 1 and 2 are
-/// refused. Failures are reported on standard error. -1 for every end but an exit, and when the program could
-/// not be executed.
+/// refused. Failures are reported on standard error. -1 for every end except an exit, and when the program
+/// could not be executed.
 int fork_execv_fd(int fd_in, int fd_out, const char* path, char* const argv[]);
 
 /// Runs `path` with standard input from /dev/null, waits.
@@ -75,7 +75,7 @@ namespace zorvo::process {
 constexpr size_t maxListArguments = 100;
 using ArgumentVector = std::array<char*, maxListArguments + 2>;
 
-/// `first`, unless null, and what the list holds up to its null, but at most 100 of it.
+/// `first`, unless null, and what the list holds up to its null, at most 100 of it.
 ArgumentVector collectArguments(const char* first, va_list list);
 
 /// fork_execv_pipes that returns -1, with errno, where fork(2) fails.

@@ -4,7 +4,7 @@
 // over without a word.
 #pragma once
 
-/// What a process's record holds; give the wanted ones or'ed together.
+/// What a process's record holds; combine the wanted ones with |.
 enum process_info_flags : unsigned {
     PROCESS_INFO_PARENT = 1,  ///< parent_pid and command, from /proc/PID/stat.
     PROCESS_INFO_COMMAND = 2, ///< The same.

@@ -1,20 +1,12 @@
 // The command line: help, the three valued options, and what the option library refuses.
 #include "Fixture.h"
+#include "support/HelpText.h"
 
 #include <sys/wait.h>
 
 namespace contract {
 
 namespace {
-
-const char helpText[] = "Options:\n"
-                        "  -t [ --transport-type ] arg Type of transport. Should be explicit-ip, \n"
-                        "                              domain-ip, domain-name\n"
-                        "  -4 [ --ip4-addr ] arg       IP v4 address\n"
-                        "  -6 [ --ip6-addr ] arg       IP v6 address\n"
-                        "  -h [ --help ]               Show usage message\n"
-                        "  -v [ --verbose ]            Verbose output\n"
-                        "\n";
 
 const End helpPrinted = {W_EXITCODE(1, 0), "", helpText};
 

@@ -111,7 +111,7 @@ TEST_F(ConfigDirectoryTest, BlanksAroundTheAnswerDoNotCount)
     answer(Answer(askDirectory).prints(" \t/etc/postfix \r\n\n"));
     const Outcome outcome = runDomainIp({{"one.example", "192.0.2.1", ""}});
     EXPECT_EQ(outcome.end, success());
-    EXPECT_EQ(outcome.call(removeAddress4).heldLocks, std::vector<std::string>{mainCfLock});
+    EXPECT_EQ(outcome.call(removeFirstParameter).heldLocks, heldWith(mainCfLock));
     EXPECT_NE(masterCf(), plainServices);
 }
 
@@ -122,12 +122,11 @@ TEST_F(ConfigDirectoryTest, MasterCfIsSoughtInTheDirectory)
     answer(Answer(askDirectory).prints("/etc/postfix/other\n"));
     const Outcome outcome = runExplicitIp();
     EXPECT_EQ(outcome.end, success());
-    EXPECT_EQ(readWhole("/etc/postfix/other/master.cf"), "smtp inet n - y - - smtpd\n");
+    EXPECT_EQ(readFile("/etc/postfix/other/master.cf"), "smtp inet n - y - - smtpd\n");
     EXPECT_EQ(masterCf(), plainServices);
-    // The locks of other/main.cf and other/master.cf, and of the table.
     EXPECT_THAT(listing(lockDirectory),
-                testing::UnorderedElementsAre("57afb15f665e2963ba2a043e4a4ebd45",
-                                              "126883a5c026b6af1ce71c70c824ec7b", tableLock));
+                testing::UnorderedElementsAre(runLock, lockNameOf("/etc/postfix/other/main.cf"), tableLock,
+                                              lockNameOf("/etc/postfix/other/master.cf")));
 }
 
 TEST_F(ConfigDirectoryTest, SecondAnswerIsTheOneThatFindsMasterCf)
@@ -135,8 +134,7 @@ TEST_F(ConfigDirectoryTest, SecondAnswerIsTheOneThatFindsMasterCf)
     answer(Answer(askDirectory).onRun(1).prints("/nowhere\n"));
     const Outcome outcome = runExplicitIp();
     EXPECT_EQ(outcome.end, success());
-    EXPECT_EQ(outcome.call(removeAddress4).heldLocks,
-              std::vector<std::string>{"1403af2fa8ed1c004a7b4fc2ed6960d5"});
+    EXPECT_EQ(outcome.call(removeFirstParameter).heldLocks, heldWith(lockNameOf("/nowhere/main.cf")));
 }
 
 TEST_F(ConfigDirectoryTest, EmptySecondAnswerSeeksMasterCfInTheRoot)
@@ -169,7 +167,7 @@ TEST_F(ConfigDirectoryTest, MainCfIsNeverTouched)
     EXPECT_EQ(read(watch, events, sizeof events), -1);
     EXPECT_EQ(errno, EAGAIN);
     close(watch);
-    EXPECT_EQ(readWhole("/etc/postfix/main.cf"), "smtp_bind_address = 192.0.2.9\n");
+    EXPECT_EQ(readFile("/etc/postfix/main.cf"), "smtp_bind_address = 192.0.2.9\n");
 }
 
 } // namespace contract

@@ -89,7 +89,7 @@ TEST_F(DisabledServicesTest, StoringLocksTheFilesOwnName)
     writeWhole(disabledPath, generated);
     runDomainIp({{"one.example", "192.0.2.1", ""}});
     EXPECT_THAT(listing(lockDirectory),
-                testing::UnorderedElementsAre(mainCfLock, tableLock, masterCfLock, disabledLock));
+                testing::UnorderedElementsAre(runLock, mainCfLock, tableLock, masterCfLock, disabledLock));
 }
 
 TEST_F(DisabledServicesTest, UnparsableFileStopsTheRunUnderItsName)

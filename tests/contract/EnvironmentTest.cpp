@@ -255,7 +255,7 @@ TEST_F(EnvironmentTest, RunWorksWithStandardInputClosed)
 
 TEST_F(EnvironmentTest, RunWorksWithStandardOutputClosed)
 {
-    EXPECT_EQ(runWithClosed({1}).call(removeAddress4).standardDescriptors.at(1), "/dev/null");
+    EXPECT_EQ(runWithClosed({1}).call(removeFirstParameter).standardDescriptors.at(1), "/dev/null");
 }
 
 TEST_F(EnvironmentTest, RunWorksWithStandardErrorClosed)
@@ -266,8 +266,8 @@ TEST_F(EnvironmentTest, RunWorksWithStandardErrorClosed)
 TEST_F(EnvironmentTest, RunWorksWithAllStandardDescriptorsClosed)
 {
     const Outcome outcome = runWithClosed({0, 1, 2});
-    EXPECT_EQ(outcome.call(removeAddress4).standardDescriptors.at(0), "/dev/null");
-    EXPECT_EQ(outcome.call(removeAddress4).standardDescriptors.at(1), "/dev/null");
+    EXPECT_EQ(outcome.call(removeFirstParameter).standardDescriptors.at(0), "/dev/null");
+    EXPECT_EQ(outcome.call(removeFirstParameter).standardDescriptors.at(1), "/dev/null");
 }
 
 TEST_F(EnvironmentTest, DomainRunWorksWithBothOutputsClosed)

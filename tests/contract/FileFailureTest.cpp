@@ -74,21 +74,21 @@ protected:
 TEST_F(FileFailureTest, MissingSpoolFolderStopsBeforeTheTable)
 {
     fs::remove("/var/spool/postfix/zorvo");
-    expectStopped(streamFailure, {askDirectory, removeAddress4, removeAddress6});
+    expectStopped(streamFailure, wipeBefore(emptyTable));
     EXPECT_FALSE(fs::exists("/var/spool/postfix/zorvo"));
 }
 
 TEST_F(FileFailureTest, TableSourceThatIsAFolderStopsBeforeTheTable)
 {
     fs::create_directory(tableSourcePath);
-    expectStopped(streamFailure, {askDirectory, removeAddress4, removeAddress6});
+    expectStopped(streamFailure, wipeBefore(emptyTable));
 }
 
 TEST_F(FileFailureTest, ReadOnlySpoolFolderStopsBeforeTheTable)
 {
     MOUNT_OR_SKIP(spool, "/var/spool/postfix/zorvo", "/var/spool/postfix/zorvo", nullptr, MS_BIND, nullptr);
     spool.makeReadOnly();
-    expectStopped(streamFailure, {askDirectory, removeAddress4, removeAddress6});
+    expectStopped(streamFailure, wipeBefore(emptyTable));
 }
 
 TEST_F(FileFailureTest, ReadOnlyConfigurationFolderStopsBeforeMasterCfIsStored)

@@ -23,11 +23,6 @@ namespace contract {
 
 namespace {
 
-const std::string table = "hash:/var/spool/postfix/zorvo/sdd_transport_maps";
-const std::string postconf = "/usr/sbin/postconf";
-const std::string postmap = "/usr/sbin/postmap";
-const std::string script = "/usr/local/maru/admin/sbin/zorvorc";
-
 constexpr int quietLimit = 60000; // milliseconds without a sign of life of a run
 
 template <class Result>
@@ -111,7 +106,7 @@ std::vector<pid_t> children()
             continue;
         std::string stat;
         try {
-            stat = readWhole(entry.path().string() + "/stat");
+            stat = readFile(entry.path().string() + "/stat");
         } catch (const std::runtime_error&) {
             continue; // ended meanwhile
         }
@@ -137,7 +132,7 @@ void describe(World& world, const fs::path& path)
     std::string& text = world[path];
     text = std::to_string(info.st_mode) + ' ' + std::to_string(info.st_ino) + ' ';
     if (S_ISREG(info.st_mode))
-        text += readWhole(path);
+        text += readFile(path);
     else if (S_ISDIR(info.st_mode))
         for (const auto& entry : fs::directory_iterator(path))
             describe(world, entry.path());
@@ -157,24 +152,13 @@ void closeIfOpen(int& fd)
 
 } // namespace
 
-const Command askDirectory = {postconf, "-h", "config_directory"};
-const Command askDefaultDirectory = {postconf, "-h", "-d", "config_directory"};
-const Command removeAddress4 = {postconf, "-X", "smtp_bind_address"};
-const Command removeAddress6 = {postconf, "-X", "smtp_bind_address6"};
-const Command emptyTable = {postmap, "-r", table};
-const Command addRecord = {postmap, "-r", "-i", table};
-const Command restart = {script, "postfix", "restart"};
+const Command askDefaultDirectory = {postconfPath, "-h", "-d", "config_directory"};
+const Command removeFirstParameter = removeParameter(removedParameters.front());
+const Command removeLastParameter = removeParameter(removedParameters.back());
 
-Command setParameter(const std::string& assignment)
+std::vector<std::string> heldWith(const std::string& lock)
 {
-    return {postconf, "-e", assignment};
-}
-
-std::vector<Command> afterWipe(const std::vector<Command>& further)
-{
-    std::vector<Command> all = {askDirectory, removeAddress4, removeAddress6, emptyTable, askDirectory};
-    all.insert(all.end(), further.begin(), further.end());
-    return all;
+    return {std::min(lock, runLock), std::max(lock, runLock)};
 }
 
 const char plainServices[] = "# Services of this host.\n"
@@ -425,22 +409,10 @@ off_t Program::inputPosition() const
     return check(lseek(input_, 0, SEEK_CUR), "lseek");
 }
 
-std::string request(const std::vector<Binding>& domains)
-{
-    std::string text = "{\"domains\": [";
-    for (const Binding& binding : domains) {
-        if (text.back() == '}')
-            text += ", ";
-        text += "{\"domain\": \"" + binding.domain + "\", \"ip4_addr\": \"" + binding.ip4 +
-                "\", \"ip6_addr\": \"" + binding.ip6 + "\"}";
-    }
-    return text + "]}\n";
-}
-
 World world()
 {
     World found;
-    for (const char* directory : {"/etc/postfix", "/var/spool/postfix", lockDirectory})
+    for (const char* directory : {configDirectory, "/var/spool/postfix", lockDirectory})
         if (fs::exists(directory))
             describe(found, directory);
     return found;
@@ -458,7 +430,7 @@ void writeMasterCf(const std::string& bytes)
 
 std::string masterCf()
 {
-    return readWhole(masterCfPath);
+    return readFile(masterCfPath);
 }
 
 Outcome runDomainIp(const std::vector<Binding>& domains)
@@ -479,12 +451,12 @@ Outcome runExplicitIp()
 void ContractTest::SetUp()
 {
     ASSERT_TRUE(fs::exists("/run/sandbox")) << "this would change the host: run it with scripts/sandbox";
-    for (const char* directory : {"/etc/postfix", "/var/spool/postfix", lockDirectory, "/usr/local/maru",
+    for (const char* directory : {configDirectory, "/var/spool/postfix", lockDirectory, "/usr/local/maru",
                                   answerDirectory, callDirectory})
         emptyDirectory(directory);
-    fs::create_directories("/var/spool/postfix/zorvo");
-    fs::create_directories("/var/spool/postfix/pid");
-    for (const std::string& path : {postconf, postmap, script})
+    fs::create_directories(spoolDirectory);
+    fs::create_directories(fs::path(pidFilePath).parent_path());
+    for (const char* path : {postconfPath, postmapPath, serviceScriptPath})
         installStandin(path);
     writeMasterCf(plainServices);
     answer(Answer(askDirectory).prints("/etc/postfix\n"));

@@ -7,6 +7,8 @@
 #pragma once
 
 #include "standin/Records.h"
+#include "support/LockFiles.h"
+#include "support/RequestText.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,31 +22,20 @@
 
 namespace contract {
 
-constexpr char masterCfPath[] = "/etc/postfix/master.cf";
-constexpr char disabledPath[] = "/var/spool/postfix/zorvo/master.cf.disabled";
-constexpr char tableSourcePath[] = "/var/spool/postfix/zorvo/sdd_transport_maps";
-constexpr char pidFilePath[] = "/var/spool/postfix/pid/master.pid";
-constexpr char lockDirectory[] = "/run/lock/files";
 constexpr char inputPath[] = "/run/sandbox/input";
 
-// Lock files are named by the MD5 of the path that they protect.
-constexpr char mainCfLock[] = "7963c3b4b0754641744c1ae241e19575";
-constexpr char tableLock[] = "3f2d29bd9506937ccda01890b1c213f1";
-constexpr char masterCfLock[] = "b4b19c3e41d17f125e8aaa4dfa930c93";
-constexpr char disabledLock[] = "63ced3ea9ba1d8f2d9ac2336aa17d593";
+// The system's fixed places, the locks on them, and the tool runs that a run is made of.
+using namespace support;
 
-// Every command that the program runs.
-extern const Command askDirectory;
+/// postconf's built-in default of config_directory, asked for when the first query fails.
 extern const Command askDefaultDirectory;
-extern const Command removeAddress4;
-extern const Command removeAddress6;
-extern const Command emptyTable;
-extern const Command addRecord;
-extern const Command restart;
-Command setParameter(const std::string& assignment);
 
-/// The commands of a run that wipes what earlier runs left, then runs `further`.
-std::vector<Command> afterWipe(const std::vector<Command>& further);
+/// The first and the last parameter that a run removes.
+extern const Command removeFirstParameter;
+extern const Command removeLastParameter;
+
+/// The locks held while a tool makes the change that `lock` protects, as its stand-in sees them.
+std::vector<std::string> heldWith(const std::string& lock);
 
 /// The master.cf that a test starts with.
 extern const char plainServices[];
@@ -59,6 +50,7 @@ struct End {
     {
         return waitStatus == other.waitStatus && out == other.out && err == other.err;
     }
+    bool operator!=(const End& other) const { return !(*this == other); }
 };
 std::ostream& operator<<(std::ostream& stream, const End& end);
 
@@ -138,19 +130,9 @@ private:
     size_t callsBefore_ = 0;
 };
 
-/// One element of "domains".
-struct Binding {
-    std::string domain;
-    std::string ip4;
-    std::string ip6;
-};
-
-/// The request document for these domains.
-std::string request(const std::vector<Binding>& domains);
-
 /// Everything below the directories that the program may change: path, then type, mode, inode and bytes, so
 /// that a file that was merely replaced differs, too.
-typedef std::map<std::string, std::string> World;
+using World = std::map<std::string, std::string>;
 
 World world();
 

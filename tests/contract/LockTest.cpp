@@ -1,13 +1,9 @@
-// The lock files: which are held while what runs, waiting for them, and what is said of one that cannot be
-// had.
+// The locks: which are held while what runs, who waits for them, and what is said of one that cannot be had.
 #include "Fixture.h"
 
-#include <fcntl.h>
+#include <csignal>
 #include <filesystem>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -17,30 +13,36 @@ namespace {
 
 class LockTest : public ContractTest {
 protected:
-    static std::string path(const char* lock) { return std::string(lockDirectory) + '/' + lock; }
+    static std::string path(const std::string& lock) { return std::string(lockDirectory) + '/' + lock; }
 
-    // Starts a run while the lock is held by somebody else; it has to wait after `before` and to do the rest
-    // when the lock is free.
-    static void expectWaits(const char* lock, const std::vector<Command>& before)
+    // Starts a run while somebody else holds the lock: it has to wait after `before`, with nothing done
+    // further, and to do the rest when the lock is free.
+    static void expectWaits(const std::string& lock, const std::vector<Command>& before)
     {
-        const int holder = open(path(lock).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-        ASSERT_NE(holder, -1);
-        ASSERT_EQ(flock(holder, LOCK_EX), 0);
+        HeldLock held(path(lock));
         Program program({"-t", "domain-ip"});
         program.file(request({{"one.example", "192.0.2.1", ""}}));
-        waitUntilBlocked(program.start());
-        std::vector<Command> commands;
-        for (const std::string& record : readRecords(callDirectory))
-            commands.push_back(callFromText(record).command);
-        EXPECT_EQ(commands, before);
-        close(holder);
+        ASSERT_TRUE(held.isAwaitedBy(program.start())) << "the run ended without waiting for the lock";
+        EXPECT_EQ(commandsSoFar(), before);
+        held.release();
         const Outcome outcome = program.finish();
         EXPECT_EQ(outcome.end, success());
         EXPECT_EQ(outcome.commands(), afterWipe({addRecord, restart}));
     }
 
+    // This run ends as it does when nobody holds the lock of the runs.
+    static void expectDoesNotWait(Program& program, const End& end)
+    {
+        const HeldLock held(path(runLock));
+        const World before = world();
+        const Outcome outcome = program.run();
+        EXPECT_EQ(outcome.end, end);
+        EXPECT_EQ(outcome.commands(), std::vector<Command>());
+        EXPECT_EQ(world(), before);
+    }
+
     // A lock file that cannot be opened: reported as such, then as the failure of the run.
-    static void expectReported(const char* lock, const std::string& reason, int number,
+    static void expectReported(const std::string& lock, const std::string& reason, int number,
                                const std::vector<Command>& commands)
     {
         const Outcome outcome = runDomainIp({{"one.example", "192.0.2.1", ""}});
@@ -53,17 +55,12 @@ protected:
         EXPECT_EQ(listing("/var/spool/postfix/zorvo"), std::vector<std::string>());
     }
 
-private:
-    // The kernel lists who waits for a lock, marked by an arrow.
-    static void waitUntilBlocked(pid_t pid)
+    static std::vector<Command> commandsSoFar()
     {
-        const std::string waiting = "-> FLOCK  ADVISORY  WRITE " + std::to_string(pid) + ' ';
-        while (readWhole("/proc/locks").find(waiting) == std::string::npos) {
-            siginfo_t info = {};
-            ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT), 0);
-            ASSERT_EQ(info.si_pid, 0) << "the run ended without waiting for the lock";
-            usleep(1000);
-        }
+        std::vector<Command> commands;
+        for (const std::string& record : readRecords(callDirectory))
+            commands.push_back(callFromText(record).command);
+        return commands;
     }
 };
 
@@ -75,19 +72,26 @@ TEST_F(LockTest, EachChangeRunsUnderTheLockOfWhatItChanges)
 {
     const Outcome domains = runDomainIp({{"one.example", "192.0.2.1", ""}});
     const Outcome explicitIp = runExplicitIp();
-    typedef std::vector<std::string> Locks;
-    std::vector<Locks> held;
-    for (const Call& call : domains.calls)
-        held.push_back(call.heldLocks);
-    EXPECT_EQ(held, (std::vector<Locks>{{}, {mainCfLock}, {mainCfLock}, {tableLock}, {}, {tableLock}, {}}));
-    EXPECT_EQ(explicitIp.call(setParameter("smtp_bind_address=192.0.2.1")).heldLocks, Locks{mainCfLock});
+    std::vector<Command> commands = afterWipe({addRecord, restart});
+    ASSERT_EQ(domains.commands(), commands);
+    EXPECT_EQ(domains.calls.front().heldLocks, std::vector<std::string>());
+    for (size_t i = 1; i < commands.size(); ++i) {
+        SCOPED_TRACE(testing::PrintToString(commands[i]));
+        const bool changesTable = commands[i] == emptyTable || commands[i] == addRecord;
+        const bool changesNothing = commands[i] == askDirectory || commands[i] == restart;
+        EXPECT_EQ(domains.calls[i].heldLocks, changesNothing
+                                                  ? std::vector<std::string>{runLock}
+                                                  : heldWith(changesTable ? tableLock : mainCfLock));
+    }
+    EXPECT_EQ(explicitIp.call(setParameter("smtp_bind_address=192.0.2.1")).heldLocks, heldWith(mainCfLock));
 }
 
 TEST_F(LockTest, LockFilesAreEmptyAndStay)
 {
     runDomainIp({{"one.example", "192.0.2.1", ""}});
-    EXPECT_THAT(listing(lockDirectory), testing::UnorderedElementsAre(mainCfLock, tableLock, masterCfLock));
-    for (const char* lock : {mainCfLock, tableLock, masterCfLock}) {
+    EXPECT_THAT(listing(lockDirectory),
+                testing::UnorderedElementsAre(runLock, mainCfLock, tableLock, masterCfLock));
+    for (const std::string& lock : {runLock, mainCfLock, tableLock, masterCfLock}) {
         EXPECT_EQ(stateOf(path(lock)), (FileState{0644, ""}));
         EXPECT_FALSE(isLocked(path(lock)));
     }
@@ -96,7 +100,7 @@ TEST_F(LockTest, LockFilesAreEmptyAndStay)
 TEST_F(LockTest, FileThatIsNotStoredIsNotLocked)
 {
     runExplicitIp();
-    EXPECT_THAT(listing(lockDirectory), testing::UnorderedElementsAre(mainCfLock, tableLock));
+    EXPECT_THAT(listing(lockDirectory), testing::UnorderedElementsAre(runLock, mainCfLock, tableLock));
 }
 
 TEST_F(LockTest, LockFilesThatExistAreTruncatedAndKept)
@@ -108,6 +112,73 @@ TEST_F(LockTest, LockFilesThatExistAreTruncatedAndKept)
     EXPECT_EQ(world().at(path(tableLock)) + "4711\n", before.at(path(tableLock)));
 }
 
+TEST_F(LockTest, RunWaitsForTheOneBeforeWithNothingButTheQueryMade)
+{
+    writeMasterCf(generatedServices);
+    HeldLock held(path(runLock));
+    Program program({"-t", "explicit-ip", "-4", "192.0.2.1"});
+    ASSERT_TRUE(held.isAwaitedBy(program.start())) << "the run ended without waiting for the one before";
+    EXPECT_EQ(commandsSoFar(), std::vector<Command>{askDirectory});
+    EXPECT_EQ(masterCf(), generatedServices);
+    EXPECT_EQ(listing(spoolDirectory), std::vector<std::string>());
+    // What the run before has stored meanwhile is what this one starts from.
+    writeMasterCf("smtp inet n - y - - smtpd -v\nzorvo-192.0.2.8- unix - - n - - smtp\n");
+    held.release();
+    EXPECT_EQ(program.finish().end, success());
+    EXPECT_EQ(masterCf(), "smtp inet n - y - - smtpd -v\n");
+}
+
+TEST_F(LockTest, HelpDoesNotWait)
+{
+    const HeldLock held(path(runLock));
+    const Outcome outcome = Program({"--help"}).run();
+    EXPECT_EQ(outcome.end.waitStatus, W_EXITCODE(1, 0));
+    EXPECT_EQ(outcome.commands(), std::vector<Command>());
+}
+
+TEST_F(LockTest, RefusedRequestDoesNotWait)
+{
+    Program program({"-t", "domain-name"});
+    program.pipe("[]");
+    expectDoesNotWait(program,
+                      badRequest("JSON object is expected. Error occured at offset 0, character '['. "));
+}
+
+TEST_F(LockTest, ExplicitIpWithoutAddressesDoesNotWait)
+{
+    Program program({"-t", "explicit-ip"});
+    expectDoesNotWait(program, failure("std::runtime_error(either ipv4 and ip6 empty)"));
+}
+
+TEST_F(LockTest, KilledRunReleasesTheLockOfTheRuns)
+{
+    const HeldLock held(path(tableLock));
+    Program program({"-t", "explicit-ip", "-4", "192.0.2.1"});
+    const pid_t pid = program.start();
+    ASSERT_TRUE(held.isAwaitedBy(pid));
+    EXPECT_TRUE(isLocked(path(runLock)));
+    kill(pid, SIGKILL);
+    EXPECT_EQ(program.finish().end, (End{SIGKILL, "", ""}));
+    EXPECT_FALSE(isLocked(path(runLock)));
+}
+
+TEST_F(LockTest, FailedRunReleasesTheLockOfTheRuns)
+{
+    answer(Answer(emptyTable).exits(1));
+    EXPECT_NE(runExplicitIp().end, success());
+    EXPECT_FALSE(isLocked(path(runLock)));
+}
+
+TEST_F(LockTest, LaunchedProgramsInheritNoLock)
+{
+    const Outcome outcome = runDomainIp({{"one.example", "192.0.2.1", ""}});
+    EXPECT_EQ(outcome.call(restart).heldLocks, std::vector<std::string>{runLock});
+    for (const Call& call : outcome.calls) {
+        SCOPED_TRACE(testing::PrintToString(call.command));
+        EXPECT_EQ(call.furtherDescriptors, std::vector<std::string>());
+    }
+}
+
 TEST_F(LockTest, RunWaitsForTheLockOfMainCf)
 {
     expectWaits(mainCfLock, {askDirectory});
@@ -115,7 +186,7 @@ TEST_F(LockTest, RunWaitsForTheLockOfMainCf)
 
 TEST_F(LockTest, RunWaitsForTheLockOfTheTable)
 {
-    expectWaits(tableLock, {askDirectory, removeAddress4, removeAddress6});
+    expectWaits(tableLock, wipeBefore(emptyTable));
 }
 
 TEST_F(LockTest, RunWaitsForTheLockOfMasterCf)
@@ -141,11 +212,19 @@ TEST_F(LockTest, LockDirectoryThatIsAFileStopsTheFirstChange)
     fs::remove(lockDirectory);
 }
 
+TEST_F(LockTest, UnusableLockOfTheRunsStopsTheFirstChange)
+{
+    writeMasterCf(generatedServices);
+    fs::create_directory(path(runLock));
+    expectReported(runLock, "Is a directory", 21, {askDirectory});
+    EXPECT_EQ(masterCf(), generatedServices);
+}
+
 TEST_F(LockTest, UnusableLockOfTheTableStopsBeforeTheTable)
 {
     writeMasterCf(generatedServices);
     fs::create_directory(path(tableLock));
-    expectReported(tableLock, "Is a directory", 21, {askDirectory, removeAddress4, removeAddress6});
+    expectReported(tableLock, "Is a directory", 21, wipeBefore(emptyTable));
     EXPECT_EQ(masterCf(), generatedServices);
 }
 

@@ -197,13 +197,13 @@ TEST_F(MasterCfTest, EveryOtherByteIsKept)
 // The file that Debian's postfix package installs.
 TEST_F(MasterCfTest, StockFileIsKeptByteForByte)
 {
-    const std::string stock = readWhole("/usr/share/postfix/master.cf.dist");
+    const std::string stock = readFile("/usr/share/postfix/master.cf.dist");
     expectWiped(stock + "zorvo-x unix - - n - - smtp\n", stock);
 }
 
 TEST_F(MasterCfTest, ServiceIsPutBehindTheStockFile)
 {
-    const std::string stock = readWhole("/usr/share/postfix/master.cf.dist");
+    const std::string stock = readFile("/usr/share/postfix/master.cf.dist");
     expectBound(stock, stock + '\n' + service);
 }
 
@@ -267,7 +267,7 @@ TEST_F(MasterCfTest, FileIsReplacedThroughARename)
 {
     fs::create_hard_link(masterCfPath, "/etc/postfix/kept");
     runDomainIp({{"one.example", "192.0.2.1", ""}});
-    EXPECT_EQ(readWhole("/etc/postfix/kept"), plainServices);
+    EXPECT_EQ(readFile("/etc/postfix/kept"), plainServices);
     EXPECT_EQ(masterCf(), plainServices + ("\n" + std::string(service)));
     EXPECT_EQ(listing("/etc/postfix"), (std::vector<std::string>{"kept", "master.cf"}));
 }
@@ -285,7 +285,7 @@ protected:
         EXPECT_EQ(outcome.end, failure("zorvo::mail::postfix::PostfixConfigurationError(" + message + ')'));
         EXPECT_EQ(outcome.commands(), afterWipe({}));
         World after = world();
-        for (const char* lock : {mainCfLock, tableLock})
+        for (const std::string& lock : {runLock, mainCfLock, tableLock})
             after.erase(std::string(lockDirectory) + '/' + lock);
         EXPECT_EQ(after, before);
     }

@@ -40,6 +40,12 @@ private:
 
 class Report {
 public:
+    /// For the whole of the points, or for one share of them: number `share`, counted from 1, of `shares`.
+    explicit Report(unsigned share = 1, unsigned shares = 1) : share_(share - 1), shares_(shares) {}
+
+    /// Asked once for each point, in the same order in every share: whether this share is to strike it.
+    bool takes() { return point_++ % shares_ == share_; }
+
     /// One try of the row `name`; `circumstances` tells it from the row's others.
     void add(const std::string& name, const std::string& circumstances, const Problems& problems);
 
@@ -61,6 +67,9 @@ private:
     };
     Row& row(const std::string& name);
 
+    unsigned share_;
+    unsigned shares_;
+    unsigned point_ = 0;
     std::vector<Row> rows_;
     unsigned missed_ = 0;
 };

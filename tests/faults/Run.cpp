@@ -106,7 +106,7 @@ std::string textAt(pid_t pid, unsigned long address)
 {
     std::string text;
     for (;;) {
-        // Page by page: behind the last one there may be nothing.
+        // Page by page: after the last one there may be nothing.
         char part[4096];
         iovec here = {part, sizeof part - address % sizeof part};
         iovec there = {reinterpret_cast<void*>(address), here.iov_len};
@@ -205,7 +205,7 @@ void setAlarm(unsigned seconds)
     action.sa_handler = ring; // without SA_RESTART: waiting is interrupted
     sigaction(SIGALRM, &action, nullptr);
     alarmRang = 0;
-    // Repeated, lest it should come between a look at alarmRang and the waiting.
+    // Repeated, because it may come between a look at alarmRang and the waiting.
     const itimerval timer = {{seconds == 0 ? 0 : 1, 0}, {static_cast<time_t>(seconds), 0}};
     setitimer(ITIMER_REAL, &timer, nullptr);
 }
@@ -233,8 +233,8 @@ std::vector<pid_t> childrenOfThis()
 // A file without a name, for output of any length.
 class Scratch {
 public:
-    explicit Scratch(const std::string& content = std::string())
-        : fd_(check(memfd_create("scratch", MFD_CLOEXEC), "memfd_create"))
+    explicit Scratch(const char* name, const std::string& content = std::string())
+        : fd_(check(memfd_create(name, MFD_CLOEXEC), "memfd_create"))
     {
         for (size_t done = 0; done < content.size();)
             done += static_cast<size_t>(
@@ -262,7 +262,7 @@ public:
     explicit Runner(const Launch& launch)
         : launch_(launch),
           traced_(launch.traced || launch.fault.effect != Effect::None),
-          input_(launch.inputIsFile ? launch.input : std::string())
+          input_("input", launch.inputIsFile ? launch.input : std::string())
     {
     }
 
@@ -291,8 +291,8 @@ private:
     const Launch& launch_;
     bool traced_;
     Scratch input_;
-    Scratch out_;
-    Scratch err_;
+    Scratch out_{"output"};
+    Scratch err_{"errors"};
     pid_t main_ = -1;
     bool mainEnded_ = false;
     int processes_ = 0;

@@ -20,37 +20,78 @@ Launch launchOf(const Request& request)
     return launch;
 }
 
-Outcome runUndisturbed()
+[[noreturn]] void throwUnexpected(const std::string& what, const Problems& problems)
 {
-    resetWorld();
-    Launch launch = launchOf(threeDomains);
-    launch.traced = true;
-    Outcome outcome = run(launch);
-    Problems problems;
-    requireSuccess(problems, threeDomains, outcome);
-    if (!problems.texts().empty())
-        throw std::runtime_error("the undisturbed run fails: " + Problems::joined(problems.texts()));
-    return outcome;
+    throw std::runtime_error("the undisturbed run, " + what + ": " + Problems::joined(problems.texts()));
 }
 
-// One child of each kind: with its output in pipes, with its input from one, the service script.
+// The program, and one child of each kind: with its output in pipes, with its input from one, the service
+// script.
 bool isTypicalProcess(int process)
 {
-    return process == 0 || process == 1 || process == 6 || process == scriptProcess;
+    return process == 0 || process == processOf(support::askDirectory) ||
+           process == processOf(support::addRecord) || isScript(process);
 }
 
 } // namespace
 
+const support::Command& commandOf(int process)
+{
+    static const std::vector<support::Command> tools = threeDomains.tools();
+    return tools.at(static_cast<size_t>(process) - 1);
+}
+
+int processOf(const support::Command& command)
+{
+    int process = 1;
+    while (commandOf(process) != command)
+        ++process;
+    return process;
+}
+
+bool isScript(int process)
+{
+    return process != 0 && commandOf(process) == support::restart;
+}
+
 const std::vector<Event>& undisturbedRun()
 {
-    static const std::vector<Event> events = runUndisturbed().events;
+    static const std::vector<Event> events = [] {
+        resetWorld();
+        Launch launch = launchOf(threeDomains);
+        launch.traced = true;
+        const Outcome outcome = run(launch);
+        Problems problems;
+        requireSuccess(problems, threeDomains, outcome);
+        if (!problems.texts().empty())
+            throwUnexpected("three domains", problems);
+        return outcome.events;
+    }();
     return events;
 }
 
-std::vector<Event> placesToStrike(bool longForm, const std::function<bool(const Event&)>& wanted)
+Outcome runUndisturbed(const Scenario& scenario)
+{
+    scenario.begin();
+    Launch launch = scenario.launch();
+    launch.traced = true;
+    Outcome outcome = run(launch);
+    Problems problems;
+    requireCleanEnd(problems, outcome);
+    problems.require(outcome.status == W_EXITCODE(scenario.status, 0),
+                     "wait status " + std::to_string(outcome.status));
+    problems.requireEqual("standard output", scenario.out, outcome.out);
+    problems.requireEqual("standard error", scenario.err, outcome.err);
+    if (!problems.texts().empty())
+        throwUnexpected(scenario.name, problems);
+    return outcome;
+}
+
+std::vector<Event> placesToStrike(const std::vector<Event>& events, bool longForm,
+                                  const std::function<bool(const Event&)>& wanted)
 {
     std::vector<Event> places;
-    for (const Event& event : undisturbedRun())
+    for (const Event& event : events)
         if (wanted(event) && (longForm || isTypicalProcess(event.process)))
             places.push_back(event);
     if (longForm)
@@ -65,21 +106,31 @@ std::vector<Event> placesToStrike(bool longForm, const std::function<bool(const 
     return chosen;
 }
 
-Outcome strike(const Event& place, Effect effect, int error)
+namespace {
+
+Outcome strikeRun(const std::function<void()>& begin, Launch launch, const Event& place, Effect effect,
+                  int error)
 {
     constexpr int patience = 5;
-    Launch launch = launchOf(threeDomains);
-    launch.fault.effect = effect;
-    launch.fault.process = place.process;
-    launch.fault.call = place.call;
-    launch.fault.occurrence = place.occurrence;
-    launch.fault.error = error;
+    launch.fault = {effect, place.process, place.call, place.occurrence, error};
     Outcome outcome;
     for (int i = 0; i < patience && !outcome.struck; ++i) {
-        resetWorld();
+        begin();
         outcome = run(launch);
     }
     return outcome;
+}
+
+} // namespace
+
+Outcome strike(const Event& place, Effect effect, int error)
+{
+    return strikeRun(resetWorld, launchOf(threeDomains), place, effect, error);
+}
+
+Outcome strike(const Scenario& scenario, const Event& place, Effect effect, int error)
+{
+    return strikeRun([&] { scenario.begin(); }, scenario.launch(), place, effect, error);
 }
 
 std::string describe(const Event& place)

@@ -3,6 +3,7 @@
 
 #include "Report.h"
 #include "Run.h"
+#include "Scenario.h"
 #include "World.h"
 
 #include <functional>
@@ -14,22 +15,29 @@ namespace faults {
 /// The calls of an undisturbed run of `threeDomains`, in order.
 const std::vector<Event>& undisturbedRun();
 
-/// Those that `wanted` picks. The short form keeps of those alike (in name and in what they are about) the
-/// first and the last, and of the children one of each kind.
-std::vector<Event> placesToStrike(bool longForm, const std::function<bool(const Event&)>& wanted);
+/// A run of a scenario without any fault, which has to end as the scenario says.
+Outcome runUndisturbed(const Scenario& scenario);
 
-/// Children are the launched tools in order; this is the service script, which is launched in another way.
-constexpr int scriptProcess = 9;
+/// Those of the calls that `wanted` picks. The short form keeps of those alike (in name and in what they are
+/// about) the first and the last, and of the children one of each kind.
+std::vector<Event> placesToStrike(const std::vector<Event>& events, bool longForm,
+                                  const std::function<bool(const Event&)>& wanted);
 
-/// Those that get a record on standard input.
-constexpr bool isFedProcess(int process)
-{
-    return process >= 6 && process <= 8;
-}
+/// What a child of a run of `threeDomains` is launched for: child N runs the N-th tool.
+const support::Command& commandOf(int process);
+
+/// The first child that runs that tool.
+int processOf(const support::Command& command);
+
+/// Whether a child runs the service script, which is launched in another way than the others.
+bool isScript(int process);
 
 /// Runs `threeDomains` in a fresh world with that fault. When the run does not come to the place, since the
 /// order of signals is chance, a few more are tried.
 Outcome strike(const Event& place, Effect effect, int error = 0);
+
+/// The same with a run of the scenario.
+Outcome strike(const Scenario& scenario, const Event& place, Effect effect, int error = 0);
 
 /// "write 12 on pipe: "
 std::string describe(const Event& place);

@@ -2,6 +2,8 @@
 
 #include "Run.h"
 
+#include <boost/algorithm/string/join.hpp>
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -26,11 +28,8 @@ namespace {
 
 const char* const keptTools = "/run/sandbox/real";
 const char* const logFile = "/run/sandbox/log";
-const char* const pidFile = "/var/spool/postfix/pid/master.pid";
-const char* const directories[] = {"/etc/postfix", "/var/spool/postfix/zorvo"};
-const std::string postconf = "/usr/sbin/postconf";
-const std::string postmap = "/usr/sbin/postmap";
-const std::string script = "/usr/local/maru/admin/sbin/zorvorc";
+const char* const directories[] = {support::configDirectory, support::spoolDirectory};
+const char* const tools[] = {support::postconfPath, support::postmapPath};
 
 std::string standin;
 
@@ -81,7 +80,7 @@ void startQmgr()
         const std::string number = std::to_string(getpid()) + '\n';
         if (fork() == 0) {
             prctl(PR_SET_NAME, "qmgr");
-            writeFile(pidFile, number);
+            writeFile(support::pidFilePath, number);
         }
         for (const int fd : {0, 1, 2})
             close(fd);
@@ -89,7 +88,7 @@ void startQmgr()
             pause();
     }
     waitpid(pid, nullptr, 0);
-    while (!fs::exists(pidFile) || readFile(pidFile).empty())
+    while (!fs::exists(support::pidFilePath) || readFile(support::pidFilePath).empty())
         usleep(1000);
 }
 
@@ -115,18 +114,6 @@ const Request twoDomains = {"domain-ip",
 const std::string firstMasterCf =
     foreignServices + "zorvo-old.example-192.0.2.9- unix - - n - - smtp -o smtp_bind_address=192.0.2.9\n";
 
-std::string request(const std::vector<Binding>& bindings)
-{
-    std::string text = "{\"domains\": [";
-    for (const Binding& binding : bindings) {
-        if (text.back() == '}')
-            text += ", ";
-        text += "{\"domain\": \"" + binding.domain + "\", \"ip4_addr\": \"" + binding.ip4 +
-                "\", \"ip6_addr\": \"" + binding.ip6 + "\"}";
-    }
-    return text + "]}\n";
-}
-
 std::string Request::masterCf(size_t number, size_t emptyLines) const
 {
     std::string text = foreignServices + std::string(number == 0 ? 0 : emptyLines, '\n');
@@ -146,15 +133,19 @@ std::string Request::records() const
     return text;
 }
 
+std::vector<support::Command> Request::tools() const
+{
+    std::vector<support::Command> runs(bindings.size(), support::addRecord);
+    runs.push_back(support::restart);
+    return support::afterWipe(runs);
+}
+
 std::vector<std::string> Request::calls() const
 {
-    const std::string table = std::string("hash:") + tablePath;
-    std::vector<std::string> calls = {postconf + " -h config_directory", postconf + " -X smtp_bind_address",
-                                      postconf + " -X smtp_bind_address6", postmap + " -r " + table,
-                                      postconf + " -h config_directory"};
-    calls.insert(calls.end(), bindings.size(), postmap + " -r -i " + table);
-    calls.push_back(script + " postfix restart");
-    return calls;
+    std::vector<std::string> lines;
+    for (const support::Command& command : tools())
+        lines.push_back(boost::algorithm::join(command, " "));
+    return lines;
 }
 
 Snapshot snapshot()
@@ -195,11 +186,9 @@ void setUpMachine(const std::string& toolPath)
     umask(022);
     standin = toolPath;
     fs::create_directories(keptTools);
-    for (const std::string& tool : {postconf, postmap})
+    for (const std::string tool : tools)
         fs::copy_file(tool, keptTools + ("/" + fs::path(tool).filename().string()));
-    useRealTools(false);
-    install(standin, script);
-    resetWorld();
+    restoreMachine();
     startQmgr();
     // What a run leaves behind becomes a child of this process.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
@@ -207,7 +196,7 @@ void setUpMachine(const std::string& toolPath)
 
 void useRealTools(bool real)
 {
-    for (const std::string& tool : {postconf, postmap})
+    for (const std::string tool : tools)
         install(real ? keptTools + ("/" + fs::path(tool).filename().string()) : standin, tool);
 }
 
@@ -220,6 +209,13 @@ void resetWorld()
     writeFile(masterCfPath, firstMasterCf);
     writeFile(mainCfPath, std::string(cleanMainCf) + "smtp_bind_address = 192.0.2.9\n");
     writeFile(databasePath, "@old.example zorvo-old.example-192.0.2.9-:\n");
+}
+
+void restoreMachine()
+{
+    useRealTools(false);
+    install(standin, support::serviceScriptPath);
+    resetWorld();
 }
 
 std::vector<std::string> toolNotes()
@@ -242,12 +238,9 @@ std::vector<std::string> toolCalls()
 std::vector<std::string> heldLocks()
 {
     std::vector<std::string> held;
-    for (const std::string& name : listing(lockDirectory)) {
-        const int fd = open((std::string(lockDirectory) + '/' + name).c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd == -1 || flock(fd, LOCK_EX | LOCK_NB) != 0)
+    for (const std::string& name : listing(lockDirectory))
+        if (support::isLocked(std::string(lockDirectory) + '/' + name))
             held.push_back(name);
-        close(fd);
-    }
     return held;
 }
 
@@ -267,34 +260,6 @@ std::string judgeByPostconf()
     if (status == 0 && named && text.find("postconf:") == std::string::npos)
         return std::string();
     return "postconf -M ends with " + std::to_string(status) + ": " + text;
-}
-
-std::vector<std::string> listing(const std::string& directory)
-{
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(directory))
-        names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    if (!file)
-        throw std::runtime_error("cannot read " + path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-void writeFile(const std::string& path, const std::string& bytes)
-{
-    std::ofstream file(path, std::ios::binary);
-    file << bytes;
-    file.close();
-    if (!file)
-        throw std::runtime_error("cannot write " + path);
 }
 
 } // namespace faults

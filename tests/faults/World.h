@@ -4,34 +4,32 @@
 // All this is done to the real paths: scripts/sandbox has to make them private first.
 #pragma once
 
+#include "support/LockFiles.h"
+#include "support/RequestText.h"
+#include "support/ScratchDir.h"
+#include "support/ToolRuns.h"
+
 #include <map>
 #include <string>
 #include <vector>
 
 namespace faults {
 
-constexpr char masterCfPath[] = "/etc/postfix/master.cf";
-constexpr char mainCfPath[] = "/etc/postfix/main.cf";
-constexpr char tablePath[] = "/var/spool/postfix/zorvo/sdd_transport_maps";
-constexpr char databasePath[] = "/var/spool/postfix/zorvo/sdd_transport_maps.db";
-constexpr char lockDirectory[] = "/run/lock/files";
+using support::listing;
+using support::lockDirectory;
+using support::mainCfPath;
+using support::masterCfPath;
+using support::readFile;
+using support::tableSourcePath;
+using support::writeFile;
 
-// Lock files are named by the MD5 of the path that they protect.
-constexpr char mainCfLock[] = "/run/lock/files/7963c3b4b0754641744c1ae241e19575";
-constexpr char tableLock[] = "/run/lock/files/3f2d29bd9506937ccda01890b1c213f1";
-constexpr char masterCfLock[] = "/run/lock/files/b4b19c3e41d17f125e8aaa4dfa930c93";
+/// Where the stand-in of postmap keeps the table's records, as text.
+constexpr char databasePath[] = "/var/spool/postfix/zorvo/sdd_transport_maps.db";
 
 /// The services that no run may touch.
 extern const std::string foreignServices;
 
-struct Binding {
-    std::string domain;
-    std::string ip4;
-    std::string ip6;
-};
-
-/// The request document.
-std::string request(const std::vector<Binding>& bindings);
+using support::Binding;
 
 /// A transport type with what it is given, and all that follows from it.
 struct Request {
@@ -39,14 +37,15 @@ struct Request {
     std::vector<Binding> bindings;
 
     std::vector<std::string> arguments() const { return {"--transport-type", type}; }
-    std::string input() const { return request(bindings); }
+    std::string input() const { return support::request(bindings); }
 
-    /// master.cf once the first `number` bindings are in it, behind empty lines: the end of the file's last
+    /// master.cf once the first `number` bindings are in it, after empty lines: the end of the file's last
     /// line counts as one, and so every run adds one.
     std::string masterCf(size_t number, size_t emptyLines = 1) const;
     std::string masterCf() const { return masterCf(bindings.size()); }
-    std::string records() const;            ///< The table's database file.
-    std::vector<std::string> calls() const; ///< The tools that a run runs, in order.
+    std::string records() const;                 ///< The table's database file.
+    std::vector<support::Command> tools() const; ///< The tools that a run runs, in order.
+    std::vector<std::string> calls() const;      ///< The same, as toolCalls() has them.
 };
 
 /// Three domains, in the mode with a service for each.
@@ -61,13 +60,13 @@ constexpr char cleanMainCf[] = "inet_interfaces = loopback-only\n";
 extern const std::string firstMasterCf;
 
 /// Path, then mode and bytes, of everything in /etc/postfix and /var/spool/postfix/zorvo.
-typedef std::map<std::string, std::string> Snapshot;
+using Snapshot = std::map<std::string, std::string>;
 Snapshot snapshot();
 
 /// That of a machine on which the request was carried out.
 Snapshot snapshotAfter(const Request& request, size_t emptyLines = 1);
 
-/// How many empty lines stand behind the foreign services.
+/// How many empty lines stand after the foreign services.
 size_t emptyLinesNow();
 
 /// Keeps the real tools, installs the stand-ins, starts a "qmgr" for the program to find. Throws outside the
@@ -77,8 +76,11 @@ void setUpMachine(const std::string& toolPath);
 /// Puts the real postconf and postmap in place, or the stand-ins again.
 void useRealTools(bool real);
 
-/// The world as it is at the start.
+/// The files as they are at the start.
 void resetWorld();
+
+/// The same, and the stand-ins in place.
+void restoreMachine();
 
 /// The tools that were run since, without what else is noted; and with it.
 std::vector<std::string> toolCalls();
@@ -89,11 +91,5 @@ std::vector<std::string> heldLocks();
 
 /// Runs the real `postconf -M` on master.cf as it is. Empty, or what is wrong.
 std::string judgeByPostconf();
-
-/// Names in a directory, sorted.
-std::vector<std::string> listing(const std::string& directory);
-
-std::string readFile(const std::string& path);
-void writeFile(const std::string& path, const std::string& bytes);
 
 } // namespace faults

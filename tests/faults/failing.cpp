@@ -9,6 +9,7 @@
 #include <regex>
 #include <set>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace faults {
 
@@ -16,8 +17,8 @@ namespace {
 
 const int errors[] = {ENOSPC, EIO, EACCES, EMFILE, ENOMEM, EROFS};
 
-const std::set<std::string> programCalls = {"openat", "write", "fchmod", "fsync",
-                                            "rename", "pipe2", "fork",   "flock"};
+const std::set<std::string> programCalls = {"openat", "write", "fchmod", "fsync", "rename",
+                                            "pipe2",  "fork",  "flock",  "writev"};
 const std::set<std::string> childCalls = {"close",  "fcntl",      "dup2",         "execve",
                                           "openat", "getdents64", "rt_sigaction", "rt_sigprocmask"};
 
@@ -55,11 +56,15 @@ std::vector<std::string> pipeLabels()
     const std::vector<std::string> query = {catcher, "stdout pipe", "stderr pipe", "pipe"};
     const std::vector<std::string> change = {catcher, "stderr pipe", "pipe"};
     const std::vector<std::string> addition = {catcher, "stdin pipe", "stderr pipe", "pipe"};
+    const std::vector<std::string> script(2);
     std::vector<std::string> labels;
-    for (const auto* const launch :
-         {&query, &change, &change, &change, &query, &addition, &addition, &addition})
-        labels.insert(labels.end(), launch->begin(), launch->end());
-    labels.resize(labels.size() + 2);
+    for (const support::Command& command : threeDomains.tools()) {
+        const auto& launch = command == support::askDirectory ? query
+                             : command == support::addRecord  ? addition
+                             : command == support::restart    ? script
+                                                              : change;
+        labels.insert(labels.end(), launch.begin(), launch.end());
+    }
     return labels;
 }
 
@@ -78,7 +83,7 @@ Expected expectOpen(const Event& place, int error, const char* reason)
                         std::to_string(error) + ": " + reason + '\n' + expected.text;
         return expected;
     }
-    if (path == tablePath)
+    if (path == tableSourcePath)
         return fatal(streamFailure);
     if (path == masterCfPath)
         return fatal("zorvo::mail::postfix::PostfixConfigurationError(unable to open " + path + ')');
@@ -87,7 +92,7 @@ Expected expectOpen(const Event& place, int error, const char* reason)
     // Whether Postfix came up does not decide about the run: it is looked at again a second later.
     if (path == "/proc")
         return {"unable to open /proc filesystem: " + std::string(reason) + "\n\n", true, false, false};
-    if (path == "/var/spool/postfix/pid/master.pid" || path == "PID/stat")
+    if (path == support::pidFilePath || path == "PID/stat")
         return tolerated();
     return fatal("(no expectation for " + path + ')');
 }
@@ -118,7 +123,7 @@ Expected expectOfProgram(const Event& place, int error)
     if (place.call == "flock")
         return systemError("lock() failed", reason);
     if (place.call == "fork")
-        return place.occurrence == static_cast<unsigned>(scriptProcess)
+        return isScript(static_cast<int>(place.occurrence))
                    ? scriptFailure("fork_execv_pipes: fork() failed", error, reason)
                    : systemError("fork", reason);
     const std::string label = pipeLabels().at(place.occurrence - 1);
@@ -132,9 +137,9 @@ Expected expectOfChild(const Event& place, int error)
     const std::string reason = strerror(error);
     // The signals' state is a courtesy; the script's failure is its result, which does not decide about the
     // run.
-    if (place.process == scriptProcess && place.call == "dup2")
+    if (isScript(place.process) && place.call == "dup2")
         return {"fork_execv: dup() failed: " + reason + '\n', true, false, true};
-    if (place.process == scriptProcess || place.call == "rt_sigaction" || place.call == "rt_sigprocmask")
+    if (isScript(place.process) || place.call == "rt_sigaction" || place.call == "rt_sigprocmask")
         return tolerated();
     std::string label = place.call;
     if (place.call == "execve")
@@ -156,8 +161,8 @@ std::string withoutChance(const std::string& text)
 /// The script itself was not run.
 bool preventsScript(const Event& place)
 {
-    return place.process == scriptProcess && (place.call == "dup2" || place.call == "execve" ||
-                                              (place.call == "close" && place.occurrence <= 2));
+    return isScript(place.process) && (place.call == "dup2" || place.call == "execve" ||
+                                       (place.call == "close" && place.occurrence <= 2));
 }
 
 void requireToleratedEnd(Problems& problems, const Event& place, const Expected& expected, Outcome outcome)
@@ -214,6 +219,60 @@ void failAt(Report& report, const Event& place, int error)
     report.add(name, describe(outcome.target), problems);
 }
 
+/// Whether `found` is `whole` with characters left out.
+bool isPartOf(const std::string& found, const std::string& whole)
+{
+    size_t at = 0;
+    for (const char c : whole)
+        if (at < found.size() && found[at] == c)
+            ++at;
+    return at == found.size();
+}
+
+/// A failing call in a run that ends with a report anyway: the earlier failure is reported, or the one that
+/// it would have been; and where it is the report itself that cannot be written, what else there is of it
+/// arrives.
+void failReporting(Report& report, const Scenario& scenario, const Event& place, int error,
+                   const std::string& masterCf)
+{
+    const std::string name = errorName(error) + ' ' + place.call + " in a run that ends with a report";
+    const Outcome outcome = strike(scenario, place, Effect::Fail, error);
+    if (!outcome.struck) {
+        report.missed(name);
+        return;
+    }
+    Problems problems;
+    problems.require(outcome.status == W_EXITCODE(scenario.status, 0),
+                     "wait status " + std::to_string(outcome.status));
+    const bool isReport = place.process == 0 && (place.call == "write" || place.call == "writev");
+    if (isReport && place.arguments[0] == STDOUT_FILENO) {
+        problems.requireEqual("standard error", scenario.err, outcome.err);
+        problems.require(isPartOf(outcome.out, scenario.out), "standard output: " + outcome.out);
+    } else if (isReport && place.arguments[0] == STDERR_FILENO) {
+        problems.requireEqual("standard output", scenario.out, outcome.out);
+        problems.require(isPartOf(outcome.err, scenario.err), "standard error: " + outcome.err);
+    } else {
+        Expected expected = place.process == 0 ? expectOfProgram(place, error) : expectOfChild(place, error);
+        if (expected.tolerated)
+            expected.text = scenario.err;
+        problems.requireEqual("standard error", expected.text, withoutChance(outcome.err));
+        problems.requireEqual("standard output", expected.text, withoutChance(outcome.out));
+    }
+    requireCleanEnd(problems, outcome);
+    problems.requireEqual(masterCfPath, masterCf, readFile(masterCfPath));
+    problems.requireEqual("further files", std::vector<std::string>(), strayFiles());
+    problems.requireEqual("locks held", std::vector<std::string>(), heldLocks());
+    report.add(name, scenario.name + ": " + describe(outcome.target), problems);
+}
+
+/// All errors, in the long form; else one, in turn, so that every error strikes at some places.
+std::vector<int> errorsAt(size_t place, bool longForm)
+{
+    if (longForm)
+        return {std::begin(errors), std::end(errors)};
+    return {errors[place % std::size(errors)]};
+}
+
 } // namespace
 
 void testFailing(Report& report, bool longForm)
@@ -222,13 +281,19 @@ void testFailing(Report& report, bool longForm)
         return (event.process == 0 ? programCalls : childCalls).count(event.call) != 0;
     };
     size_t next = 0;
-    for (const Event& place : placesToStrike(longForm, wanted)) {
-        if (longForm)
-            for (const int error : errors)
+    for (const Event& place : placesToStrike(undisturbedRun(), longForm, wanted))
+        for (const int error : errorsAt(next++, longForm))
+            if (report.takes())
                 failAt(report, place, error);
-        else // every place, and every error at some of them
-            failAt(report, place, errors[next++ % std::size(errors)]);
+    for (const Scenario& scenario : reportingScenarios(longForm)) {
+        const std::vector<Event> events = runUndisturbed(scenario).events;
+        const std::string masterCf = readFile(masterCfPath);
+        for (const Event& place : placesToStrike(events, longForm, wanted))
+            for (const int error : errorsAt(next++, longForm))
+                if (report.takes())
+                    failReporting(report, scenario, place, error, masterCf);
     }
+    restoreMachine();
 }
 
 } // namespace faults

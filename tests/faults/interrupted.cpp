@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <set>
+#include <sys/wait.h>
 
 namespace faults {
 
@@ -22,8 +23,9 @@ std::string rowName(const Event& place)
     return "EINTR " + place.call + (place.process == 0 ? "" : " (between fork and exec)");
 }
 
-void interrupt(Report& report, const std::string& name, const Event& place, Effect effect)
+void interrupt(Report& report, const Event& place, Effect effect)
 {
+    const std::string name = rowName(place) + (effect == Effect::FailAfter ? ", closed all the same" : "");
     const Outcome outcome = strike(place, effect, EINTR);
     if (!outcome.struck) {
         report.missed(name);
@@ -38,21 +40,65 @@ void interrupt(Report& report, const std::string& name, const Event& place, Effe
     report.add(name, describe(outcome.target), problems);
 }
 
+/// The run ends as it does undisturbed: the report is whole on both streams, the same tools ran, the same is
+/// left.
+void interruptReporting(Report& report, const Scenario& scenario, const Event& place, Effect effect,
+                        const std::vector<std::string>& calls, const Snapshot& left)
+{
+    const std::string name = "EINTR " + place.call + " in a run that ends with a report";
+    Outcome outcome = strike(scenario, place, effect, EINTR);
+    if (!outcome.struck) {
+        report.missed(name);
+        return;
+    }
+    if (effect == Effect::Fail && place.call == "close")
+        outcome.descriptors.clear();
+    Problems problems;
+    requireCleanEnd(problems, outcome);
+    problems.require(outcome.status == W_EXITCODE(scenario.status, 0),
+                     "wait status " + std::to_string(outcome.status));
+    problems.requireEqual("standard output", scenario.out, outcome.out);
+    problems.requireEqual("standard error", scenario.err, outcome.err);
+    problems.requireEqual("tool runs", calls, toolCalls());
+    problems.require(snapshot() == left, "not what the undisturbed run leaves");
+    problems.requireEqual("locks held", std::vector<std::string>(), heldLocks());
+    report.add(name, scenario.name + ": " + describe(outcome.target), problems);
+}
+
+bool canBeInterrupted(const Event& event)
+{
+    // fdopen(3) asks for a descriptor's flags that way; that is no more than a look at a number.
+    const bool onlyLooks = event.call == "fcntl" && event.arguments[1] == F_GETFL;
+    return interruptible.count(event.call) != 0 && !onlyLooks;
+}
+
+/// On Linux an interrupted close(2) has closed the descriptor all the same.
+std::vector<Effect> effectsOn(const Event& place)
+{
+    if (place.call == "close")
+        return {Effect::Fail, Effect::FailAfter};
+    return {Effect::Fail};
+}
+
 } // namespace
 
 void testInterrupted(Report& report, bool longForm)
 {
-    const auto wanted = [](const Event& event) {
-        // fdopen(3) asks for a descriptor's flags that way; that is no more than a look at a number.
-        const bool onlyLooks = event.call == "fcntl" && event.arguments[1] == F_GETFL;
-        return interruptible.count(event.call) != 0 && !onlyLooks;
-    };
-    for (const Event& place : placesToStrike(longForm, wanted)) {
-        interrupt(report, rowName(place), place, Effect::Fail);
-        // On Linux the descriptor is closed all the same.
-        if (place.call == "close")
-            interrupt(report, rowName(place) + ", closed all the same", place, Effect::FailAfter);
+    for (const Event& place : placesToStrike(undisturbedRun(), longForm, canBeInterrupted))
+        for (const Effect effect : effectsOn(place))
+            if (report.takes())
+                interrupt(report, place, effect);
+    // Every single write of a report is a place of its own, so here the short form leaves none out.
+    for (const Scenario& scenario : reportingScenarios(longForm)) {
+        const std::vector<Event> events = runUndisturbed(scenario).events;
+        const std::vector<std::string> calls = toolCalls();
+        const Snapshot left = snapshot();
+        for (const Event& place : placesToStrike(events, true, canBeInterrupted))
+            for (const Effect effect : effectsOn(place))
+                if (report.takes())
+                    interruptReporting(report, scenario, place, effect, calls, left);
     }
+    restoreMachine();
 }
 
 } // namespace faults

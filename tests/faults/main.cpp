@@ -1,10 +1,12 @@
 // Runs the program with one fault after the other and prints what was tried and what survived.
 //
-// usage:  fault_tests [--long] [PART...]   without a part all are run
+// usage:  fault_tests [--long] [--share K/N] [PART...]   without a part all are run; of N shares, each
+// strikes every N-th
+//         point (parts whose points depend on each other are run whole in the first share)
 // needs:  scripts/sandbox around it
 // exits:  0 everything survived; 1 something did not; 2 wrong usage, or no test can be made; 77 the sandbox
-// has no
-//         private namespaces, which these tests mount in
+// has no private
+//         namespaces, which these tests mount in
 #include "Report.h"
 #include "Run.h"
 #include "World.h"
@@ -12,6 +14,7 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,20 +23,28 @@ namespace {
 struct Part {
     const char* name;
     void (*run)(faults::Report& report, bool longForm);
+    bool isOnePoint; ///< Run whole by one share.
 };
 
 const Part parts[] = {
-    {"interrupted", faults::testInterrupted},
-    {"killed", faults::testKilled},
-    {"failing", faults::testFailing},
-    {"power-loss", faults::testPowerLoss},
-    {"full-disk", faults::testFullDisk},
-    {"several-at-once", faults::testSeveralAtOnce},
-    {"environment", faults::testEnvironment},
-    {"descriptor-limits", faults::testDescriptorLimits},
-    {"hostile-input", faults::testHostileInput},
-    {"memory", faults::testMemory},
-    {"real-tools", faults::testRealTools},
+    {"interrupted", faults::testInterrupted, false},
+    {"killed", faults::testKilled, false},
+    {"failing", faults::testFailing, false},
+    {"power-loss", faults::testPowerLoss, true},
+    {"full-disk", faults::testFullDisk, true},
+    {"several-at-once", faults::testSeveralAtOnce, false},
+    {"environment", faults::testEnvironment, true},
+    {"descriptor-limits", faults::testDescriptorLimits, true},
+    {"hostile-input", faults::testHostileInput, false},
+    {"memory", faults::testMemory, false},
+    {"real-tools", faults::testRealTools, false},
+};
+
+struct Options {
+    bool longForm = false;
+    unsigned share = 1;
+    unsigned shares = 1;
+    std::vector<const Part*> chosen;
 };
 
 const Part* findPart(const std::string& name)
@@ -44,29 +55,60 @@ const Part* findPart(const std::string& name)
     return nullptr;
 }
 
-} // namespace
-
-int main(int argc, char* argv[])
+/// "K/N" with K from 1 to N.
+bool parseShare(const char* word, Options& options)
 {
-    bool longForm = false;
-    std::vector<const Part*> chosen;
-    for (int i = 1; i < argc; ++i) {
-        const std::string word = argv[i];
+    int end = 0;
+    return word != nullptr && sscanf(word, "%u/%u%n", &options.share, &options.shares, &end) == 2 &&
+           word[end] == '\0' && options.share >= 1 && options.share <= options.shares;
+}
+
+std::optional<Options> parseOptions(char* words[])
+{
+    Options options;
+    for (; *words != nullptr; ++words) {
+        const std::string word = *words;
         if (word == "--long") {
-            longForm = true;
+            options.longForm = true;
+        } else if (word == "--share") {
+            if (!parseShare(*++words, options))
+                return std::nullopt;
         } else if (const Part* const part = findPart(word)) {
-            chosen.push_back(part);
+            options.chosen.push_back(part);
         } else {
-            fprintf(stderr, "usage: fault_tests [--long] [PART...]\nparts:");
-            for (const Part& known : parts)
-                fprintf(stderr, " %s", known.name);
-            fprintf(stderr, "\n");
-            return 2;
+            return std::nullopt;
         }
     }
-    if (chosen.empty())
+    if (options.chosen.empty())
         for (const Part& part : parts)
-            chosen.push_back(&part);
+            options.chosen.push_back(&part);
+    return options;
+}
+
+bool runParts(const Options& options)
+{
+    faults::Report report(options.share, options.shares);
+    for (const Part* const part : options.chosen) {
+        if (part->isOnePoint && !report.takes())
+            continue;
+        fprintf(stderr, "%s...\n", part->name);
+        part->run(report, options.longForm);
+    }
+    return report.print();
+}
+
+} // namespace
+
+int main(int, char* argv[])
+{
+    const std::optional<Options> options = parseOptions(argv + 1);
+    if (!options) {
+        fprintf(stderr, "usage: fault_tests [--long] [--share K/N] [PART...]\nparts:");
+        for (const Part& known : parts)
+            fprintf(stderr, " %s", known.name);
+        fprintf(stderr, "\n");
+        return 2;
+    }
     if (std::filesystem::exists("/run/sandbox.direct")) {
         fprintf(stderr, "fault_tests: skipped, as the kernel refuses private namespaces\n");
         return 77;
@@ -74,12 +116,7 @@ int main(int argc, char* argv[])
     try {
         faults::programPath = ZORVO_PROGRAM;
         faults::setUpMachine(ZORVO_FAULTS_TOOL);
-        faults::Report report;
-        for (const Part* const part : chosen) {
-            fprintf(stderr, "%s...\n", part->name);
-            part->run(report, longForm);
-        }
-        return report.print() ? 0 : 1;
+        return runParts(*options) ? 0 : 1;
     } catch (const std::exception& e) {
         fprintf(stderr, "fault_tests: %s\n", e.what());
         return 2;

@@ -1,13 +1,9 @@
 // The program under valgrind's memcheck: no wrong access, nothing lost, no descriptor left open.
+#include "Scenario.h"
 #include "Sweep.h"
 
-#include <cerrno>
-#include <csignal>
 #include <filesystem>
-#include <functional>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -17,111 +13,6 @@ namespace {
 
 const char* const logDirectory = "/run/sandbox/valgrind";
 constexpr int errorStatus = 99;
-
-struct Scenario {
-    const char* name;
-    std::vector<std::string> arguments;
-    std::string input;
-    std::function<void()> prepare; ///< Makes the world different, after it was reset.
-    int status;
-    std::string text; ///< On both streams.
-    bool inShortForm;
-};
-
-void removeTool(const char* path)
-{
-    fs::remove(path);
-}
-
-std::vector<Scenario> scenarios()
-{
-    const std::string input = threeDomains.input();
-    const std::string fatal = "Fatal error: ";
-    const std::string missing = "No such file or directory";
-    const std::string configuration = fatal + "zorvo::mail::postfix::PostfixConfigurationError(";
-    const auto nothing = [] {};
-    return {
-        {"domain-name", {"-t", "domain-name"}, input, nothing, 0, "", true},
-        {"domain-ip", {"-t", "domain-ip"}, input, nothing, 0, "", false},
-        {"explicit-ip",
-         {"-t", "explicit-ip", "-4", "192.0.2.1", "-6", "2001:db8::1"},
-         "",
-         nothing,
-         0,
-         "",
-         true},
-        {"an unknown type", {"-t", "none"}, input, nothing, 0, "", false},
-        {"a malformed request",
-         {"-t", "domain-name"},
-         "{\"domains\":[{\"domain\":\"a\"}]}",
-         nothing,
-         1,
-         fatal + "std::runtime_error(can not parse data from stdin : Some required fields are missing from "
-                 "the JSON "
-                 "object. Check that input JSON document conforms to schema. Error occured at offset 26, "
-                 "character "
-                 "']'. )\n",
-         true},
-        {"an empty domain",
-         {"-t", "domain-name"},
-         request({{"", "192.0.2.1", ""}}),
-         nothing,
-         1,
-         fatal + "zorvo::SystemError(Empty domain name specified: Success)\n",
-         false},
-        {"no addresses",
-         {"-t", "explicit-ip"},
-         "",
-         nothing,
-         1,
-         fatal + "std::runtime_error(either ipv4 and ip6 empty)\n",
-         false},
-        {"no postmap",
-         {"-t", "domain-name"},
-         input,
-         [] { removeTool("/usr/sbin/postmap"); },
-         1,
-         fatal + "zorvo::SystemError(execv: " + missing + ": " + missing + ")\n",
-         true},
-        {"no service script",
-         {"-t", "domain-name"},
-         input,
-         [] { removeTool("/usr/local/maru/admin/sbin/zorvorc"); },
-         0,
-         "",
-         false},
-        {"no lock directory",
-         {"-t", "domain-name"},
-         input,
-         [] { fs::remove(lockDirectory); },
-         1,
-         "Unable to open file \"" + std::string(mainCfLock) + "\": " + missing + ".\nSystem error 2: " +
-             missing + "\n" + fatal + "zorvo::SystemError(lock() failed: " + missing + ")\n",
-         false},
-        {"a failing tool",
-         {"-t", "domain-name"},
-         input,
-         [] { fs::remove(mainCfPath); },
-         1,
-         configuration + "postconf: fatal: open /etc/postfix/main.cf: " + missing + "\n)\n",
-         true},
-        {"an unreadable master.cf",
-         {"-t", "domain-name"},
-         input,
-         [] { writeFile(masterCfPath, "smtp inet n\n"); },
-         1,
-         configuration +
-             "unable to parse /etc/postfix/master.cf: syntax error at position 0 near 'smtp inet n')\n",
-         false},
-        {"an empty master.cf",
-         {"-t", "domain-name"},
-         input,
-         [] { writeFile(masterCfPath, ""); },
-         1,
-         configuration + "unable to open /etc/postfix/master.cf)\n",
-         false},
-    };
-}
 
 /// Judges the report of the program, and those of children that did not become a tool: these have what they
 /// inherited open when they end.
@@ -144,13 +35,10 @@ void requireCleanReports(Problems& problems, int pid)
 
 void check(Report& report, const Scenario& scenario)
 {
-    resetWorld();
     fs::remove_all(logDirectory);
     fs::create_directories(logDirectory);
-    scenario.prepare();
-    Launch launch;
-    launch.arguments = scenario.arguments;
-    launch.input = scenario.input;
+    scenario.begin();
+    Launch launch = scenario.launch();
     launch.timeout = 300;
     launch.wrapper = {"/usr/bin/valgrind",
                       "--leak-check=full",
@@ -164,8 +52,8 @@ void check(Report& report, const Scenario& scenario)
     problems.require(!outcome.hung && outcome.childrenLeft == 0, "the run hangs, or left children");
     problems.require(outcome.status == W_EXITCODE(scenario.status, 0),
                      "wait status " + std::to_string(outcome.status));
-    problems.requireEqual("standard output", scenario.text, outcome.out);
-    problems.requireEqual("standard error", scenario.text, outcome.err);
+    problems.requireEqual("standard output", scenario.out, outcome.out);
+    problems.requireEqual("standard error", scenario.err, outcome.err);
     requireCleanReports(problems, outcome.pid);
     report.add("memcheck", scenario.name, problems);
 }
@@ -175,12 +63,9 @@ void check(Report& report, const Scenario& scenario)
 void testMemory(Report& report, bool longForm)
 {
     for (const Scenario& scenario : scenarios())
-        if (longForm || scenario.inShortForm) {
+        if ((longForm || scenario.inShortForm) && report.takes())
             check(report, scenario);
-            fs::create_directories(lockDirectory);
-            useRealTools(false);
-        }
-    resetWorld();
+    restoreMachine();
 }
 
 } // namespace faults

@@ -14,7 +14,7 @@ namespace {
 std::vector<std::string> storeCalls(std::vector<Event>::const_iterator rename)
 {
     const std::string temporary = std::string(masterCfPath) + "XXXXXX";
-    const auto isLock = [](const Event& event) { return event.detail == masterCfLock; };
+    const auto isLock = [](const Event& event) { return event.detail == support::lockFileOf(masterCfPath); };
     auto from = rename;
     while (!(isLock(*from) && from->call == "openat"))
         --from;
@@ -46,7 +46,7 @@ std::vector<std::string> storeCalls(std::vector<Event>::const_iterator rename)
 std::vector<std::string> expectedCalls(const std::string& content)
 {
     const std::string temporary = std::string(masterCfPath) + "XXXXXX";
-    const std::string lock = masterCfLock;
+    const std::string lock = support::lockFileOf(masterCfPath);
     return {"openat " + lock,
             "flock " + lock,
             "openat " + temporary + " as a new file",

@@ -1,16 +1,16 @@
 // LibcFaults: making a call of the C library fail on purpose while a scope lasts.
 //
 // The test program defines the functions below itself and passes them on (unit/common/LibcFaults.cpp), so the
-// code under test runs unchanged. Calls from inside libc are not affected, but for memory.
+// code under test runs unchanged. Calls from inside libc are not affected, except for memory.
 #pragma once
 
 namespace support {
 
-enum class LibcCall { Open, Close, Flock, Mkstemp, Fsync, Fopen, Read, Write, Writev, count };
+enum class LibcCall { Open, Close, Flock, Mkstemp, Fsync, Read, Write, Writev, count };
 
 /// The next `times` calls fail with `error`, doing nothing; later ones work again. Mkstemp stands for
-/// mkostemp(3) too, and spoils the template before it fails, as the C library may. Fopen is what a file
-/// stream opens its file with. A failing close(2) does nothing with EINTR, and closes for any other error.
+/// mkostemp(3) too, and spoils the template before it fails, as the C library may. A failing close(2) does
+/// nothing with EINTR, and closes for any other error.
 class LibcFault {
 public:
     LibcFault(LibcCall call, int error, int times);

@@ -11,6 +11,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace support {
 
@@ -49,6 +50,15 @@ inline std::set<std::string> namesIn(const std::string& directory)
     for (const auto& entry : std::filesystem::directory_iterator(directory))
         names.insert(entry.path().filename().string());
     return names;
+}
+
+/// The same in order; empty when there is no such directory.
+inline std::vector<std::string> listing(const std::string& directory)
+{
+    if (!std::filesystem::is_directory(directory))
+        return {};
+    const std::set<std::string> names = namesIn(directory);
+    return {names.begin(), names.end()};
 }
 
 /// A directory under /tmp for one test.

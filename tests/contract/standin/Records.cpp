@@ -1,13 +1,9 @@
 #include "standin/Records.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <stdexcept>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <type_traits>
 #include <unistd.h>
@@ -127,12 +123,6 @@ void callFields(Archive& archive, CallType& call)
     archive.field(call.tableSource);
 }
 
-// "what PATH: reason"
-std::runtime_error failure(const char* what, const std::string& path)
-{
-    return std::runtime_error(std::string(what) + ' ' + path + ": " + strerror(errno));
-}
-
 } // namespace
 
 std::string toText(const Answer& answer)
@@ -169,7 +159,7 @@ std::vector<std::string> readRecords(const char* directory)
 {
     std::vector<std::string> records;
     for (const std::string& name : listing(directory))
-        records.push_back(readWhole(std::string(directory) + '/' + name));
+        records.push_back(readFile(std::string(directory) + '/' + name));
     return records;
 }
 
@@ -180,44 +170,12 @@ void writeRecord(const char* directory, const std::string& text)
     writeWhole(directory + std::string(name), text);
 }
 
-std::string readWhole(const std::string& path)
-{
-    FILE* file = fopen(path.c_str(), "re");
-    if (!file)
-        throw failure("open", path);
-    std::string bytes;
-    char chunk[65536];
-    size_t got;
-    while ((got = fread(chunk, 1, sizeof chunk, file)) > 0)
-        bytes.append(chunk, got);
-    const bool failed = ferror(file);
-    fclose(file);
-    if (failed)
-        throw failure("read", path);
-    return bytes;
-}
-
 void writeWhole(const std::string& path, const std::string& bytes)
 {
     const bool isNew = access(path.c_str(), F_OK) != 0;
-    FILE* file = fopen(path.c_str(), "we");
-    if (!file)
-        throw failure("open", path);
-    const bool written = fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
-    if (fclose(file) != 0 || !written)
-        throw failure("write", path);
-    if (isNew && chmod(path.c_str(), 0644) != 0)
-        throw failure("chmod", path);
-}
-
-std::vector<std::string> listing(const std::string& directory)
-{
-    std::vector<std::string> names;
-    std::error_code missing;
-    for (const auto& entry : std::filesystem::directory_iterator(directory, missing))
-        names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
+    support::writeFile(path, bytes);
+    if (isNew)
+        std::filesystem::permissions(path, std::filesystem::perms(0644));
 }
 
 FileState stateOf(const std::string& path)
@@ -227,19 +185,9 @@ FileState stateOf(const std::string& path)
     if (lstat(path.c_str(), &info) == 0) {
         state.mode = info.st_mode & 07777;
         if (S_ISREG(info.st_mode))
-            state.bytes = readWhole(path);
+            state.bytes = readFile(path);
     }
     return state;
-}
-
-bool isLocked(const std::string& path)
-{
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd == -1)
-        return false;
-    const bool held = flock(fd, LOCK_EX | LOCK_NB) == -1 && errno == EWOULDBLOCK;
-    close(fd);
-    return held;
 }
 
 } // namespace contract

@@ -4,6 +4,10 @@
 // record is a sequence of fields, each "LENGTH:" and as many bytes, so any byte can stand in a field.
 #pragma once
 
+#include "support/HeldLock.h"
+#include "support/ScratchDir.h"
+#include "support/ToolRuns.h"
+
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -14,8 +18,10 @@ namespace contract {
 constexpr char answerDirectory[] = "/run/sandbox/answers";
 constexpr char callDirectory[] = "/run/sandbox/calls";
 
-/// The argument vector of one run of a tool, element 0 being the program's path.
-typedef std::vector<std::string> Command;
+using support::Command;
+using support::isLocked;
+using support::listing;
+using support::readFile;
 
 /// One file as somebody saw it. Absent: mode 0.
 struct FileState {
@@ -97,19 +103,11 @@ std::vector<std::string> readRecords(const char* directory);
 /// Adds a record to a directory.
 void writeRecord(const char* directory, const std::string& text);
 
-/// The whole content of a file. Throws std::runtime_error when it cannot be read.
-std::string readWhole(const std::string& path);
-
-/// Writes a file whole, with mode 0644 when it is new. Throws std::runtime_error when that fails.
+/// Writes a file whole, with mode 0644 when it is new, whatever the umask. Throws std::runtime_error when
+/// that fails.
 void writeWhole(const std::string& path, const std::string& bytes);
-
-/// The names in a directory, sorted; empty when there is no such directory.
-std::vector<std::string> listing(const std::string& directory);
 
 /// A file's permissions and bytes.
 FileState stateOf(const std::string& path);
-
-/// Whether somebody holds an exclusive flock(2) on the file.
-bool isLocked(const std::string& path);
 
 } // namespace contract

@@ -4,6 +4,7 @@
 // cannot do its work, so that the run under test fails visibly.
 
 #include "standin/Records.h"
+#include "support/FixedPaths.h"
 
 #include <algorithm>
 #include <csignal>
@@ -75,16 +76,16 @@ Call describe(char* argv[], char* envp[])
     call.processGroup = getpgrp();
     call.umask = umask(0);
     umask(call.umask);
-    const std::string status = readWhole("/proc/self/status");
+    const std::string status = readFile("/proc/self/status");
     call.blockedSignals = statusMask(status, "SigBlk");
     call.ignoredSignals = statusMask(status, "SigIgn");
-    for (const std::string& name : listing("/run/lock/files"))
-        if (isLocked("/run/lock/files/" + name))
+    for (const std::string& name : listing(support::lockDirectory))
+        if (isLocked(std::string(support::lockDirectory) + '/' + name))
             call.heldLocks.push_back(name);
-    call.postfixListing = listing("/etc/postfix");
-    call.spoolListing = listing("/var/spool/postfix/zorvo");
-    call.masterCf = stateOf("/etc/postfix/master.cf");
-    call.tableSource = stateOf("/var/spool/postfix/zorvo/sdd_transport_maps");
+    call.postfixListing = listing(support::configDirectory);
+    call.spoolListing = listing(support::spoolDirectory);
+    call.masterCf = stateOf(support::masterCfPath);
+    call.tableSource = stateOf(support::tableSourcePath);
     return call;
 }
 

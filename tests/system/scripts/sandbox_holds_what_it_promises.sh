@@ -8,14 +8,17 @@ run "$sandbox" sh -c '
     set -e
     cmp /etc/postfix/master.cf /usr/share/postfix/master.cf.dist
     find /run/sandbox /run/lock/files /var/spool/postfix/zorvo /var/lib/postfix -mindepth 1
-    postfix check
+    # Version 3.10 says what it copies into the queue folder for services in a chroot.
+    postfix check >/run/sandbox.checked
+    grep -v "^updating /etc/.* => /var/spool/postfix//etc/" /run/sandbox.checked || :
     postconf -h sender_dependent_default_transport_maps
     test ! -e /dev/log
     echo x >/dev/null
     head -c 1 /dev/zero | wc -c
     stat -c "%a %U:%G" /var/spool/postfix/zorvo /run/lock /run/lock/files /etc/postfix/master.cf
     ls /usr/local/maru/admin/sbin
-    echo $(ps -e -o comm= | sort)
+    ps -e -o comm= >/run/sandbox.processes
+    echo $(sort /run/sandbox.processes)
     uname -n
     for n in 1 9; do ip route get 192.0.2.$n; ip route get 198.51.100.$n; done | grep -c "^local"
     mkdir /run/sandbox/x && touch /etc/postfix/x /usr/sbin/x'
@@ -26,7 +29,7 @@ assert_equal "output" "0 hash:/var/spool/postfix/zorvo/sdd_transport_maps
 755 root:root
 644 root:root
 zorvorc
-init ps sh sh sort
+init ps sh
 sandbox.example
 4 " "$status $stdout $stderr"
 run "$sandbox" sh -c 'ls /run/sandbox/x /etc/postfix/x /usr/sbin/x 2>/dev/null'

@@ -7,10 +7,10 @@
 
 namespace {
 
-support::ChildResult runMain(const char* outcome)
+support::ChildResult runMain(const char* outcome, const char* interrupted = nullptr)
 {
-    return support::runInChild([outcome] {
-        ::execl(MAIN_OUTCOMES, "outcomes", outcome, nullptr);
+    return support::runInChild([=] {
+        ::execl(MAIN_OUTCOMES, "outcomes", outcome, interrupted, nullptr);
         return 127;
     });
 }
@@ -46,4 +46,11 @@ TEST(MainTest, StatusOfDoMainIsTheExitStatus)
     const auto result = runMain("");
     EXPECT_TRUE(result.exitedWith(7));
     EXPECT_EQ(result.out + result.err, "");
+}
+
+TEST(MainTest, EveryMessageArrivesWholeAlthoughItsWritesAreInterrupted)
+{
+    EXPECT_EQ(runMain("utility exception", "interrupted").err, "the text alone\n");
+    EXPECT_EQ(runMain("standard exception", "interrupted").err, "Fatal error: std::out_of_range(its text)\n");
+    EXPECT_EQ(runMain("anything else", "interrupted").err, "UNSPECIFIED ERROR OCCURED\n");
 }

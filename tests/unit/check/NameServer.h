@@ -1,8 +1,10 @@
-// NameServer: a real DNS server on a loopback address, for one test; and one that never says a word.
+// NameServer: a real DNS server on a loopback address, for one test; one that never says a word; and which of
+// them this process asks.
 #pragma once
 
 #include "support/Child.h"
 #include "support/ScratchDir.h"
+#include "unit/postfix/PostfixTestTools.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -85,6 +87,27 @@ private:
 
     support::ScratchDir scratch_;
     pid_t process_ = -1;
+};
+
+/// resolv.conf and hosts files of this process's own. Needs support::canMount().
+class ResolverFiles {
+public:
+    ResolverFiles(const std::string& resolvConf, const std::string& hosts)
+        : resolvConf_(_written("resolv.conf", resolvConf), "/etc/resolv.conf", nullptr, MS_BIND),
+          hosts_(_written("hosts", hosts), "/etc/hosts", nullptr, MS_BIND)
+    {
+    }
+
+private:
+    std::string _written(const std::string& name, const std::string& text) const
+    {
+        support::writeFile(scratch_.file(name), text);
+        return scratch_.file(name);
+    }
+
+    support::ScratchDir scratch_;
+    support::ScopedMount resolvConf_;
+    support::ScopedMount hosts_;
 };
 
 /// A socket that takes questions and leaves them unanswered.

@@ -14,6 +14,7 @@ namespace {
 
 using mail::postfix::ModuleInfo;
 using mail::postfix::senderTransportTable;
+using mail::postfix::ServiceView;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 

@@ -2,7 +2,6 @@
 #include "check/gatherDns.h"
 
 #include "unit/check/NameServer.h"
-#include "unit/postfix/PostfixTestTools.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,19 +30,13 @@ protected:
 
     void configure(const std::string& resolvConf, const std::string& hosts)
     {
-        support::writeFile(scratch_.file("resolv.conf"), resolvConf);
-        support::writeFile(scratch_.file("hosts"), hosts);
-        mounts_.push_back(std::make_unique<support::ScopedMount>(scratch_.file("resolv.conf"),
-                                                                 "/etc/resolv.conf", nullptr, MS_BIND));
-        mounts_.push_back(
-            std::make_unique<support::ScopedMount>(scratch_.file("hosts"), "/etc/hosts", nullptr, MS_BIND));
+        files_.push_back(std::make_unique<ResolverFiles>(resolvConf, hosts));
     }
 
     static DnsFacts gather(const std::vector<Route>& routes) { return gatherDns(routes, nullptr); }
 
 private:
-    support::ScratchDir scratch_;
-    std::vector<std::unique_ptr<support::ScopedMount>> mounts_;
+    std::vector<std::unique_ptr<ResolverFiles>> files_;
 };
 
 /// "found: one two", "not there", "not known".

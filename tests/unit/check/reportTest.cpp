@@ -57,6 +57,14 @@ TEST(WriteTableTest, WholeServerHasALineOfItsOwn)
               "nothing wrong\n");
 }
 
+TEST(WriteTableTest, WarningsAboutTheServerAreNotItsVerdict)
+{
+    const Report report{{{"", "", "192.0.2.1", "", ""}}, {{Kind::EnforceOff, "", {}}}};
+    EXPECT_EQ(table(report).find("domain          service  IPv4       IPv6  HELO name  verdict\n"
+                                 "(whole server)  -        192.0.2.1  -     -          ok\n"),
+              0U);
+}
+
 TEST(WriteTableTest, FindingsFollowTheGravestFirst)
 {
     const Findings findings = {{Kind::EnforceOff, "", {}},
@@ -154,9 +162,8 @@ TEST(WriteTableTest, ColourMarksGravities)
 
 TEST(WriteTableTest, DomainInAnyCaseFindsItsRow)
 {
-    EXPECT_NE(
-        table({{two}, {{Kind::DomainNotHostName, "TWO.example", {}}}}).find(" domain-not-host-name\n"),
-        std::string::npos);
+    EXPECT_NE(table({{two}, {{Kind::DomainNotHostName, "TWO.example", {}}}}).find(" domain-not-host-name\n"),
+              std::string::npos);
 }
 
 TEST(WriteTableTest, NothingThatActsOnATerminalIsPrinted)
@@ -256,6 +263,11 @@ TEST(ExitStatusTest, WarningsAreNothingWrong)
     EXPECT_EQ(exitStatus({{Kind::EnforceOff, "", {}}, {Kind::AddressNotCanonical, "one.example", {}}}), 0);
     EXPECT_EQ(exitStatus({{Kind::EnforceOff, "", {}}, {Kind::RecordMissing, "one.example", {}}}), 1);
     EXPECT_EQ(exitStatus({{Kind::DomainEmpty, "", {}}}), 1);
+}
+
+TEST(EscapedMessageTest, LineFeedsAndBackslashesStay)
+{
+    EXPECT_EQ(escapedMessage("one\\x00\ntwo\t\033[2J\x9b"), "one\\x00\ntwo\\t\\x1b[2J\\x9b");
 }
 
 TEST(EscapedTest, PrintableAsciiStaysAndTheRestIsNamed)

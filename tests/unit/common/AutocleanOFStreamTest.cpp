@@ -3,16 +3,18 @@
 
 #include "support/Capture.h"
 #include "support/Child.h"
-#include "support/LibcFaults.h"
 #include "support/OpenFds.h"
 #include "support/ScratchDir.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <type_traits>
@@ -235,6 +237,31 @@ TEST_F(AutocleanOFStreamTest, CloseOnAFullDiskLeavesNoDescriptor)
     EXPECT_EQ(before, openFds());
 }
 
+TEST_F(AutocleanOFStreamTest, FailedWriteInTheDestructorDoesNotThrowWhateverExceptionsAskFor)
+{
+    std::filesystem::create_symlink("/dev/full", file_);
+    const auto before = openFds();
+    {
+        AutocleanOFStream stream(file_);
+        stream.exceptions(std::ios::badbit | std::ios::failbit);
+        stream << "text";
+    }
+    EXPECT_EQ(before, openFds());
+    EXPECT_THAT(scratch_.names(), IsEmpty());
+}
+
+TEST_F(AutocleanOFStreamTest, FailedCloseInTheDestructorDoesNotThrowWhateverExceptionsAskFor)
+{
+    {
+        AutocleanOFStream stream(file_);
+        stream.exceptions(std::ios::badbit | std::ios::failbit);
+        for (const auto& open : openFds())
+            if (open.second == file_)
+                ::close(open.first);
+    }
+    EXPECT_THAT(scratch_.names(), IsEmpty());
+}
+
 TEST_F(AutocleanOFStreamTest, SecondCloseSetsFailbit)
 {
     AutocleanOFStream stream(file_);
@@ -243,19 +270,34 @@ TEST_F(AutocleanOFStreamTest, SecondCloseSetsFailbit)
     EXPECT_TRUE(stream.fail());
 }
 
+// Opening a FIFO blocks until there is a reader: the handler of the third signal opens it for reading.
 TEST_F(AutocleanOFStreamTest, InterruptedOpenIsRepeated)
 {
-    const support::LibcFault fault(support::LibcCall::Fopen, EINTR, 3);
-    const AutocleanOFStream stream(file_);
-    EXPECT_EQ(0, fault.left());
-    EXPECT_TRUE(stream.good());
-    EXPECT_TRUE(stream.is_open());
+    ASSERT_EQ(0, ::mkfifo(file_.c_str(), 0600));
+    const support::ChildResult result = support::runInChild([this] {
+        static const char* fifo;
+        static int signals;
+        fifo = file_.c_str();
+        struct sigaction action {};
+        action.sa_handler = [](int) {
+            if (++signals == 3)
+                (void)::open(fifo, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        };
+        const itimerval often{{0, 200}, {0, 200}};
+        if (::sigaction(SIGALRM, &action, nullptr) != 0 || ::setitimer(ITIMER_REAL, &often, nullptr) != 0)
+            return 90;
+        const AutocleanOFStream stream(file_);
+        return signals >= 3 && stream.good() && stream.is_open() ? 0 : 1;
+    });
+    EXPECT_TRUE(result.exitedWith(0)) << result.status;
 }
 
+// It would be repeated for ever.
 TEST_F(AutocleanOFStreamTest, OpenThatFailsOtherwiseIsNotRepeated)
 {
-    const support::LibcFault fault(support::LibcCall::Fopen, EMFILE, 3);
-    const AutocleanOFStream stream(file_);
-    EXPECT_EQ(2, fault.left());
-    EXPECT_TRUE(stream.fail());
+    errno = EINTR;
+    const AutocleanOFStream stream(scratch_.file("missing/file"));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(std::ios::failbit, stream.rdstate());
+    EXPECT_FALSE(stream.is_open());
 }

@@ -158,15 +158,6 @@ long faultingWritev(int fd, const iovec* pieces, int count)
     return real(fd, &first, 1);
 }
 
-void* faultingFopen64(const char* path, const char* mode) __asm__("fopen64");
-void* faultingFopen64(const char* path, const char* mode)
-{
-    if (fails(support::LibcCall::Fopen))
-        return nullptr;
-    static const auto real = next<void* (*)(const char*, const char*)>("fopen64");
-    return real(path, mode);
-}
-
 #ifndef __SANITIZE_ADDRESS__
 
 void* __libc_malloc(size_t size);

@@ -1,4 +1,4 @@
-// What the tests of both lock rooms share: other processes that hold or wait for locks, a missing lock
+// What the tests of mk_lock and MKLock share: other processes that hold or wait for locks, a missing lock
 // directory.
 #pragma once
 

@@ -10,6 +10,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <cstdlib>
 #include <memory>
@@ -31,12 +32,12 @@ using zorvo::PlainName;
 
 namespace {
 
-/// A value that is no enumerator of either flag.
+/// A value that is not an enumerator of either flag.
 volatile const int otherFlag = 3;
 
 class MKLockTest : public testing::Test {
 protected:
-    /// Path of the lock file behind the hashed name file_.
+    /// Path of the lock file that the name file_ leads to by its hash.
     std::string hashedPath() const
     {
         char* const path = mk_flock_path(file_.c_str());
@@ -264,6 +265,20 @@ TEST_F(MKLockTest, MissingDirectoryLeavesNoDescriptor)
         EXPECT_THROW(MKLock(scratch_.file("missing/lock"), PlainName, Blocking), zorvo::SystemError);
     }
     EXPECT_EQ(before, openFds());
+}
+
+TEST_F(MKLockTest, FailedLockKeepsNoMemory)
+{
+    const std::string missing = scratch_.file("missing/lock");
+    const auto fail = [&missing] { EXPECT_THROW(MKLock(missing, PlainName, Blocking), zorvo::SystemError); };
+    Capture capture;
+    fail(); // The first one may allocate what is kept for good.
+    const size_t before = ::mallinfo2().uordblks;
+    for (int i = 0; i < 100; ++i)
+        fail();
+    const size_t after = ::mallinfo2().uordblks;
+    capture.stop();
+    EXPECT_EQ(before, after);
 }
 
 TEST_F(MKLockTest, MissingLockDirectoryIsReportedAndThrown)

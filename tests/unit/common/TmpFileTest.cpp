@@ -1,9 +1,10 @@
-// TmpFile: creation, writing, keeping, and what is left behind.
+// TmpFile: creation, writing, replacing, and what is left behind.
 #include "common/TmpFile.h"
 
 #include "common/SystemError.h"
 #include "support/Capture.h"
 #include "support/Child.h"
+#include "support/InterruptedPipe.h"
 #include "support/LibcFaults.h"
 #include "support/OpenFds.h"
 #include "support/ScratchDir.h"
@@ -19,8 +20,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <list>
-#include <memory>
+#include <iostream>
+#include <new>
 #include <string>
 #include <type_traits>
 #include <typeinfo>
@@ -56,9 +57,17 @@ protected:
             ::_exit(90);
     }
 
-    static void writeLines(TmpFile& tmp, const std::list<std::string>& lines)
+    /// The text of the filesystem_error with which replacing fails; nothing else may be thrown.
+    std::string replacementFailure(TmpFile& tmp, const std::string& target)
     {
-        tmp.writeLines(lines.begin(), lines.end());
+        try {
+            tmp.replace(target, 0644);
+        } catch (const zorvo::mail::FSError& e) {
+            return std::string("FSError ") + e.what();
+        } catch (const std::filesystem::filesystem_error& e) {
+            return std::string("filesystem_error ") + e.what();
+        }
+        return "replaced";
     }
 
     ScratchDir scratch_;
@@ -125,96 +134,70 @@ TEST_F(TmpFileTest, BufferHoldsAtMost2048Bytes)
     EXPECT_NE(0U, std::filesystem::file_size(tmp.path()));
 }
 
-TEST_F(TmpFileTest, EachLineIsInTheFileAtOnceWithALineFeedInOneWrite)
+TEST_F(TmpFileTest, FlushedLineIsInTheFileAtOnceInOneWrite)
 {
     TmpFile tmp(prefix_, true);
     const int before = support::writesMade();
-    writeLines(tmp, {"first", "", std::string(10000, 'x')});
-    EXPECT_EQ(3, support::writesMade() - before);
-    EXPECT_EQ("first\n\n" + std::string(10000, 'x') + "\n", support::readFile(tmp.path()));
+    tmp << "first" << std::endl << std::endl;
+    EXPECT_EQ(2, support::writesMade() - before);
+    EXPECT_EQ("first\n\n", support::readFile(tmp.path()));
     EXPECT_TRUE(tmp.good());
 }
 
-TEST_F(TmpFileTest, LineComesBehindWhatWasInsertedBefore)
-{
-    TmpFile tmp(prefix_, true);
-    tmp << "one ";
-    writeLines(tmp, {"two"});
-    tmp << "three" << std::flush;
-    EXPECT_EQ("one two\nthree", support::readFile(tmp.path()));
-}
-
-TEST_F(TmpFileTest, LineWrittenInPartsArrivesWhole)
+TEST_F(TmpFileTest, TextWrittenInPartsArrivesWhole)
 {
     TmpFile tmp(prefix_, true);
     const support::ShortWrites shortly(3);
-    writeLines(tmp, {"0123456789"});
-    EXPECT_EQ("0123456789\n", support::readFile(tmp.path()));
+    tmp << "0123456789" << std::endl << std::string(5000, 'x') << std::endl;
+    EXPECT_EQ("0123456789\n" + std::string(5000, 'x') + "\n", support::readFile(tmp.path()));
 }
 
-TEST_F(TmpFileTest, InterruptedLineIsRepeated)
+TEST_F(TmpFileTest, InterruptedWriteIsRepeated)
 {
     TmpFile tmp(prefix_, true);
     const LibcFault fault(LibcCall::Write, EINTR, 3);
-    writeLines(tmp, {"line"});
+    tmp << "line" << std::endl;
     EXPECT_EQ(0, fault.left());
     EXPECT_EQ("line\n", support::readFile(tmp.path()));
 }
 
-TEST_F(TmpFileTest, FailedLineMakesTheStreamBadWithItsErrno)
+TEST_F(TmpFileTest, InterruptedWriteOfALongLineIsRepeated)
+{
+    TmpFile tmp(prefix_, true);
+    const std::string line(100000, 'x');
+    const LibcFault write(LibcCall::Write, EINTR, 3);
+    const LibcFault writev(LibcCall::Writev, EINTR, 3);
+    tmp << line << std::endl;
+    EXPECT_TRUE(line + "\n" == support::readFile(tmp.path()));
+}
+
+TEST_F(TmpFileTest, FailedWriteMakesTheStreamBadWithItsErrno)
 {
     TmpFile tmp(prefix_, true);
     const LibcFault fault(LibcCall::Write, ENOSPC, 1);
     errno = 0;
-    writeLines(tmp, {"line"});
+    tmp << "line" << std::endl;
     EXPECT_EQ(ENOSPC, errno);
     EXPECT_EQ(std::ios::badbit, tmp.rdstate());
     EXPECT_EQ("", support::readFile(tmp.path()));
 }
 
-TEST_F(TmpFileTest, LinesBehindAFailedOneAreNotTried)
+TEST_F(TmpFileTest, LinesAfterAFailedOneAreNotTried)
 {
     TmpFile tmp(prefix_, true);
     const LibcFault fault(LibcCall::Write, ENOSPC, 1);
-    writeLines(tmp, {"first", "second"});
+    tmp << "first" << std::endl;
+    tmp << "second" << std::endl;
     EXPECT_TRUE(tmp.bad());
     EXPECT_EQ("", support::readFile(tmp.path()));
 }
 
-TEST_F(TmpFileTest, NoLinesWriteNothing)
-{
-    TmpFile tmp(prefix_, true);
-    const int before = support::writesMade();
-    writeLines(tmp, {});
-    EXPECT_EQ(0, support::writesMade() - before);
-    EXPECT_TRUE(tmp.good());
-}
-
-TEST_F(TmpFileTest, FailedLineThrowsWhereAskedTo)
+TEST_F(TmpFileTest, FailedWriteThrowsWhereAskedTo)
 {
     TmpFile tmp(prefix_, true);
     tmp.exceptions(std::ios::badbit);
     const LibcFault fault(LibcCall::Write, ENOSPC, 1);
-    EXPECT_THROW(writeLines(tmp, {"line"}), std::ios::failure);
-}
-
-TEST_F(TmpFileTest, FailedWriteOfWhatWasInsertedBeforeIsAFailureOfTheLine)
-{
-    TmpFile tmp(prefix_, true);
-    tmp << "before";
-    const LibcFault fault(LibcCall::Write, ENOSPC, 1);
-    writeLines(tmp, {"line"});
-    EXPECT_TRUE(tmp.bad());
-    EXPECT_EQ("", support::readFile(tmp.path()));
-}
-
-TEST_F(TmpFileTest, NoLineIsWrittenToAStreamThatHasFailed)
-{
-    TmpFile tmp(prefix_, true);
-    tmp.setstate(std::ios::failbit);
-    writeLines(tmp, {"line"});
-    EXPECT_EQ(std::ios::failbit, tmp.rdstate());
-    EXPECT_EQ("", support::readFile(tmp.path()));
+    EXPECT_THROW(tmp << "line" << std::endl, std::ios::failure);
 }
 
 TEST_F(TmpFileTest, DestructorWritesWhatIsBuffered)
@@ -281,7 +264,7 @@ TEST_F(TmpFileTest, LeavesNoDescriptor)
     EXPECT_EQ(before, openFds());
 }
 
-TEST_F(TmpFileTest, MovedAwayFileIsNoFailureOfAutoclean)
+TEST_F(TmpFileTest, MovedAwayFileIsNotAFailureOfAutoclean)
 {
     Capture capture;
     {
@@ -302,7 +285,7 @@ TEST_F(TmpFileTest, MovedAwayFileStays)
     EXPECT_EQ("text", support::readFile(prefix_));
 }
 
-TEST_F(TmpFileTest, FailedRemovalIsSaidOnStandardErrorOnly)
+TEST_F(TmpFileTest, FailedRemovalIsReportedOnStandardErrorOnly)
 {
     Capture capture;
     {
@@ -316,7 +299,22 @@ TEST_F(TmpFileTest, FailedRemovalIsSaidOnStandardErrorOnly)
     EXPECT_EQ("", out);
 }
 
-TEST_F(TmpFileTest, FailedRemovalWithoutAutocleanCannotHappen)
+TEST_F(TmpFileTest, InterruptedReportOfAFailedRemovalIsWhole)
+{
+    const support::ChildResult result = support::runInChild([this] {
+        support::InterruptedPipe err(STDERR_FILENO);
+        {
+            const TmpFile tmp(prefix_, true);
+            std::filesystem::remove(tmp.path());
+            std::filesystem::create_directory(tmp.path());
+        }
+        std::cout << err.text();
+        return 0;
+    });
+    EXPECT_EQ("TmpFile autoclean failed: Is a directory\n", result.out);
+}
+
+TEST_F(TmpFileTest, WithoutAutocleanNothingIsRemovedOrReported)
 {
     Capture capture;
     {
@@ -330,18 +328,6 @@ TEST_F(TmpFileTest, FailedRemovalWithoutAutocleanCannotHappen)
 TEST_F(TmpFileTest, DestructorIsNoexcept)
 {
     EXPECT_TRUE(std::is_nothrow_destructible_v<TmpFile>);
-}
-
-TEST_F(TmpFileTest, KeptFileStays)
-{
-    std::string path;
-    {
-        TmpFile tmp(prefix_, true);
-        tmp << "text";
-        tmp.keep();
-        path = tmp.path();
-    }
-    EXPECT_EQ("text", support::readFile(path));
 }
 
 // ---- creation failures -----------------------------------------------------------------------------------
@@ -398,144 +384,33 @@ TEST_F(TmpFileTest, InterruptedCreationIsRepeatedWithAFreshTemplate)
     EXPECT_THAT(tmp.path(), MatchesRegex(prefix_ + "[0-9A-Za-z]{6}"));
 }
 
-// ---- mode, disk, closing ---------------------------------------------------------------------------------
-
-TEST_F(TmpFileTest, ChmodSetsTheMode)
+// Each allocation in turn is the one that fails.
+TEST_F(TmpFileTest, WithoutMemoryNeitherAFileNorADescriptorIsLeft)
 {
-    TmpFile tmp(prefix_, true);
-    EXPECT_EQ(0, tmp.chmod(0644));
-    EXPECT_EQ(0644U, support::modeOf(tmp.path()));
-}
-
-TEST_F(TmpFileTest, ChmodIsNotSubjectToTheUmask)
-{
-    const mode_t old = ::umask(077);
-    TmpFile tmp(prefix_, true);
-    tmp.chmod(0666);
-    ::umask(old);
-    EXPECT_EQ(0666U, support::modeOf(tmp.path()));
-}
-
-TEST_F(TmpFileTest, ChmodChangesTheFileAlsoAfterARename)
-{
-    TmpFile tmp(prefix_, true);
-    std::filesystem::rename(tmp.path(), prefix_);
-    EXPECT_EQ(0, tmp.chmod(0640));
-    EXPECT_EQ(0640U, support::modeOf(prefix_));
-}
-
-TEST_F(TmpFileTest, SyncBringsTheBufferedTextIntoTheFile)
-{
-    TmpFile tmp(prefix_, true);
-    tmp << "text";
-    EXPECT_EQ(0, tmp.sync());
-    EXPECT_EQ("text", support::readFile(tmp.path()));
-}
-
-TEST_F(TmpFileTest, SyncReportsAFailedFsync)
-{
-    TmpFile tmp(prefix_, true);
-    const LibcFault fault(LibcCall::Fsync, EIO, 1);
-    errno = 0;
-    EXPECT_EQ(-1, tmp.sync());
-    EXPECT_EQ(EIO, errno);
-}
-
-TEST_F(TmpFileTest, InterruptedFsyncIsRepeated)
-{
-    TmpFile tmp(prefix_, true);
-    const LibcFault fault(LibcCall::Fsync, EINTR, 3);
-    EXPECT_EQ(0, tmp.sync());
-    EXPECT_EQ(0, fault.left());
-}
-
-TEST_F(TmpFileTest, SyncReportsAFailedWriteWithItsErrno)
-{
-    const support::ChildResult result = support::runInChild([this] {
-        limitFileSize(10);
-        TmpFile tmp(prefix_, true);
-        tmp << std::string(100, 'x');
-        errno = 0;
-        return tmp.sync() == -1 && errno == EFBIG ? 0 : 1;
-    });
-    EXPECT_EQ(0, result.status);
-}
-
-TEST_F(TmpFileTest, CloseBringsTheBufferedTextIntoTheFile)
-{
-    TmpFile tmp(prefix_, true);
-    tmp << "text";
-    EXPECT_EQ(0, tmp.close());
-    EXPECT_EQ("text", support::readFile(tmp.path()));
-}
-
-TEST_F(TmpFileTest, CloseClosesTheDescriptor)
-{
+    if (!support::MemoryFault::available())
+        GTEST_SKIP() << "memory cannot be refused under a sanitizer";
     const auto before = openFds();
-    TmpFile tmp(prefix_, true);
-    tmp.close();
-    EXPECT_EQ(before, openFds());
-}
-
-TEST_F(TmpFileTest, CloseReportsAFailedWriteWithItsErrno)
-{
-    const support::ChildResult result = support::runInChild([this] {
-        limitFileSize(10);
-        TmpFile tmp(prefix_, true);
-        tmp << std::string(100, 'x');
-        errno = 0;
-        return tmp.close() == -1 && errno == EFBIG ? 0 : 1;
-    });
-    EXPECT_EQ(0, result.status);
-}
-
-TEST_F(TmpFileTest, NothingCanBeWrittenAfterClose)
-{
-    TmpFile tmp(prefix_, true);
-    tmp.close();
-    tmp << "text" << std::flush;
-    EXPECT_FALSE(tmp.good());
-    EXPECT_EQ("", support::readFile(tmp.path()));
-}
-
-TEST_F(TmpFileTest, NoLineCanBeWrittenAfterClose)
-{
-    TmpFile tmp(prefix_, true);
-    EXPECT_EQ(0, tmp.close());
-    errno = 0;
-    writeLines(tmp, {"line"});
-    EXPECT_EQ(EBADF, errno);
-    EXPECT_EQ(std::ios::badbit, tmp.rdstate());
-    EXPECT_EQ("", support::readFile(tmp.path()));
-}
-
-TEST_F(TmpFileTest, ClosedFileIsStillRemoved)
-{
-    {
-        TmpFile tmp(prefix_, true);
-        tmp.close();
+    int failures = 0;
+    for (bool made = false; !made; ++failures) {
+        SCOPED_TRACE(failures);
+        ASSERT_GT(100, failures);
+        try {
+            const support::MemoryFault fault(failures);
+            const TmpFile tmp(prefix_, true);
+            made = true;
+        } catch (const std::bad_alloc&) {
+        } catch (const zorvo::SystemError& e) {
+            EXPECT_STREQ("mkstemp() failed: : Cannot allocate memory", e.what());
+        }
+        EXPECT_THAT(scratch_.names(), IsEmpty());
+        EXPECT_EQ(before, openFds());
     }
-    EXPECT_THAT(scratch_.names(), IsEmpty());
+    EXPECT_LT(2, failures);
 }
 
-TEST_F(TmpFileTest, ChmodAfterCloseFails)
-{
-    TmpFile tmp(prefix_, true);
-    tmp.close();
-    errno = 0;
-    EXPECT_EQ(-1, tmp.chmod(0644));
-    EXPECT_EQ(EBADF, errno);
-}
+// ---- replacing a target ----------------------------------------------------------------------------------
 
-TEST_F(TmpFileTest, SyncAfterCloseFails)
-{
-    TmpFile tmp(prefix_, true);
-    tmp.close();
-    EXPECT_EQ(-1, tmp.sync());
-}
-
-// The sequence of a file that is replaced: nothing of the target is lost before the rename.
-TEST_F(TmpFileTest, TargetIsUntouchedUntilTheRename)
+TEST_F(TmpFileTest, TargetIsUntouchedWhenTheFileIsNotMadeToReplaceIt)
 {
     support::writeFile(prefix_, "old");
     {
@@ -546,19 +421,144 @@ TEST_F(TmpFileTest, TargetIsUntouchedUntilTheRename)
     EXPECT_THAT(scratch_.names(), testing::ElementsAre("main.cf"));
 }
 
-TEST_F(TmpFileTest, KeptClosedAndRenamedFileReplacesTheTarget)
+TEST_F(TmpFileTest, ReplacedTargetHasTheTextThatWasStillBuffered)
 {
     support::writeFile(prefix_, "old");
     {
         TmpFile tmp(prefix_, true);
         tmp << "new";
-        tmp.chmod(0644);
-        ASSERT_EQ(0, tmp.sync());
-        tmp.keep();
-        ASSERT_EQ(0, tmp.close());
-        std::filesystem::rename(tmp.path(), prefix_);
+        tmp.replace(prefix_, 0644);
+        EXPECT_EQ("new", support::readFile(prefix_));
     }
     EXPECT_EQ("new", support::readFile(prefix_));
+    EXPECT_THAT(scratch_.names(), testing::ElementsAre("main.cf"));
+}
+
+TEST_F(TmpFileTest, ReplacedTargetNeedNotExist)
+{
+    TmpFile tmp(prefix_, true);
+    tmp << "new";
+    tmp.replace(prefix_, 0644);
+    EXPECT_EQ("new", support::readFile(prefix_));
+    EXPECT_THAT(scratch_.names(), testing::ElementsAre("main.cf"));
+}
+
+TEST_F(TmpFileTest, ReplacedTargetHasTheModeWhateverTheUmaskOrItsOwn)
+{
+    support::writeFile(prefix_, "old");
+    std::filesystem::permissions(prefix_, std::filesystem::perms::owner_read);
+    const mode_t old = ::umask(077);
+    TmpFile tmp(prefix_, true);
+    tmp.replace(prefix_, 0646);
+    ::umask(old);
+    EXPECT_EQ(0646U, support::modeOf(prefix_));
+}
+
+TEST_F(TmpFileTest, ReplacingClosesTheDescriptor)
+{
+    const auto before = openFds();
+    TmpFile tmp(prefix_, true);
+    tmp.replace(prefix_, 0644);
+    EXPECT_EQ(before, openFds());
+}
+
+TEST_F(TmpFileTest, NothingCanBeWrittenAfterReplacing)
+{
+    TmpFile tmp(prefix_, true);
+    tmp.replace(prefix_, 0644);
+    EXPECT_THROW(tmp << "text" << std::flush, std::ios::failure);
+    EXPECT_EQ("", support::readFile(prefix_));
+}
+
+// Another file may have got the name by the time the destructor runs.
+TEST_F(TmpFileTest, AfterReplacingTheDestructorRemovesNothing)
+{
+    std::string path;
+    {
+        TmpFile tmp(prefix_, true);
+        tmp.replace(prefix_, 0644);
+        path = tmp.path();
+        support::writeFile(path, "another");
+    }
+    EXPECT_EQ("another", support::readFile(path));
+}
+
+TEST_F(TmpFileTest, InterruptedFsyncIsRepeated)
+{
+    TmpFile tmp(prefix_, true);
+    const LibcFault fault(LibcCall::Fsync, EINTR, 3);
+    tmp.replace(prefix_, 0644);
+    EXPECT_EQ(0, fault.left());
+}
+
+TEST_F(TmpFileTest, FailedFsyncIsNamedAndTheFileRemoved)
+{
+    support::writeFile(prefix_, "old");
+    {
+        TmpFile tmp(prefix_, true);
+        const LibcFault fault(LibcCall::Fsync, EIO, 1);
+        EXPECT_EQ("filesystem_error filesystem error: fsync: Input/output error [" + tmp.path() + "]",
+                  replacementFailure(tmp, prefix_));
+    }
+    EXPECT_EQ("old", support::readFile(prefix_));
+    EXPECT_THAT(scratch_.names(), testing::ElementsAre("main.cf"));
+}
+
+TEST_F(TmpFileTest, FailedRenameIsNamedAndTheFileRemovedAtOnce)
+{
+    std::filesystem::create_directory(prefix_);
+    TmpFile tmp(prefix_, false);
+    EXPECT_EQ("FSError filesystem error: rename for " + prefix_ + " (" + tmp.path() + "): Is a directory [" +
+                  tmp.path() + "]",
+              replacementFailure(tmp, prefix_));
+    EXPECT_THAT(scratch_.names(), testing::ElementsAre("main.cf"));
+}
+
+TEST_F(TmpFileTest, FailedRenameHasItsErrno)
+{
+    TmpFile tmp(prefix_, true);
+    try {
+        tmp.replace(scratch_.file("missing/main.cf"), 0644);
+        FAIL() << "expected FSError";
+    } catch (const zorvo::mail::FSError& e) {
+        EXPECT_EQ(std::error_code(ENOENT, std::system_category()), e.code());
+        EXPECT_EQ(tmp.path(), e.path1());
+    }
+}
+
+// The text is small enough to be written by replace() only.
+TEST_F(TmpFileTest, FailedWriteOnReplacingIsTheFailureOfTheStream)
+{
+    support::writeFile(prefix_, "old");
+    const support::ChildResult result = support::runInChild([this] {
+        limitFileSize(10);
+        TmpFile tmp(prefix_, true);
+        tmp << std::string(100, 'x');
+        try {
+            tmp.replace(prefix_, 0644);
+        } catch (const std::ios::failure&) {
+            return tmp.bad() ? 0 : 1;
+        }
+        return 2;
+    });
+    EXPECT_TRUE(result.exitedWith(0)) << result.status;
+    EXPECT_EQ("old", support::readFile(prefix_));
+    EXPECT_THAT(scratch_.names(), testing::ElementsAre("main.cf"));
+}
+
+TEST_F(TmpFileTest, StreamThatHasFailedDoesNotReplaceItsTarget)
+{
+    support::writeFile(prefix_, "old");
+    {
+        TmpFile tmp(prefix_, true);
+        {
+            const LibcFault fault(LibcCall::Write, ENOSPC, 1);
+            tmp << "first" << std::endl;
+        }
+        tmp << "second" << std::endl;
+        EXPECT_THROW(tmp.replace(prefix_, 0644), std::ios::failure);
+    }
+    EXPECT_EQ("old", support::readFile(prefix_));
     EXPECT_THAT(scratch_.names(), testing::ElementsAre("main.cf"));
 }
 
@@ -583,4 +583,27 @@ TEST_F(TmpFileTest, FailedWriteInTheDestructorIsSilent)
     });
     EXPECT_EQ(0, result.status);
     EXPECT_EQ("", result.err + result.out);
+}
+
+TEST_F(TmpFileTest, FailedWriteInTheDestructorDoesNotThrowWhateverExceptionsAskFor)
+{
+    const support::ChildResult result = support::runInChild([this] {
+        limitFileSize(10);
+        TmpFile tmp(prefix_, true);
+        tmp.exceptions(std::ios::badbit | std::ios::failbit);
+        tmp << std::string(100, 'x');
+        return 0;
+    });
+    EXPECT_TRUE(result.exitedWith(0)) << result.status;
+    EXPECT_THAT(scratch_.names(), IsEmpty());
+}
+
+TEST_F(TmpFileTest, FailedCloseInTheDestructorDoesNotThrowWhateverExceptionsAskFor)
+{
+    {
+        TmpFile tmp(prefix_, true);
+        tmp.exceptions(std::ios::badbit | std::ios::failbit);
+        ::close(descriptorOf(tmp.path()));
+    }
+    EXPECT_THAT(scratch_.names(), IsEmpty());
 }

@@ -4,6 +4,7 @@
 #include "support/Capture.h"
 #include "support/Child.h"
 #include "support/InterruptedPipe.h"
+#include "support/LibcFaults.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,8 +19,8 @@ using zorvo::UtilityErrorStreamBuf;
 
 namespace {
 
-/// Stands in front of a standard stream and notes every write and flush in a common list. The tie of
-/// std::cerr to std::cout is undone meanwhile: it flushes the latter before each character.
+/// Stands in front of a standard stream and notes every write and flush in a common list. Meanwhile
+/// std::cerr is not tied to std::cout, which would be flushed before each character.
 class Recorder : public std::streambuf {
 public:
     Recorder(std::ostream& stream, const char* name, std::vector<std::string>& events)
@@ -92,7 +93,7 @@ TEST_F(UtilityErrorStreamTest, TextWithoutFlushReachesStandardErrorOnly)
     EXPECT_THAT(events_, ElementsAre("err:a", "err:b"));
 }
 
-TEST_F(UtilityErrorStreamTest, FlushSendsTheTextToStandardOutputAsOneBlockBehindStandardError)
+TEST_F(UtilityErrorStreamTest, FlushSendsTheTextToStandardOutputAsOneBlockAfterStandardError)
 {
     UtilityErrorStream stream;
     stream << "ab";
@@ -176,6 +177,25 @@ TEST_F(UtilityErrorStreamTest, EveryByteReachesBothStreams)
     for (const char c : all)
         expected.push_back(std::string("err:") + c);
     expected.insert(expected.end(), {"err flushed", "out:" + all, "out flushed"});
+    EXPECT_EQ(expected, events_);
+}
+
+TEST_F(UtilityErrorStreamTest, WithoutMemoryOnlyTheCopyOnStandardOutputIsCut)
+{
+    if (!support::MemoryFault::available())
+        GTEST_SKIP() << "memory cannot be refused under a sanitizer";
+    const std::string kept(std::string().capacity(), 'k');
+    UtilityErrorStream stream;
+    events_.reserve(100);
+    {
+        const support::MemoryFault fault(0, 1000);
+        stream << kept << "lost";
+    }
+    stream << std::flush;
+    EXPECT_TRUE(stream.good());
+    std::vector<std::string> expected(kept.size(), "err:k");
+    expected.insert(expected.end(),
+                    {"err:l", "err:o", "err:s", "err:t", "err flushed", "out:" + kept, "out flushed"});
     EXPECT_EQ(expected, events_);
 }
 

@@ -3,6 +3,7 @@
 
 #include "support/Capture.h"
 #include "support/Child.h"
+#include "support/InterruptedPipe.h"
 #include "support/LibcFaults.h"
 
 #include <fcntl.h>
@@ -13,6 +14,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <functional>
+#include <iostream>
 #include <string>
 
 using support::Capture;
@@ -145,7 +147,7 @@ TEST(Messlog2Test, SystemErrorArrivesWholeWhereverTheFirstBufferEnds)
     }
 }
 
-TEST(Messlog2Test, SystemErrorBehindAVeryLongMessageArrivesWhole)
+TEST(Messlog2Test, SystemErrorAfterAVeryLongMessageArrivesWhole)
 {
     const std::string message(100000, 'm');
     EXPECT_TRUE(message + "\nSystem error 2: No such file or directory\n" == errOf(ENOENT, message));
@@ -194,7 +196,7 @@ TEST(Messlog2Test, TextIsOutAtOnce)
     EXPECT_EQ("x\n", result.out);
 }
 
-TEST(Messlog2Test, TextStandsBehindWhatStdioWroteBefore)
+TEST(Messlog2Test, TextComesAfterWhatStdioWrote)
 {
     const ChildResult result = runInChild([] {
         errno = 0;
@@ -203,6 +205,27 @@ TEST(Messlog2Test, TextStandsBehindWhatStdioWroteBefore)
         return 0;
     });
     EXPECT_EQ("before\nx\n", result.out);
+}
+
+TEST(Messlog2Test, InterruptedReportIsWholeOnBothStreams)
+{
+    const ChildResult interruptedErr = runInChild([] {
+        support::InterruptedPipe err(STDERR_FILENO);
+        errno = ENOENT;
+        messlog2(0, 0, "x");
+        std::cout << err.text();
+        return 0;
+    });
+    const ChildResult interruptedOut = runInChild([] {
+        support::InterruptedPipe out(STDOUT_FILENO);
+        errno = ENOENT;
+        messlog2(0, 0, "x");
+        std::cerr << out.text();
+        return 0;
+    });
+    const std::string report = "x\nSystem error 2: No such file or directory\n";
+    EXPECT_EQ(report + report, interruptedErr.out);
+    EXPECT_EQ(report + report, interruptedOut.err);
 }
 
 TEST(Messlog2Test, WriteErrorsAreIgnored)
@@ -339,6 +362,7 @@ TEST(Messlog2MemoryTest, WithoutTheFirstBufferAFixedTextIsReported)
     });
     EXPECT_EQ("Can't allocate memory for error message\n", report.err);
     EXPECT_EQ("Can't allocate memory for error message\n", report.out);
+    EXPECT_EQ(0, report.result);
 }
 
 TEST(Messlog2MemoryTest, WithoutALargerBufferTheTextIsCutAt4095Characters)

@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -216,6 +217,45 @@ TEST_F(MkLockTest, DescriptorIsClosedOnExec)
     EXPECT_EQ(FD_CLOEXEC, ::fcntl(handle->fd, F_GETFD));
 }
 
+// Standard input may have been closed by the program.
+TEST_F(MkLockTest, LockFileOpenedAsAStandardDescriptorIsAHeldLockLikeAnyOther)
+{
+    for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        SCOPED_TRACE(standard);
+        const support::ChildResult result = support::runInChild([&] {
+            ::close(standard);
+            const Owner lock = locked();
+            if (lock->fd <= STDERR_FILENO || is_locked(lock.get()) != 1 || is_already_locked(lock.get()) != 0)
+                return 1;
+            if (::fcntl(lock->fd, F_GETFD) != FD_CLOEXEC)
+                return 2;
+            if (::fcntl(standard, F_GETFD) != -1)
+                return 3;
+            return is_already_locked(attempt().get()) == 1 ? 0 : 4;
+        });
+        EXPECT_TRUE(result.exitedWith(0)) << result.status;
+        EXPECT_EQ(1, is_locked(attempt().get()));
+    }
+}
+
+TEST_F(MkLockTest, LockFileThatCannotBeMovedFromAStandardDescriptorIsReported)
+{
+    const support::ChildResult result = support::runInChild([this] {
+        const rlimit limit{64, 64};
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        while (::dup(STDERR_FILENO) != -1) {
+        }
+        ::close(STDIN_FILENO);
+        errno = 0;
+        const Owner lock = locked();
+        return lock->fd == -1 && errno == EMFILE && ::fcntl(STDIN_FILENO, F_GETFD) == -1 ? 0 : 1;
+    });
+    EXPECT_TRUE(result.exitedWith(0)) << result.status;
+    EXPECT_EQ("Unable to open file \"" + file_ +
+                  "\": Too many open files.\nSystem error 24: Too many open files\n",
+              result.err);
+}
+
 TEST_F(MkLockTest, ProgramStartedMeanwhileDoesNotKeepTheLock)
 {
     Owner handle = locked();
@@ -377,7 +417,7 @@ TEST_F(MkLockTest, DescriptorIsClosedOnExecWhateverTheFlags)
     EXPECT_EQ(FD_CLOEXEC, ::fcntl(handle->fd, F_GETFD));
 }
 
-TEST_F(MkLockTest, SharedLocksOfTheWorkerStandBesideEachOther)
+TEST_F(MkLockTest, SharedLocksOfTheWorkerDoNotExcludeEachOther)
 {
     const Owner first(mk_lock_(file_.c_str(), O_RDWR | O_CREAT, LOCK_SH, 0));
     const Owner second(mk_lock_(file_.c_str(), O_RDWR | O_CREAT, LOCK_SH | LOCK_NB, 0));

@@ -22,7 +22,7 @@ namespace {
 
 using support::CountingHooks;
 
-/// One parser over its own copy of a text. The copy ends exactly behind the NUL, so that a sanitizer sees any
+/// One parser over its own copy of a text. The copy ends right after the NUL, so that a sanitizer sees any
 /// read past it.
 class Reader {
 public:
@@ -420,7 +420,7 @@ TEST(SjParseInt64, OctalNumberEndsAtTheDigitEight)
     EXPECT_EQ((Int64{0, 0, 1}), run(sj_parse_int64, "08"));
 }
 
-TEST(SjParseInt64, HexadecimalDigitEIsNoExponent)
+TEST(SjParseInt64, HexadecimalDigitEIsNotAnExponent)
 {
     EXPECT_EQ((Int64{0x1e3, 0, 5}), run(sj_parse_int64, "0x1e3"));
 }
@@ -430,7 +430,7 @@ TEST(SjParseInt64, WhitespaceBeforeTheNumberIsSkipped)
     EXPECT_EQ((Int64{42, 0, 5}), run(sj_parse_int64, " \n\t42"));
 }
 
-TEST(SjParseInt64, StopsBehindTheLastDigit)
+TEST(SjParseInt64, StopsAfterTheLastDigit)
 {
     EXPECT_EQ((Int64{42, 0, 2}), run(sj_parse_int64, "42,43"));
 }
@@ -463,17 +463,17 @@ TEST(SjParseInt64, NoDigitsAreError4WithTheCursorStaying)
     }
 }
 
-TEST(SjParseInt64, NoDigitsBehindWhitespaceLeaveTheCursorBeforeTheWhitespace)
+TEST(SjParseInt64, NoDigitsAfterWhitespaceLeaveTheCursorBeforeTheWhitespace)
 {
     EXPECT_EQ((Int64{0, 4, 0}), run(sj_parse_int64, "  x"));
 }
 
-TEST(SjParseInt64, FractionIsError6WithTheCursorBehindTheIntegerPart)
+TEST(SjParseInt64, FractionIsError6WithTheCursorAfterTheIntegerPart)
 {
     EXPECT_EQ((Int64{1, 6, 1}), run(sj_parse_int64, "1.5"));
 }
 
-TEST(SjParseInt64, ExponentIsError6WithTheCursorBehindTheIntegerPart)
+TEST(SjParseInt64, ExponentIsError6WithTheCursorAfterTheIntegerPart)
 {
     EXPECT_EQ((Int64{1, 6, 1}), run(sj_parse_int64, "1e3"));
     EXPECT_EQ((Int64{-12, 6, 3}), run(sj_parse_int64, "-12E3"));
@@ -490,6 +490,22 @@ TEST(SjParseInt64, EarlierRangeErrorInErrnoIsNotTakenForThisNumber)
     errno = ERANGE;
     EXPECT_EQ(5, sj_parse_int64(reader));
     EXPECT_EQ(0, reader->error);
+}
+
+TEST(SjParseInt64, NumberKeepsTheErrnoOfAnEarlierCall)
+{
+    Reader reader("5");
+    errno = ENOENT;
+    EXPECT_EQ(5, sj_parse_int64(reader));
+    EXPECT_EQ(ENOENT, errno);
+}
+
+TEST(SjParseInt64, MissingNumberKeepsTheErrnoOfAnEarlierCall)
+{
+    Reader reader("x");
+    errno = ENOENT;
+    EXPECT_EQ(0, sj_parse_int64(reader));
+    EXPECT_EQ(ENOENT, errno);
 }
 
 TEST(SjParseUint64, LargestValueIsAccepted)
@@ -519,7 +535,7 @@ TEST(SjParseUint64, MinusIsError6)
     EXPECT_EQ((Uint64{0, 6, 0}), run(sj_parse_uint64, "-0"));
 }
 
-TEST(SjParseUint64, MinusBehindWhitespaceIsError6)
+TEST(SjParseUint64, MinusAfterWhitespaceIsError6)
 {
     Reader reader(" \t-5");
     EXPECT_EQ(0U, sj_parse_uint64(reader));
@@ -534,12 +550,12 @@ TEST(SjParseUint64, NoDigitsAreError4WithTheCursorStaying)
     }
 }
 
-TEST(SjParseUint64, FractionIsError6WithTheCursorBehindTheIntegerPart)
+TEST(SjParseUint64, FractionIsError6WithTheCursorAfterTheIntegerPart)
 {
     EXPECT_EQ((Uint64{12, 6, 2}), run(sj_parse_uint64, "12.5"));
 }
 
-TEST(SjParseUint64, ExponentIsError6WithTheCursorBehindTheIntegerPart)
+TEST(SjParseUint64, ExponentIsError6WithTheCursorAfterTheIntegerPart)
 {
     EXPECT_EQ((Uint64{1, 6, 1}), run(sj_parse_uint64, "1E3"));
 }
@@ -550,6 +566,30 @@ TEST(SjParseUint64, EarlierRangeErrorInErrnoIsNotTakenForThisNumber)
     errno = ERANGE;
     EXPECT_EQ(5U, sj_parse_uint64(reader));
     EXPECT_EQ(0, reader->error);
+}
+
+TEST(SjParseUint64, NumberKeepsTheErrnoOfAnEarlierCall)
+{
+    Reader reader("5");
+    errno = ENOENT;
+    EXPECT_EQ(5U, sj_parse_uint64(reader));
+    EXPECT_EQ(ENOENT, errno);
+}
+
+TEST(SjParseInt, NumberKeepsTheErrorOfAnEarlierReader)
+{
+    Reader reader("5");
+    reader->error = 7;
+    EXPECT_EQ(5, sj_parse_int(reader));
+    EXPECT_EQ(7, reader->error);
+}
+
+TEST(SjParseUint, NumberKeepsTheErrorOfAnEarlierReader)
+{
+    Reader reader("5");
+    reader->error = 7;
+    EXPECT_EQ(5U, sj_parse_uint(reader));
+    EXPECT_EQ(7, reader->error);
 }
 
 TEST(SjParseInt, LargestValueIsAccepted)
@@ -587,7 +627,7 @@ TEST(SjParseInt, ExponentIsError6WithTheCursorPutBack)
     EXPECT_EQ((Int{0, 6, 0}), run(sj_parse_int, "1e3"));
 }
 
-TEST(SjParseInt, OutOfRangeBehindWhitespacePutsTheCursorBackBeforeTheWhitespace)
+TEST(SjParseInt, OutOfRangeAfterWhitespacePutsTheCursorBackBeforeTheWhitespace)
 {
     EXPECT_EQ((Int{0, 5, 0}), run(sj_parse_int, "  2147483648"));
 }
@@ -597,7 +637,7 @@ TEST(SjParseInt, NoDigitsAreError4)
     EXPECT_EQ((Int{0, 4, 0}), run(sj_parse_int, "x"));
 }
 
-TEST(SjParseInt, ReadsHexadecimalNumbersBehindWhitespace)
+TEST(SjParseInt, ReadsHexadecimalNumbersAfterWhitespace)
 {
     EXPECT_EQ((Int{16, 0, 5}), run(sj_parse_int, " 0x10"));
 }
@@ -617,12 +657,12 @@ TEST(SjParseUint, Above64BitsIsError5)
     EXPECT_EQ((Unsigned{0, 5, 0}), run(sj_parse_uint, "18446744073709551616"));
 }
 
-TEST(SjParseUint, MinusBehindWhitespaceIsError6WithTheCursorPutBackBeforeTheWhitespace)
+TEST(SjParseUint, MinusAfterWhitespaceIsError6WithTheCursorPutBackBeforeTheWhitespace)
 {
     EXPECT_EQ((Unsigned{0, 6, 0}), run(sj_parse_uint, "  -5"));
 }
 
-TEST(SjParseUint, OutOfRangeBehindWhitespacePutsTheCursorBackBeforeTheWhitespace)
+TEST(SjParseUint, OutOfRangeAfterWhitespacePutsTheCursorBackBeforeTheWhitespace)
 {
     EXPECT_EQ((Unsigned{0, 5, 0}), run(sj_parse_uint, "  4294967296"));
 }
@@ -637,7 +677,7 @@ TEST(SjParseUint, NoDigitsAreError4)
     EXPECT_EQ((Unsigned{0, 4, 0}), run(sj_parse_uint, "x"));
 }
 
-TEST(SjParseUint, ReadsHexadecimalNumbersBehindWhitespace)
+TEST(SjParseUint, ReadsHexadecimalNumbersAfterWhitespace)
 {
     EXPECT_EQ((Unsigned{16, 0, 5}), run(sj_parse_uint, " 0x10"));
 }
@@ -673,7 +713,7 @@ TEST(SjSkipNumber, WhitespaceBeforeTheNumberIsSkipped)
     EXPECT_EQ((Int{0, 0, 6}), run(sj_skip_number, " \n 1.5"));
 }
 
-TEST(SjSkipNumber, StopsBehindTheNumber)
+TEST(SjSkipNumber, StopsAfterTheNumber)
 {
     EXPECT_EQ((Int{0, 0, 3}), run(sj_skip_number, "1.5.5"));
     EXPECT_EQ((Int{0, 0, 3}), run(sj_skip_number, "1e5e5"));
@@ -697,7 +737,7 @@ TEST(SjSkipNumber, ExponentWithoutDigitsIsError6WithTheCursorOnTheFirstCharacter
     }
 }
 
-TEST(SjSkipNumber, RejectedNumberBehindWhitespaceLeavesTheCursorOnItsSign)
+TEST(SjSkipNumber, RejectedNumberAfterWhitespaceLeavesTheCursorOnItsSign)
 {
     EXPECT_EQ((Int{6, 6, 2}), run(sj_skip_number, "  -1.x"));
 }
@@ -724,13 +764,13 @@ TEST(SjParseString, BlanksInsideBelongToTheString)
     EXPECT_EQ((String{" a b ", 0, 7}), readString("\" a b \""));
 }
 
-TEST(SjParseString, ResultPointsBehindTheOpeningQuote)
+TEST(SjParseString, ResultPointsAfterTheOpeningQuote)
 {
     Reader reader(" \"abc\"");
     EXPECT_EQ(reader.at(2), sj_parse_string(reader));
 }
 
-TEST(SjParseString, TextBehindTheClosingQuoteIsNotChanged)
+TEST(SjParseString, TextAfterTheClosingQuoteIsNotChanged)
 {
     Reader reader("\"a\\n\\nb\",\"next\"");
     sj_parse_string(reader);
@@ -749,7 +789,7 @@ TEST(SjParseString, EveryByteIsAcceptedOrRejectedByItsValue)
         else if (byte == '"')
             EXPECT_EQ((String{"a", 0, 3}), outcome);
         else if (byte == '\\')
-            EXPECT_EQ((String{"a\b", 0, 5}), outcome); // with the letter behind it an escape
+            EXPECT_EQ((String{"a\b", 0, 5}), outcome); // an escape with the letter that follows
         else if (byte < 32 || byte > 127)
             EXPECT_EQ((String{"(null)", 9, 2}), outcome);
         else
@@ -789,7 +829,7 @@ TEST(SjParseString, EscapedNulInTheMiddleIsFollowedByItsFourDigits)
               std::string(result, 8));
 }
 
-TEST(SjParseString, EscapedNulIsNoError)
+TEST(SjParseString, EscapedNulIsNotAnError)
 {
     EXPECT_EQ((String{"a", 0, 10}), readString("\"a\\u0000b\""));
 }
@@ -841,7 +881,7 @@ TEST(SjParseString, EndOfTextIsError2)
     EXPECT_EQ((String{"(null)", 2, 0}), readString(""));
 }
 
-TEST(SjParseString, EndOfTextBehindWhitespaceIsError2)
+TEST(SjParseString, EndOfTextAfterWhitespaceIsError2)
 {
     EXPECT_EQ((String{"(null)", 2, 2}), readString(" \n"));
 }
@@ -854,7 +894,7 @@ TEST(SjParseString, AnythingElseIsError7)
     }
 }
 
-TEST(SjParseString, AnythingElseBehindWhitespaceLeavesTheCursorOnIt)
+TEST(SjParseString, AnythingElseAfterWhitespaceLeavesTheCursorOnIt)
 {
     EXPECT_EQ((String{"(null)", 7, 2}), readString("  x"));
 }
@@ -879,7 +919,7 @@ TEST(SjParseObjectStart, AnythingElseIsError11)
     }
 }
 
-TEST(SjParseObjectStart, AnythingElseBehindWhitespaceLeavesTheCursorOnIt)
+TEST(SjParseObjectStart, AnythingElseAfterWhitespaceLeavesTheCursorOnIt)
 {
     EXPECT_EQ((Int{11, 11, 2}), run(sj_parse_object_start, "  ["));
 }
@@ -899,7 +939,7 @@ TEST(SjParseObjectKey, MissingColonIsError12AndTheNameIsGivenAllTheSame)
     EXPECT_EQ((String{"key", 12, 5}), readKey("\"key\"1"));
 }
 
-TEST(SjParseObjectKey, MissingColonBehindWhitespaceLeavesTheCursorOnWhatIsThere)
+TEST(SjParseObjectKey, MissingColonAfterWhitespaceLeavesTheCursorOnWhatIsThere)
 {
     EXPECT_EQ((String{"key", 12, 7}), readKey("\"key\"  1"));
 }
@@ -1067,7 +1107,7 @@ TEST(SjSkipValue, WhitespaceBeforeTheValueIsSkipped)
     EXPECT_EQ((Int{0, 0, 5}), run(sj_skip_value, " \n\t[]"));
 }
 
-TEST(SjSkipValue, WhitespaceBehindTheValueIsLeft)
+TEST(SjSkipValue, WhitespaceAfterTheValueIsLeft)
 {
     EXPECT_EQ((Int{0, 0, 2}), run(sj_skip_value, "[] "));
 }
@@ -1082,7 +1122,7 @@ TEST(SjSkipValue, EveryOtherFirstByteIsError3)
     }
 }
 
-TEST(SjSkipValue, EndOfTextBehindWhitespaceIsError3)
+TEST(SjSkipValue, EndOfTextAfterWhitespaceIsError3)
 {
     EXPECT_EQ((Int{3, 3, 2}), run(sj_skip_value, "  "));
 }
@@ -1129,7 +1169,7 @@ TEST(SjSkipArray, MissingElementIsError3)
     EXPECT_EQ((Int{3, 3, 3}), run(sj_skip_array, "[1,]"));
 }
 
-TEST(SjSkipArray, EndOfTextBehindAnElementIsError16)
+TEST(SjSkipArray, EndOfTextAfterAnElementIsError16)
 {
     EXPECT_EQ((Int{16, 16, 2}), run(sj_skip_array, "[1"));
 }
@@ -1162,7 +1202,7 @@ TEST(SjSkipObject, AnythingElseIsError11)
     EXPECT_EQ((Int{11, 11, 0}), run(sj_skip_object, ""));
 }
 
-TEST(SjSkipObject, NameThatIsNoStringIsError7)
+TEST(SjSkipObject, NameThatIsNotAStringIsError7)
 {
     EXPECT_EQ((Int{7, 7, 1}), run(sj_skip_object, "{1:2}"));
 }
@@ -1187,7 +1227,7 @@ TEST(SjSkipObject, CommaBeforeTheClosingBraceIsError7)
     EXPECT_EQ((Int{7, 7, 7}), run(sj_skip_object, "{\"a\":1,}"));
 }
 
-TEST(SjSkipObject, EndOfTextBehindAValueIsError13)
+TEST(SjSkipObject, EndOfTextAfterAValueIsError13)
 {
     EXPECT_EQ((Int{13, 13, 6}), run(sj_skip_object, "{\"a\":1"));
 }
@@ -1471,6 +1511,39 @@ TEST(SjParserStrerror, SystemErrorIsAppendedToEveryCode)
         errno = EACCES;
         EXPECT_EQ(without + "Also system error occured: Permission denied (13).", sj_parser_strerror(reader));
     }
+}
+
+TEST(SjParserStrerror, NumbersThatWereReadBeforeLeaveTheSystemErrorOfAnEarlierCall)
+{
+    Reader reader("5x");
+    errno = EACCES;
+    sj_parse_int(reader);
+    sj_parse_uint64(reader);
+    EXPECT_STREQ(
+        "Number is expected. Error occured at offset 1, character 'x'. Also system error occured: Permission "
+        "denied (13).",
+        sj_parser_strerror(reader));
+}
+
+TEST(SjParserStrerror, NumbersThatWereReadBeforeLeaveNoSystemError)
+{
+    Reader reader("5x");
+    errno = 0;
+    sj_parse_int(reader);
+    sj_parse_uint64(reader);
+    EXPECT_STREQ("Number is expected. Error occured at offset 1, character 'x'. ",
+                 sj_parser_strerror(reader));
+}
+
+TEST(SjParserStrerror, NumberOutOfRangeIsASystemErrorToo)
+{
+    Reader reader("9223372036854775808");
+    errno = 0;
+    sj_parse_int64(reader);
+    EXPECT_STREQ(
+        "Number value is out of range for expected type. Error occured at offset 0, character '9'. Also "
+        "system error occured: Numerical result out of range (34).",
+        sj_parser_strerror(reader));
 }
 
 TEST(SjParserStrerror, NextCallOverwritesTheText)

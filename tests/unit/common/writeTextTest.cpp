@@ -3,14 +3,16 @@
 
 #include "support/Capture.h"
 #include "support/Child.h"
+#include "support/InterruptedPipe.h"
 #include "support/LibcFaults.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
+#include <iostream>
+#include <sstream>
 #include <string>
 
 using support::Capture;
@@ -19,20 +21,7 @@ using support::LibcFault;
 using zorvo::writeFormatted;
 using zorvo::writeText;
 
-namespace {
-
-std::string formatted(const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    const zorvo::FormattedText text(format, args);
-    va_end(args);
-    return std::string(text.view());
-}
-
-} // namespace
-
-TEST(WriteTextTest, PiecesStandBehindEachOther)
+TEST(WriteTextTest, PiecesStandOneAfterTheOther)
 {
     Capture capture;
     writeText(stderr, {"a", "", "bc", "\n"});
@@ -112,24 +101,7 @@ TEST(WriteFormattedTest, FormatsAndWrites)
     EXPECT_EQ("a-5", capture.err());
 }
 
-TEST(FormattedTextTest, TextsAroundTheSmallBufferAreWhole)
-{
-    for (const size_t length : {0U, 1U, 1022U, 1023U, 1024U, 1025U, 100000U}) {
-        SCOPED_TRACE(length);
-        const std::string text(length, 't');
-        EXPECT_TRUE(text == formatted("%s", text.c_str()));
-    }
-}
-
-TEST(FormattedTextTest, KeepsErrnoAndShowsIt)
-{
-    errno = ENOENT;
-    const std::string text = formatted("%m");
-    EXPECT_EQ(ENOENT, errno);
-    EXPECT_EQ("No such file or directory", text);
-}
-
-TEST(FormattedTextTest, WithoutMemoryALongTextIsCutAt1023Characters)
+TEST(WriteFormattedTest, WithoutMemoryALongTextIsCutAt1023Characters)
 {
     if (!support::MemoryFault::available())
         GTEST_SKIP() << "memory cannot be refused under a sanitizer";
@@ -140,4 +112,68 @@ TEST(FormattedTextTest, WithoutMemoryALongTextIsCutAt1023Characters)
         writeFormatted(stderr, "%s", text.c_str());
     }
     EXPECT_EQ(std::string(1023, 't'), capture.err());
+}
+
+TEST(WriteTextToStreamTest, PiecesReachTheDescriptorsAtOnce)
+{
+    const support::ChildResult result = support::runInChild([] {
+        writeText(std::cout, {"a", "", "bc\n"});
+        writeText(std::cerr, {"d", "ef\n"});
+        writeText(std::clog, {"g"});
+        ::_exit(0);
+        return 1;
+    });
+    EXPECT_EQ("abc\n", result.out);
+    EXPECT_EQ("def\ng", result.err);
+}
+
+TEST(WriteTextToStreamTest, TextComesAfterWhatTheStreamWasGivenBefore)
+{
+    const support::ChildResult result = support::runInChild([] {
+        std::cout << "before\n";
+        writeText(std::cout, {"text\n"});
+        std::cout << "after\n";
+        return 0;
+    });
+    EXPECT_EQ("before\ntext\nafter\n", result.out);
+}
+
+TEST(WriteTextToStreamTest, TiedStreamIsFlushedBefore)
+{
+    const support::ChildResult result = support::runInChild([] {
+        std::cout << "for the tied stream";
+        writeText(std::cerr, {"text"});
+        ::_exit(0);
+        return 1;
+    });
+    EXPECT_EQ("for the tied stream", result.out);
+}
+
+TEST(WriteTextToStreamTest, InterruptedWritesAreRepeated)
+{
+    const support::ChildResult result = support::runInChild([] {
+        support::InterruptedPipe pipe(STDERR_FILENO);
+        writeText(std::cerr, {"one", "\n"});
+        writeText(std::clog, {"two", "\n"});
+        std::cout << pipe.text();
+        return 0;
+    });
+    EXPECT_EQ("one\ntwo\n", result.out);
+}
+
+TEST(WriteTextToStreamTest, StreamWithAnotherBufferGetsTheTextThere)
+{
+    std::ostringstream stream;
+    writeText(stream, {"a", "b"});
+    EXPECT_EQ("ab", stream.str());
+}
+
+TEST(WriteTextToStreamTest, StreamThatIsNotGoodGetsNothing)
+{
+    const support::ChildResult result = support::runInChild([] {
+        std::cerr.setstate(std::ios::failbit);
+        writeText(std::cerr, {"text"});
+        return 0;
+    });
+    EXPECT_EQ("", result.err);
 }

@@ -2,6 +2,7 @@
 #include "common/zorvo_log.h"
 
 #include "support/Child.h"
+#include "support/InterruptedPipe.h"
 #include "support/OpenFds.h"
 
 #include <gmock/gmock.h>
@@ -86,7 +87,7 @@ ChildResult withDevLog(const std::function<std::string(DevLog&)>& body)
     if ((result).exitedWith(noDevLog))                                                                       \
     GTEST_SKIP() << "/dev/log is taken and no private /dev can be had"
 
-/// Runs `body` in a child, for the logger's state is that of the process.
+/// Runs `body` in a child, because the logger's state belongs to the process.
 ChildResult inChild(const std::function<void()>& body)
 {
     return runInChild([&] {
@@ -236,7 +237,7 @@ TEST(ZorvoLogConsoleTest, TextIsOutAtOnce)
     EXPECT_EQ("x\n", result.out);
 }
 
-TEST(ZorvoLogConsoleTest, TextStandsBehindWhatStdioWroteBefore)
+TEST(ZorvoLogConsoleTest, TextComesAfterWhatStdioWrote)
 {
     EXPECT_EQ("before\nx\n", inChild([] {
                                  std::fputs("before\n", stdout);
@@ -255,6 +256,22 @@ TEST(ZorvoLogConsoleTest, LongMessageArrivesWhole)
     const ChildResult result = inChild([&] { zorvo_log(LOG_ERR, "%s", text.c_str()); });
     EXPECT_TRUE(text + "\n" == result.err);
     EXPECT_TRUE(text + "\n" == result.out);
+}
+
+TEST(ZorvoLogConsoleTest, InterruptedLineIsWholeOnBothStreams)
+{
+    const ChildResult interruptedErr = inChild([] {
+        support::InterruptedPipe err(STDERR_FILENO);
+        zorvo_log(LOG_ERR, "%s", "line");
+        std::cout << err.text();
+    });
+    const ChildResult interruptedOut = inChild([] {
+        support::InterruptedPipe out(STDOUT_FILENO);
+        zorvo_log(LOG_ERR, "%s", "line");
+        std::cerr << out.text();
+    });
+    EXPECT_EQ("line\nline\n", interruptedErr.out);
+    EXPECT_EQ("line\nline\n", interruptedOut.err);
 }
 
 struct Location {
@@ -538,7 +555,7 @@ TEST(ZorvoLogSyslogTest, LongLineWithoutTraceIdIsNotCut)
     EXPECT_TRUE("<19>tool[PID]: " + std::string(20000, 't') == result.out);
 }
 
-TEST(ZorvoLogSyslogTest, NobodyListeningIsNoFailure)
+TEST(ZorvoLogSyslogTest, NobodyListeningIsNotAFailure)
 {
     const ChildResult result = withDevLog([](DevLog&) {
         ::unlink("/dev/log");

@@ -53,7 +53,7 @@ using support::postmapPath;
 using support::ToolAnswer;
 using namespace zorvo::mail::postfix;
 
-typedef std::vector<std::vector<std::string>> CommandLines;
+using CommandLines = std::vector<std::vector<std::string>>;
 
 class BatchDatabaseHelperTest : public testing::Test {
 protected:

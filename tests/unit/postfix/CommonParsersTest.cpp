@@ -48,7 +48,7 @@ TEST(CommonParsersTest, CommentTakesEveryOtherCharacter)
             << code;
 }
 
-TEST(CommonParsersTest, CommentNeedsItsSign)
+TEST(CommonParsersTest, CommentNeedsItsNumberSign)
 {
     EXPECT_EQ(-1, taken(comments_p, ""));
     EXPECT_EQ(-1, taken(comments_p, " # comment"));
@@ -88,7 +88,7 @@ TEST(CommonParsersTest, SpacesAreBlanksOnOneLine)
     EXPECT_EQ(2, taken(continuous_spaces_p, " \r\nword"));
 }
 
-TEST(CommonParsersTest, SpacesGoOnOverBlankLedLine)
+TEST(CommonParsersTest, SpacesContinueOverALineThatBeginsWithABlank)
 {
     EXPECT_EQ(2, taken(continuous_spaces_p, "\n word"));
     EXPECT_EQ(2, taken(continuous_spaces_p, "\n\tword"));
@@ -119,7 +119,7 @@ TEST(CommonParsersTest, SpacesTakeLinesBeforeContinuation)
     EXPECT_EQ(3, taken(continuous_spaces_p, "\n  "));
 }
 
-// Without a continuation behind them these lines are left where they are.
+// Without a continuation after them these lines are left where they are.
 TEST(CommonParsersTest, SpacesLeaveLinesWithoutContinuation)
 {
     EXPECT_EQ(0, taken(continuous_spaces_p, "\n\n# abc\nword"));

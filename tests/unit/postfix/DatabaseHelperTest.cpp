@@ -14,13 +14,33 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <list>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
+
+namespace {
+
+// So many of the next calls of remove(3) fail with EINTR.
+int removalsToInterrupt = 0;
+
+} // namespace
+
+extern "C" int remove(const char* path) noexcept
+{
+    if (removalsToInterrupt > 0) {
+        --removalsToInterrupt;
+        errno = EINTR;
+        return -1;
+    }
+    const int result = ::unlink(path);
+    return result == -1 && errno == EISDIR ? ::rmdir(path) : result;
+}
 
 namespace {
 
@@ -32,8 +52,8 @@ using support::ToolAnswer;
 using support::ToolCall;
 using namespace zorvo::mail::postfix;
 
-typedef std::vector<std::vector<std::string>> CommandLines;
-typedef std::vector<std::string> Keys;
+using CommandLines = std::vector<std::vector<std::string>>;
+using Keys = std::vector<std::string>;
 
 const RecordList noRecords;
 const RecordList twoRecords{{"@example.org", "zorvo-192.0.2.1-:"}, {"@example.com", "zorvo--2001-db8--1:"}};
@@ -199,7 +219,7 @@ TEST_F(DatabaseHelperTest, FailedAdditionWithoutErrorOutputIsUnknown)
 }
 
 // Judged by the tool's end alone, unlike a removal.
-TEST_F(DatabaseHelperTest, AdditionWithToleratedErrorOutputFailsAllTheSame)
+TEST_F(DatabaseHelperTest, AdditionWithToleratedErrorOutputStillFails)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: warning: x\n"));
     EXPECT_EQ("postmap: warning: x\n",
@@ -216,7 +236,7 @@ TEST_F(DatabaseHelperTest, AdditionWithErrorOutputAndExitZeroSucceeds)
 }
 
 // A tool that ends without reading costs a report, not the process.
-TEST_F(DatabaseHelperTest, ToolThatDoesNotReadFailsTheWrite)
+TEST_F(DatabaseHelperTest, ToolThatSucceedsWithoutReadingFailsTheWrite)
 {
     RecordList records;
     for (int i = 0; i < 50000; ++i)
@@ -227,6 +247,36 @@ TEST_F(DatabaseHelperTest, ToolThatDoesNotReadFailsTheWrite)
     EXPECT_EQ("write: Broken pipe", exactMessageOf<zorvo::SystemError>([&] { add(table_, records); }));
     EXPECT_TRUE(support::lockIsFree(lock_));
     EXPECT_TRUE(support::hasNoChildren());
+}
+
+TEST_F(DatabaseHelperTest, ToolThatFailsWithoutReadingIsReportedInItsOwnWords)
+{
+    RecordList many;
+    for (int i = 0; i < 50000; ++i)
+        many.emplace_back("key" + std::to_string(i), "value");
+    ToolAnswer answer = ToolAnswer::fails(1, "postmap: fatal: no\n");
+    answer.readsInput = false;
+    tools_.answer(postmapPath, answer);
+    for (const RecordList& records : {many, RecordList(twoRecords)})
+        EXPECT_EQ("postmap: fatal: no\n",
+                  exactMessageOf<PostfixConfigurationError>([&] { add(table_, records); }));
+    answer = ToolAnswer::dies(SIGKILL, "");
+    answer.readsInput = false;
+    tools_.answer(postmapPath, answer);
+    EXPECT_EQ("unknown error", exactMessageOf<PostfixConfigurationError>([&] { add(table_, many); }));
+}
+
+TEST_F(DatabaseHelperTest, RemovalThatFailsWithoutReadingIsReportedInItsOwnWords)
+{
+    std::list<std::string> keys;
+    for (int i = 0; i < 50000; ++i)
+        keys.push_back("key" + std::to_string(i));
+    ToolAnswer answer = ToolAnswer::fails(1, "postmap: fatal: no\n");
+    answer.readsInput = false;
+    tools_.answer(postmapPath, answer);
+    EXPECT_EQ("postmap: fatal: no\n", exactMessageOf<PostfixDatabaseError>([&] {
+                  DatabaseHelper::removeRecords(table_, keys.begin(), keys.end());
+              }));
 }
 
 // --- removing one
@@ -335,7 +385,7 @@ TEST_F(DatabaseHelperTest, RemovingManyRunsUnderTheLock)
     EXPECT_TRUE(support::lockIsFree(lock_));
 }
 
-TEST_F(DatabaseHelperTest, RemovalOfManyIsJudgedLikeThatOfOne)
+TEST_F(DatabaseHelperTest, RemovalOfManyIsJudgedLikeRemovalOfOne)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: warning: x\n"));
     EXPECT_EQ("(no exception)", messageOf<std::exception>([this] { remove(table_, {"a"}); }));
@@ -423,7 +473,7 @@ TEST_F(DatabaseHelperTest, FailedRebuildWithoutErrorOutputIsUnknown)
               exactMessageOf<PostfixConfigurationError>([this] { replace(table_, noRecords); }));
 }
 
-TEST_F(DatabaseHelperTest, RebuildWithToleratedErrorOutputFailsAllTheSame)
+TEST_F(DatabaseHelperTest, RebuildWithToleratedErrorOutputStillFails)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: warning: x\n"));
     EXPECT_EQ("postmap: warning: x\n",
@@ -541,7 +591,7 @@ TEST_F(DatabaseHelperTest, NameWithoutColonIsThePathItself)
     EXPECT_EQ(twoRecordsText, tools_.calls().front().files.at(source_)->content);
 }
 
-// The type is no part of the lock's name.
+// The type is not part of the lock's name.
 TEST_F(DatabaseHelperTest, OneLockServesAllTypesOfATable)
 {
     for (const std::string type : {"hash:", "btree:", "lmdb:", "cdb:", ":"})
@@ -563,10 +613,51 @@ TEST_F(DatabaseHelperTest, LmdbFileIsRemovedBeforeARebuild)
     EXPECT_TRUE(scratch_.names().empty());
 }
 
-TEST_F(DatabaseHelperTest, MissingLmdbFileIsNoError)
+TEST_F(DatabaseHelperTest, MissingLmdbFileIsNotAnError)
 {
     replace("lmdb:" + source_, twoRecords);
     EXPECT_EQ((std::vector<std::string>{postmapPath, "-r", "lmdb:" + source_}), call().argv);
+}
+
+TEST_F(DatabaseHelperTest, InterruptedRemovalOfTheLmdbFileIsRepeated)
+{
+    const std::string database = source_ + ".lmdb";
+    support::writeFile(database, "old");
+    tools_.watchFile(database);
+    removalsToInterrupt = 2;
+    replace("lmdb:" + source_, twoRecords);
+    EXPECT_EQ(0, removalsToInterrupt);
+    EXPECT_EQ(std::nullopt, call().files.at(database));
+}
+
+TEST_F(DatabaseHelperTest, LmdbFileThatCannotBeRemovedStopsTheRebuild)
+{
+    const std::string database = source_ + ".lmdb";
+    std::filesystem::create_directory(database);
+    support::writeFile(database + "/content", "x");
+    EXPECT_EQ("filesystem error: cannot remove: Directory not empty [" + database + "]",
+              exactMessageOf<std::filesystem::filesystem_error>(
+                  [this] { replace("lmdb:" + source_, twoRecords); }));
+    EXPECT_TRUE(tools_.calls().empty());
+    EXPECT_EQ(std::set<std::string>{"table.lmdb"}, scratch_.names());
+}
+
+// The records are not safe in the source file then, so the old table stays.
+TEST_F(DatabaseHelperTest, FailedCloseKeepsTheLmdbFile)
+{
+    support::writeFile(source_ + ".lmdb", "old");
+    const auto result = support::runInChild([this] {
+        support::failCloseOf(support::nextDescriptor(1), EIO); // The first one is the lock's.
+        try {
+            replace("lmdb:" + source_, twoRecords);
+        } catch (const std::ios_base::failure&) {
+            return 7;
+        }
+        return 0;
+    });
+    EXPECT_TRUE(result.exitedWith(7));
+    EXPECT_TRUE(tools_.calls().empty());
+    EXPECT_EQ(std::set<std::string>{"table.lmdb"}, scratch_.names());
 }
 
 TEST_F(DatabaseHelperTest, LmdbFileIsGoneAfterAFailedRebuild)
@@ -590,7 +681,7 @@ TEST_F(DatabaseHelperTest, OtherTypesKeepTheirDatabaseFiles)
 }
 
 // A name that only contains the word is none of that type: its source file has a longer name.
-TEST_F(DatabaseHelperTest, LmdbFurtherBehindIsNoType)
+TEST_F(DatabaseHelperTest, LmdbLaterInTheNameIsNotTheType)
 {
     const std::filesystem::path before = std::filesystem::current_path();
     std::filesystem::current_path(scratch_.path());
@@ -734,7 +825,7 @@ TEST_F(DatabaseHelperPostfixTest, RemovedRecordsAreGone)
 }
 
 // postmap(1) exits with 1 without a word.
-TEST_F(DatabaseHelperPostfixTest, RemovingAnAbsentKeyIsNoError)
+TEST_F(DatabaseHelperPostfixTest, RemovingAnAbsentKeySucceeds)
 {
     replace({{"a", "1"}});
     DatabaseHelper::removeRecord(table_, "b");

@@ -1,4 +1,4 @@
-// The list operations of MainCfManager: how a value is taken apart, what is written back, and when nothing
+// The list operations of MainCfManager: how a value is split, what is written back, and when nothing
 // is.
 #include "postfix/MainCfManager.h"
 
@@ -20,8 +20,8 @@ using support::postconfPath;
 using support::ToolAnswer;
 using namespace zorvo::mail::postfix;
 
-typedef std::deque<std::string> List;
-typedef std::vector<std::vector<std::string>> CommandLines;
+using List = std::deque<std::string>;
+using CommandLines = std::vector<std::vector<std::string>>;
 
 const char* const mainCfLock =
     "/run/lock/files/7963c3b4b0754641744c1ae241e19575"; // MD5 of /etc/postfix/main.cf
@@ -209,8 +209,8 @@ PROCESS_TEST_F(MainCfListTest, AllElementsDroppedSetsTheParameterToNothing)
     EXPECT_EQ(readAndWrite(""), tools_.commandLines());
 }
 
-// That an empty element would go is no reason to write.
-PROCESS_TEST_F(MainCfListTest, DroppingEmptyElementsAloneIsNoChange)
+// An empty element that would be dropped is not a reason to write.
+PROCESS_TEST_F(MainCfListTest, DroppingOnlyEmptyElementsIsNotAChange)
 {
     EXPECT_FALSE(
         managerOver("a, , b").transformList("name", [](const std::string& element) { return element; }));
@@ -225,7 +225,7 @@ PROCESS_TEST_F(MainCfListTest, EmptyElementsGoWhenTheListIsWritten)
 }
 
 // An empty element that is given a text is a change like any other.
-PROCESS_TEST_F(MainCfListTest, EmptyElementMayBecomeAText)
+PROCESS_TEST_F(MainCfListTest, EmptyElementMayBecomeText)
 {
     EXPECT_TRUE(managerOver("").transformList("name", [](const std::string&) { return std::string("new"); }));
     EXPECT_EQ(readAndWrite("new"), tools_.commandLines());
@@ -286,12 +286,12 @@ PROCESS_TEST_F(MainCfListTest, EmptyElementsSurviveARemovalOfNothing)
     EXPECT_EQ(readOnly(), runsOfRemoving("a,,b", "c"));
 }
 
-PROCESS_TEST_F(MainCfListTest, EmptyElementsGoWithARemovedOne)
+PROCESS_TEST_F(MainCfListTest, EmptyElementsGoWithTheRemovedElement)
 {
     EXPECT_EQ(readAndWrite("a, c"), runsOfRemoving("a,,b,,c", "b"));
 }
 
-// The empty element equals an empty value but was already as good as dropped.
+// The empty element equals an empty value, and dropping it is not a change.
 PROCESS_TEST_F(MainCfListTest, RemovingTheEmptyElementWritesNothing)
 {
     EXPECT_EQ(readOnly(), runsOfRemoving("a,,b", ""));
@@ -342,7 +342,7 @@ PROCESS_TEST_F(MainCfListTest, NewNetworkIsAppendedLikeAnyElement)
               runsOfAppending("127.0.0.0/8", "192.0.2.0/24", "mynetworks"));
 }
 
-PROCESS_TEST_F(MainCfListTest, OnlyTheVeryNameIsWrittenBack)
+PROCESS_TEST_F(MainCfListTest, OnlyTheExactNameIsWrittenBack)
 {
     EXPECT_EQ(readOnly("mynetworks_style"), runsOfAppending("subnet", "subnet", "mynetworks_style"));
     EXPECT_EQ(readOnly("Mynetworks"), runsOfAppending("a", "a", "Mynetworks"));
@@ -407,7 +407,7 @@ PROCESS_TEST_F(MainCfListTest, SameKeyWithAnotherValueIsAnotherElement)
 }
 
 // An element that is only words apart by blanks is one element here.
-PROCESS_TEST_F(MainCfListTest, BlanksSeparateNoCompoundElements)
+PROCESS_TEST_F(MainCfListTest, BlanksDoNotSeparateCompoundElements)
 {
     EXPECT_EQ(readAndWrite("a k v, k v"), runsOfCompound("a k v", "k", "v"));
 }

@@ -27,7 +27,7 @@ using support::postconfPath;
 using support::ToolAnswer;
 using namespace zorvo::mail::postfix;
 
-typedef std::vector<std::vector<std::string>> CommandLines;
+using CommandLines = std::vector<std::vector<std::string>>;
 
 const std::vector<std::string> directoryQuery{postconfPath, "-h", "config_directory"};
 const std::vector<std::string> defaultDirectoryQuery{postconfPath, "-h", "-d", "config_directory"};
@@ -159,6 +159,17 @@ PROCESS_TEST_F(MainCfManagerTest, LockIsNamedByTheDirectoryAsItStands)
     EXPECT_FALSE(tools_.calls().at(1).lockHeld.at(mainCfLock));
 }
 
+PROCESS_TEST_F(MainCfManagerTest, LockIsNamedByTheBuiltInDirectoryWhereThatIsUsed)
+{
+    const std::string lock = support::lockFileOf("/built/in/main.cf");
+    tools_.probeLock(lock);
+    tools_.answerOnce(postconfPath, ToolAnswer::fails(1, "postconf: fatal: text\n"));
+    tools_.answerOnce(postconfPath, ToolAnswer::prints("/built/in\n"));
+    MainCfManager::getInstance().removeKey("name");
+    EXPECT_TRUE(tools_.calls().at(2).lockHeld.at(lock));
+    EXPECT_FALSE(tools_.calls().at(2).lockHeld.at(mainCfLock));
+}
+
 // --- reading a value
 
 PROCESS_TEST_F(MainCfManagerTest, ValueIsAskedForByName)
@@ -250,7 +261,7 @@ PROCESS_TEST_F(MainCfManagerTest, NoValueWithAReportedErrorIsAnError)
               exactMessageOf<PostfixConfigurationError>([&] { m.getStringValue("x", false, false); }));
 }
 
-// Judged without strictness: another word than an error level is no error.
+// Judged without strictness: only an error level is an error.
 PROCESS_TEST_F(MainCfManagerTest, NoValueWithAnotherDiagnosticIsEmpty)
 {
     MainCfManager& m = manager();
@@ -259,7 +270,7 @@ PROCESS_TEST_F(MainCfManagerTest, NoValueWithAnotherDiagnosticIsEmpty)
 }
 
 // Standard error is judged only when there is no value.
-PROCESS_TEST_F(MainCfManagerTest, ValueBesidesAReportedErrorCounts)
+PROCESS_TEST_F(MainCfManagerTest, ValueCountsDespiteAReportedError)
 {
     MainCfManager& m = manager();
     ToolAnswer answer = ToolAnswer::prints("value\n");
@@ -520,7 +531,7 @@ PROCESS_TEST_F(MainCfManagerTest, ConfiguredParameterPrintsAValue)
     EXPECT_EQ((CommandLines{{postconfPath, "-n", "x"}, {postconfPath, "-n", "y"}}), tools_.commandLines());
 }
 
-PROCESS_TEST_F(MainCfManagerTest, UnconfiguredParameterWithAWarningIsNoError)
+PROCESS_TEST_F(MainCfManagerTest, UnconfiguredParameterWithAWarningIsNotAnError)
 {
     MainCfManager& m = manager();
     tools_.answerOnce(postconfPath, ToolAnswer::fails(0, "postconf: warning: x: unknown parameter\n"));
@@ -535,7 +546,7 @@ PROCESS_TEST_F(MainCfManagerTest, UnconfiguredParameterWithAReportedErrorIsAnErr
               exactMessageOf<PostfixConfigurationError>([&] { m.isValueConfigured("x"); }));
 }
 
-PROCESS_TEST_F(MainCfManagerTest, ConfiguredParameterBesidesAReportedErrorCounts)
+PROCESS_TEST_F(MainCfManagerTest, ConfiguredParameterCountsDespiteAReportedError)
 {
     MainCfManager& m = manager();
     ToolAnswer answer = ToolAnswer::prints("x = y\n");
@@ -622,7 +633,7 @@ PROCESS_TEST_F(MainCfManagerPostfixTest, ValueIsSetAndRemoved)
     EXPECT_EQ(before, support::readFile("/etc/postfix/main.cf"));
 }
 
-// Removing what is not set is no error.
+// Removing what is not set is not an error.
 PROCESS_TEST_F(MainCfManagerPostfixTest, UnsetParameterIsRemovedSilently)
 {
     const std::string before = support::readFile("/etc/postfix/main.cf");

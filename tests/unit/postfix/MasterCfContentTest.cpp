@@ -13,7 +13,7 @@ namespace {
 
 using namespace zorvo::mail::postfix;
 
-typedef std::list<std::string> Lines;
+using Lines = std::list<std::string>;
 
 ModuleInfo service(const std::string& name, ModuleType type, const std::string& command = "smtpd")
 {
@@ -177,7 +177,7 @@ TEST(MasterCfContentTest, RemovedServiceComesBackAtTheEnd)
     EXPECT_EQ((Lines{"b text", "a again"}), content.rawLines());
 }
 
-// The type is no part of the message.
+// The type is not part of the message.
 TEST(MasterCfContentTest, AbsentServiceIsNamed)
 {
     MasterCfContent content;

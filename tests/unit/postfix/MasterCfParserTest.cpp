@@ -25,8 +25,8 @@ using boost::logic::indeterminate;
 using support::exactMessageOf;
 using namespace zorvo::mail::postfix;
 
-typedef std::list<std::string> Lines;
-typedef std::list<std::string> Words;
+using Lines = std::list<std::string>;
+using Words = std::list<std::string>;
 
 class MasterCfParserTest : public testing::Test {
 protected:
@@ -114,7 +114,7 @@ TEST_F(MasterCfParserTest, CommentLinesKeepTheirText)
               load("#\n  \t# text #  \n#\r\n#smtp inet n - n - - smtpd").rawLines());
 }
 
-// Any byte but the line feed may stand in a comment.
+// Any byte except the line feed may stand in a comment.
 TEST_F(MasterCfParserTest, CommentsHoldEveryByte)
 {
     std::string comment = "#";
@@ -169,8 +169,8 @@ TEST_F(MasterCfParserTest, CommentLinesBeforeContinuationAreSwallowed)
     EXPECT_EQ((Words{"smtpd", "-o", "a=b"}), content.modules().front().command);
 }
 
-// Without a continuation behind them they are lines of their own, indented or not.
-TEST_F(MasterCfParserTest, BlankAndCommentLinesBehindAnEntryAreLines)
+// Without a continuation after them they are lines of their own, indented or not.
+TEST_F(MasterCfParserTest, BlankAndCommentLinesAfterAnEntryAreLinesOfTheirOwn)
 {
     EXPECT_EQ(
         (Lines{"a inet n - n - - x", "", "  # indented", "\t", "# flush left", "b inet n - n - - x", ""}),
@@ -178,7 +178,7 @@ TEST_F(MasterCfParserTest, BlankAndCommentLinesBehindAnEntryAreLines)
     EXPECT_EQ((Lines{"a inet n - n - - x", "   "}), load("a inet n - n - - x\n   ").rawLines());
 }
 
-TEST_F(MasterCfParserTest, CommentsBehindColumnsAreAllowedBeforeContinuation)
+TEST_F(MasterCfParserTest, CommentsAfterColumnsAreAllowedBeforeContinuation)
 {
     const std::string text =
         "smtp # name\n inet # type\n n # private\n - # unpriv\n n # chroot\n - # wakeup\n"
@@ -188,7 +188,7 @@ TEST_F(MasterCfParserTest, CommentsBehindColumnsAreAllowedBeforeContinuation)
     EXPECT_EQ("smtp inet n - n - - smtpd -o a=b", formatServiceLine(content.modules().front()));
 }
 
-TEST_F(MasterCfParserTest, CommentBehindCommandNeedsAContinuation)
+TEST_F(MasterCfParserTest, CommentAfterTheCommandNeedsAContinuation)
 {
     EXPECT_EQ(syntaxError(26, "# comment"), failure("smtp inet n - n - - smtpd # comment\n"));
     const std::string text = "smtp inet n - n - - smtpd # comment\n  -o a=b";
@@ -204,14 +204,14 @@ TEST_F(MasterCfParserTest, CommentEndsAWord)
     EXPECT_EQ(syntaxError(25, "#comment"), failure("smtp inet n - n - - smtpd#comment\n"));
 }
 
-// A comment behind the last line of an entry with continuation lines is refused as well.
-TEST_F(MasterCfParserTest, CommentBehindLastContinuationLineIsRefused)
+// A comment after the last line of an entry with continuation lines is refused as well.
+TEST_F(MasterCfParserTest, CommentAfterTheLastContinuationLineIsRefused)
 {
     EXPECT_EQ(syntaxError(34, "# last"), failure("smtp inet n - n - - smtpd\n -o a=b # last\n"));
 }
 
-// A line of blanks only is no continuation with words.
-TEST_F(MasterCfParserTest, BlankLineAtTheEndIsNoContinuation)
+// A line of blanks only is not a continuation with words.
+TEST_F(MasterCfParserTest, BlankLineAtTheEndIsNotAContinuation)
 {
     const MasterCfContent& content = load("a inet n - n - - x\n  \n");
     EXPECT_EQ((Lines{"a inet n - n - - x", "  ", ""}), content.rawLines());
@@ -230,7 +230,7 @@ TEST_F(MasterCfParserTest, EveryByteInAServiceNameIsJudged)
         } else if (c == '#') {
             ASSERT_TRUE(load(line + '\n').modules().empty()) << code;
         } else if (c == ' ' || c == '\t' || c == '\r') {
-            // Two blanks are the character and the one behind it.
+            // Two blanks are the character and the one after it.
             ASSERT_EQ(syntaxError(2, "inet n - n - - x"), failure(line + '\n')) << code;
         } else if (c == '\n') {
             ASSERT_EQ(syntaxError(2, "inet n - n - - x"), failure(line + '\n')) << code;
@@ -355,7 +355,7 @@ TEST_F(MasterCfParserTest, WakeupTimeIsRead)
     EXPECT_FALSE(service("x unix - - - 60 - x\n").wakeupIfUsed);
 }
 
-TEST_F(MasterCfParserTest, QuestionMarkBehindWakeupTimeIsRead)
+TEST_F(MasterCfParserTest, QuestionMarkAfterWakeupTimeIsRead)
 {
     const ModuleInfo info = service("x unix - - - 60? - x\n");
     EXPECT_EQ(60, info.wakeup);
@@ -401,7 +401,7 @@ TEST_F(MasterCfParserTest, LargerNumbersAreRefused)
     }
 }
 
-TEST_F(MasterCfParserTest, SignsAndOtherNotationsAreNoNumbers)
+TEST_F(MasterCfParserTest, SignsAndOtherNotationsAreNotNumbers)
 {
     for (const std::string columns : {"+5 -", "- +5", "x -"}) {
         const std::string line = "x unix - - - " + columns + " x";
@@ -448,7 +448,7 @@ TEST_F(MasterCfParserTest, OtherWhiteSpaceSeparatesNothing)
 
 // --- command words
 
-/// The printable characters of ASCII but "#".
+/// The printable characters of ASCII except "#".
 bool isCommandCharacter(char c)
 {
     return c > ' ' && c <= '~' && c != '#';
@@ -535,13 +535,13 @@ TEST_F(MasterCfParserTest, ErrorOnTheLastLineShowsItToTheEnd)
     EXPECT_EQ(syntaxError(4, "Bad"), failure("# c\nBad"));
 }
 
-TEST_F(MasterCfParserTest, ErrorBehindBlanksStopsBehindThem)
+TEST_F(MasterCfParserTest, ErrorAfterBlanksStopsAfterThem)
 {
     EXPECT_EQ(syntaxError(3, "Bad line"), failure(" \t\rBad line\n"));
     EXPECT_EQ(syntaxError(6, "x unix - - n - - x"), failure("# c\n  x unix - - n - - x\n"));
 }
 
-TEST_F(MasterCfParserTest, ErrorBehindAReadableEntryStopsThere)
+TEST_F(MasterCfParserTest, ErrorAfterAReadableEntryStopsThere)
 {
     EXPECT_EQ(syntaxError(18, "\x80 more"), failure("x unix - - n - - a\x80 more\n"));
     EXPECT_EQ(syntaxError(20, "\x80 more"), failure("x unix - - n - - a  \x80 more\n"));
@@ -554,7 +554,7 @@ TEST_F(MasterCfParserTest, ErrorInsideAnEntryShowsItsFirstLine)
 }
 
 // The fault is on a continuation line of an entry that can be read up to there.
-TEST_F(MasterCfParserTest, ErrorOnAContinuationLineBehindTheCommandStopsAtThatLine)
+TEST_F(MasterCfParserTest, ErrorOnAContinuationLineAfterTheCommandStopsAtThatLine)
 {
     EXPECT_EQ(syntaxError(21, "\x80"), failure("x unix - - n - - a\n  \x80\n"));
     EXPECT_EQ(syntaxError(23, "\x80"), failure("x unix - - n - - a\n -b \x80\n"));
@@ -794,7 +794,7 @@ TEST_F(MasterCfParserTest, HandWrittenFilesAreReadWhole)
               formatServiceLine(load(deliveryStyle).getModule("127.0.0.1:10025", ModuleType::Inet).first));
 }
 
-// Empty lines at the end go; lines of blanks or a lone carriage return are no empty ones.
+// Empty lines at the end go; lines of blanks or a lone carriage return are not empty.
 TEST_F(MasterCfParserTest, EmptyLinesAtTheEndAreDropped)
 {
     EXPECT_EQ("# a\n", roundTrip("# a"));
@@ -808,7 +808,7 @@ TEST_F(MasterCfParserTest, EmptyLinesAtTheEndAreDropped)
 
 TEST_F(MasterCfParserTest, FileOfEmptyLinesKeepsThemAll)
 {
-    // One line feed is two empty lines, the one before it and the one behind it.
+    // One line feed is two empty lines, the one before it and the one after it.
     EXPECT_EQ("\n\n", roundTrip("\n"));
     EXPECT_EQ("\n\n\n\n", roundTrip("\n\n\n"));
 }

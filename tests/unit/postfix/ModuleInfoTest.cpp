@@ -73,7 +73,7 @@ TEST(ModuleInfoTest, TypesHaveTheirKeywords)
     EXPECT_STREQ("pass", typeKeyword(ModuleType::Pass));
 }
 
-// Defaults are dashes, but for the chroot column.
+// Defaults are dashes, except in the chroot column.
 TEST(ModuleInfoTest, LineOfDefaultsShowsDashesAndChrootN)
 {
     EXPECT_EQ("smtp inet - - n - - smtpd", formatServiceLine(smtpd()));
@@ -122,7 +122,7 @@ TEST(ModuleInfoTest, LineShowsWakeupTime)
               lineWithWakeup(std::numeric_limits<int32_t>::max(), false));
 }
 
-TEST(ModuleInfoTest, LineShowsQuestionMarkBehindWakeupTime)
+TEST(ModuleInfoTest, LineShowsQuestionMarkAfterWakeupTime)
 {
     EXPECT_EQ("smtp inet - - n 60? - smtpd", lineWithWakeup(60, true));
     EXPECT_EQ("smtp inet - - n 0? - smtpd", lineWithWakeup(0, true));
@@ -170,7 +170,7 @@ TEST(ModuleInfoTest, LineShowsNumbersWithoutGrouping)
     EXPECT_EQ("smtp inet - - n - 10000 smtpd", maxProc);
 }
 
-// One blank between words, none behind the last.
+// One blank between words, none after the last.
 TEST(ModuleInfoTest, LineJoinsCommandWords)
 {
     ModuleInfo info = smtpd();

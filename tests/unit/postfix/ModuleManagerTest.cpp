@@ -974,7 +974,7 @@ PROCESS_TEST_F(ModuleManagerTest, DisabledServiceMovesWithItsText)
     EXPECT_EQ(std::string(entryWithComments) + "\n", disabledFile());
 }
 
-PROCESS_TEST_F(ModuleManagerTest, EnabledAgainServiceKeepsItsTextAtTheEnd)
+PROCESS_TEST_F(ModuleManagerTest, ReenabledServiceKeepsItsTextAtTheEnd)
 {
     ModuleManager& m = loaded(std::string("# above\n") + entryWithComments + "\n# below\n");
     m.disableModule("sub", ModuleType::Inet);

@@ -31,7 +31,7 @@ namespace support {
 
 inline const char* const lockDirectory = "/run/lock/files";
 
-/// The lock file of a name, reckoned independently of the product.
+/// The lock file of a name, computed independently of the product.
 inline std::string lockFileOf(const std::string& name)
 {
     unsigned char digest[EVP_MAX_MD_SIZE];

@@ -48,7 +48,7 @@ TEST(CheckOutputTest, ErrorLevelsFail)
 }
 
 // The level's own colon is the further colon that a diagnostic has.
-TEST(CheckOutputTest, LevelWithNothingBehindItFails)
+TEST(CheckOutputTest, LevelWithNothingAfterItFails)
 {
     expectJudged(false, false, {"postmap: fatal:", "postmap: error:\n", "postmap: panic:"});
 }
@@ -69,7 +69,7 @@ TEST(CheckOutputTest, OtherLevelFailsOnlyStrictly)
 }
 
 // The level is matched with its colon.
-TEST(CheckOutputTest, LongerWordIsNoErrorLevel)
+TEST(CheckOutputTest, LongerWordIsNotAnErrorLevel)
 {
     expectJudged(true, false, {"postmap: fatality: text", "postmap: errors: text", "postmap: panicky: text"});
     expectJudged(true, false, {"postmap: warnings: text"});
@@ -85,12 +85,12 @@ TEST(CheckOutputTest, ColonAtLineEndPasses)
     expectJudged(true, true, {"postmap:", "fatal:", ":", "postmap:\nfatal:\n"});
 }
 
-TEST(CheckOutputTest, OnlyBlanksBehindColonPass)
+TEST(CheckOutputTest, OnlyBlanksAfterTheColonPass)
 {
     expectJudged(true, true, {"postmap: ", "postmap:     ", "postmap:  \n"});
 }
 
-// The text behind the blanks has to be longer than one character.
+// The text after the blanks has to be longer than one character.
 TEST(CheckOutputTest, LevelOnLastCharacterPasses)
 {
     expectJudged(true, true, {"postmap: f", "postmap: :", "postmap::", "postmap:   :\n"});
@@ -102,7 +102,7 @@ TEST(CheckOutputTest, ShortestLevelWithColonFailsStrictly)
 }
 
 // A colon at the level position itself is not the further one.
-TEST(CheckOutputTest, ColonAtLevelPositionIsNoFurtherColon)
+TEST(CheckOutputTest, ColonAtLevelPositionIsNotTheFurtherColon)
 {
     expectJudged(true, true, {"a: :b", "a::bc"});
     expectJudged(true, false, {"a: :b:", "a: :fatal: x"});
@@ -113,7 +113,7 @@ TEST(CheckOutputTest, LineWithoutFurtherColonPasses)
     expectJudged(true, true, {"postmap: fatal", "fatal: something", "error: something", "panic: x"});
 }
 
-// A line that begins with a level has its level position behind that.
+// A line that begins with a level has its level position after that.
 TEST(CheckOutputTest, LeadingLevelIsTakenAsTheName)
 {
     expectJudged(true, false, {"fatal: open: text", "panic: a:"});
@@ -138,8 +138,8 @@ TEST(CheckOutputTest, EmptyNameCounts)
     expectJudged(false, false, {": fatal: x", ":error: x"});
 }
 
-// Only the place behind the first colon is looked at.
-TEST(CheckOutputTest, LevelFurtherBehindIsText)
+// Only the place after the first colon is looked at.
+TEST(CheckOutputTest, LevelLaterInTheLineIsText)
 {
     expectJudged(true, true, {"postconf: warning: fatal: x"});
     expectJudged(true, false, {"postfix/postmap: note: fatal: x"});
@@ -153,7 +153,7 @@ TEST(CheckOutputTest, OneBadLineOfManyFails)
     expectJudged(true, false, {"postmap: warning: a: b\npostmap: note: c\npostmap: warning: d"});
 }
 
-// Lines are judged one by one: a name on one line and a level on the next are no diagnostic.
+// Lines are judged one by one: a name on one line and a level on the next are not a diagnostic.
 TEST(CheckOutputTest, DiagnosticDoesNotSpanLines)
 {
     expectJudged(true, true, {"postmap:\nfatal: x", "postmap: fatal\n:", "postmap: f\n: x"});

@@ -27,9 +27,9 @@ using support::postmapPath;
 using support::ToolAnswer;
 using namespace zorvo::mail::postfix;
 
-typedef std::vector<std::vector<std::string>> CommandLines;
-typedef SenderTransportManager<IpSenderTransport> IpManager;
-typedef SenderTransportManager<DomainSenderTransport> DomainManager;
+using CommandLines = std::vector<std::vector<std::string>>;
+using IpManager = SenderTransportManager<IpSenderTransport>;
+using DomainManager = SenderTransportManager<DomainSenderTransport>;
 
 const std::string table = senderTransportTable;
 const std::string tableSource = support::sourceOf(table);
@@ -78,7 +78,7 @@ protected:
 
 // --- adding
 
-PROCESS_TEST_F(SenderTransportManagerTest, AddingRunsToolsInOrder)
+PROCESS_TEST_F(SenderTransportManagerTest, AddingRunsTheToolsInOrder)
 {
     writeMasterCf("# top\n");
     IpManager("example.org", "192.0.2.1", "").addDomainToSenderTransport();
@@ -130,7 +130,7 @@ PROCESS_TEST_F(SenderTransportManagerTest, KnownServiceIsReplacedInPlace)
     EXPECT_EQ(std::string(ipService) + "\n" + rest, masterCf());
 }
 
-PROCESS_TEST_F(SenderTransportManagerTest, ServiceIsTakenFromTheDisabledOnes)
+PROCESS_TEST_F(SenderTransportManagerTest, BoundServiceIsNoLongerDisabled)
 {
     support::writeFile("/var/spool/postfix/zorvo/master.cf.disabled",
                        "zorvo-192.0.2.1- unix - - n - - old\n# end\n");
@@ -312,7 +312,7 @@ PROCESS_TEST_F(SenderTransportManagerTest, IPv6TransportsAreRemovedByTheirEnd)
               masterCf());
 }
 
-// The beginning decides here too, so a longer domain is taken along.
+// The beginning decides here too, so a longer domain goes as well.
 PROCESS_TEST_F(SenderTransportManagerTest, DomainTransportsAreRemovedByTheirBeginning)
 {
     load(manyServices);
@@ -381,8 +381,8 @@ PROCESS_TEST_F(SenderTransportManagerTest, TransportWithoutDomainCannotBeRemoved
     EXPECT_EQ(manyServices, masterCf());
 }
 
-// Where there is no service there is nothing to be decided.
-PROCESS_TEST_F(SenderTransportManagerTest, NothingIsMissedWithoutServices)
+// Without a service there is nothing to decide.
+PROCESS_TEST_F(SenderTransportManagerTest, WithoutServicesNeitherAddressNorDomainIsNeeded)
 {
     load("# top\n");
     IpManager("", "", "").removeSenderTransport();

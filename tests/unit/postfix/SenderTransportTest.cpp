@@ -18,7 +18,7 @@ namespace {
 using support::exactMessageOf;
 using namespace zorvo::mail::postfix;
 
-typedef std::list<std::string> Words;
+using Words = std::list<std::string>;
 
 TEST(SenderTransportTest, PrefixAndTableAreFixed)
 {
@@ -129,7 +129,7 @@ TEST(DomainSenderTransportTest, NoAddressPrefersAny)
 }
 
 // The domain is kept and announced in lower case; the name is made from it as it was passed.
-TEST(DomainSenderTransportTest, DomainIsLowerCasedButForTheName)
+TEST(DomainSenderTransportTest, DomainIsLowerCasedExceptInTheName)
 {
     const DomainSenderTransport transport("Example.ORG", "10.0.0.1", "FE80::1");
     EXPECT_EQ("zorvo-Example.ORG-10.0.0.1-FE80--1", transport.name);
@@ -147,7 +147,7 @@ TEST(DomainSenderTransportTest, ColonsOfTheDomainAreReplacedInTheNameOnly)
     EXPECT_EQ("smtp_helo_name=a:b", transport.command.back());
 }
 
-// Bytes outside ASCII are no letters in the default locale.
+// Bytes outside ASCII are not letters in the default locale.
 TEST(DomainSenderTransportTest, OtherBytesAreNotLowerCased)
 {
     const DomainSenderTransport transport("\xc3\x84X.de", "10.0.0.1", "");

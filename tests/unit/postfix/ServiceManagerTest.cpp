@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -33,7 +34,7 @@ using support::zorvorcPath;
 using testing::MatchesRegex;
 using zorvo::mail::postfix::ServiceManager;
 
-typedef std::vector<std::vector<std::string>> CommandLines;
+using CommandLines = std::vector<std::vector<std::string>>;
 
 const char* const pidPath = "/var/spool/postfix/pid/master.pid";
 
@@ -286,15 +287,71 @@ TEST(PrintStatusTest, AnythingElseIsStopped)
     }
 }
 
+int announcing = -1; ///< A signal is announced here.
+
+char stateOf(pid_t process)
+{
+    const std::string stat = support::readFile("/proc/" + std::to_string(process) + "/stat");
+    return stat.at(stat.rfind(')') + 2);
+}
+
+/// A pipe that holds as much as it can.
+struct FullPipe {
+    FullPipe()
+    {
+        if (::pipe2(ends, O_NONBLOCK) != 0)
+            throw std::runtime_error("pipe2");
+        while (::write(ends[1], "x", 1) == 1)
+            content += 'x';
+        ::fcntl(ends[0], F_SETFL, 0);
+        ::fcntl(ends[1], F_SETFL, 0);
+    }
+
+    int ends[2];
+    std::string content;
+};
+
+TEST(PrintStatusTest, LineIsWholeWhenASignalInterruptsIt)
+{
+    FullPipe output;
+    int announcements[2];
+    ASSERT_EQ(0, ::pipe(announcements));
+    const pid_t child = support::forkChild([&] {
+        announcing = announcements[1];
+        struct sigaction action {};
+        action.sa_handler = [](int) { (void)!::write(announcing, "s", 1); };
+        ::sigaction(SIGUSR1, &action, nullptr);
+        ::close(output.ends[0]);
+        ::dup2(output.ends[1], 1);
+        ::close(output.ends[1]);
+        (void)!::write(announcing, "r", 1);
+        return print_status(1);
+    });
+    ::close(output.ends[1]);
+    char byte = 0;
+    ASSERT_EQ(1, ::read(announcements[0], &byte, 1));
+    while (stateOf(child) != 'S')
+        ::usleep(1000);
+    ::kill(child, SIGUSR1);
+    ASSERT_EQ(1, ::read(announcements[0], &byte, 1));
+    std::string text;
+    while (::read(output.ends[0], &byte, 1) == 1)
+        text += byte;
+    EXPECT_EQ(0, support::waitFor(child));
+    EXPECT_EQ(output.content + "is stopped\n", text);
+    for (const int fd : {output.ends[0], announcements[0], announcements[1]})
+        ::close(fd);
+}
+
 // --- the pid file
 
-TEST(MasterPidTest, MissingFileIsNoPid)
+TEST(MasterPidTest, MissingFileHasNoPid)
 {
     std::filesystem::remove(pidPath);
     EXPECT_EQ(-1, ServiceManager::getMasterPid());
 }
 
-TEST(MasterPidTest, NumberIsReadBehindWhiteSpace)
+TEST(MasterPidTest, NumberIsReadAfterWhiteSpace)
 {
     for (const std::string text :
          {"4242", "4242\n", "   4242\n", "\n\t 4242 \n", "4242 more", "4242abc\n", "+4242"}) {
@@ -310,7 +367,7 @@ TEST(MasterPidTest, NumberIsReadAsPostfixWritesIt)
     EXPECT_EQ(1234, ServiceManager::getMasterPid());
 }
 
-TEST(MasterPidTest, TextWithoutNumberIsNoPid)
+TEST(MasterPidTest, TextWithoutNumberHasNoPid)
 {
     for (const std::string text : {"", "\n", "   ", "letters\n", "x42", "-", "#1"}) {
         support::writeFile(pidPath, text);
@@ -318,7 +375,7 @@ TEST(MasterPidTest, TextWithoutNumberIsNoPid)
     }
 }
 
-TEST(MasterPidTest, NumberOutOfRangeIsNoPid)
+TEST(MasterPidTest, NumberOutOfRangeIsNotAPid)
 {
     for (const std::string text : {"2147483648", "99999999999999999999", "-2147483649"}) {
         support::writeFile(pidPath, text);
@@ -337,7 +394,7 @@ TEST(MasterPidTest, NumberIsDecimal)
     EXPECT_EQ(0, ServiceManager::getMasterPid());
 }
 
-TEST(MasterPidTest, DirectoryIsNoPid)
+TEST(MasterPidTest, DirectoryHasNoPid)
 {
     std::filesystem::remove(pidPath);
     std::filesystem::create_directory(pidPath);
@@ -362,7 +419,7 @@ TEST_F(ServiceManagerTest, MasterWithoutQueueManagerIsNotRunning)
     EXPECT_EQ(1, ServiceManager::statusServer(0));
 }
 
-TEST_F(ServiceManagerTest, OtherNamesAreNoQueueManager)
+TEST_F(ServiceManagerTest, OtherNamesAreNotTheQueueManager)
 {
     for (const std::string name : {"qmgr2", "Qmgr", "nqmgr", "qmg", "(qmgr)", "pickup"}) {
         const NamedProcess other(name);
@@ -439,7 +496,7 @@ TEST_F(ServiceManagerTest, FirstSuccessfulLookIsTheLast)
 }
 
 // The file appears after the first look: a helper writes it as soon as that was made.
-TEST_F(ServiceManagerTest, MasterThatComesUpMeanwhileIsNoticed)
+TEST_F(ServiceManagerTest, MasterThatComesUpBetweenLooksIsNoticed)
 {
     const NamedProcess qmgr("qmgr");
     writePidFile("letters\n");
@@ -661,7 +718,7 @@ TEST_F(ServiceManagerPostfixTest, ReloadKeepsTheMaster)
     EXPECT_EQ(master, ServiceManager::getMasterPid());
 }
 
-// The script is content with a master, but no queue manager comes up.
+// The script is satisfied with a master, although no queue manager comes up.
 TEST_F(ServiceManagerPostfixTest, MasterWithoutQueueManagerServiceIsAFailedStart)
 {
     support::outputOf("sed -i '/^qmgr /d' /etc/postfix/master.cf");

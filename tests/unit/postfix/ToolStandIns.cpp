@@ -31,7 +31,7 @@ namespace {
 const char* const stateVariable = "ZORVO_TEST_STAND_INS";
 
 // Files of the state directory hold fields: "TAG LENGTH\n" and LENGTH bytes each.
-typedef std::vector<std::pair<std::string, std::string>> Fields;
+using Fields = std::vector<std::pair<std::string, std::string>>;
 
 std::string encode(const Fields& fields)
 {
@@ -159,6 +159,63 @@ Fields chooseAnswer(const std::string& state, const std::string& program,
     return chosen;
 }
 
+// Like postmap(1): "-i" and the key "-" mean that standard input is read.
+bool readsInput(const std::string& program, const std::vector<std::string>& args, const Fields& answer)
+{
+    const auto hasArgument = [&args](const char* arg) {
+        return std::find(args.begin(), args.end(), arg) != args.end();
+    };
+    const bool ignores = std::any_of(answer.begin(), answer.end(),
+                                     [](const auto& field) { return field.first == "ignores-input"; });
+    return program == postmapPath && (hasArgument("-i") || hasArgument("-")) && !ignores;
+}
+
+// What a test is told of this run: the arguments, the files and locks it asked about, the input.
+Fields observe(const std::string& state, const std::string& program, const std::vector<std::string>& argv)
+{
+    Fields record{{"program", program}};
+    for (const std::string& arg : argv)
+        record.emplace_back("argument", arg);
+    for (const auto& [tag, value] : decode(slurp(state + "/watched"))) {
+        if (tag == "file")
+            record.emplace_back("file", value + '\n' + seen(value));
+        else
+            record.emplace_back("lock", value + '\n' + (held(value) ? "held" : "free"));
+    }
+    return record;
+}
+
+[[noreturn]] void dieOf(int signal)
+{
+    const rlimit noCore = {0, 0};
+    ::setrlimit(RLIMIT_CORE, &noCore);
+    ::signal(signal, SIG_DFL);
+    ::raise(signal);
+    ::_exit(98);
+}
+
+// Prints, writes and ends as the answer says.
+[[noreturn]] void giveAnswer(const Fields& answer)
+{
+    int exitCode = 0;
+    int signal = 0;
+    for (const auto& [tag, value] : answer) {
+        if (tag == "out")
+            writeAll(1, value);
+        else if (tag == "err")
+            writeAll(2, value);
+        else if (tag == "exit")
+            exitCode = std::stoi(value);
+        else if (tag == "signal")
+            signal = std::stoi(value);
+        else if (tag == "write")
+            spill(value.substr(0, value.find('\n')), value.substr(value.find('\n') + 1));
+    }
+    if (signal != 0)
+        dieOf(signal);
+    ::_exit(exitCode);
+}
+
 [[noreturn]] void actAsTool(const std::string& program, const std::vector<std::string>& argv)
 {
     const char* const stateName = std::getenv(stateVariable);
@@ -174,46 +231,12 @@ Fields chooseAnswer(const std::string& state, const std::string& program,
 
     const std::vector<std::string> args(argv.empty() ? argv.begin() : argv.begin() + 1, argv.end());
     const Fields answer = chooseAnswer(state, program, args);
-    Fields record{{"program", program}};
-    for (const std::string& arg : argv)
-        record.emplace_back("argument", arg);
-    for (const auto& [tag, value] : decode(slurp(state + "/watched"))) {
-        if (tag == "file")
-            record.emplace_back("file", value + '\n' + seen(value));
-        else
-            record.emplace_back("lock", value + '\n' + (held(value) ? "held" : "free"));
-    }
-    // Like postmap(1): "-i" and the key "-" mean that standard input is read.
-    bool readsInput = program == postmapPath && (std::find(args.begin(), args.end(), "-i") != args.end() ||
-                                                 std::find(args.begin(), args.end(), "-") != args.end());
-    for (const auto& [tag, value] : answer)
-        readsInput = readsInput && tag != "ignores-input";
-    if (readsInput)
+    Fields record = observe(state, program, argv);
+    if (readsInput(program, args, answer))
         record.emplace_back("input", readAll(0));
     writeAll(call, encode(record));
     ::close(call);
-
-    int exitCode = 0;
-    int signal = 0;
-    for (const auto& [tag, value] : answer) {
-        if (tag == "out")
-            writeAll(1, value);
-        else if (tag == "err")
-            writeAll(2, value);
-        else if (tag == "exit")
-            exitCode = std::stoi(value);
-        else if (tag == "signal")
-            signal = std::stoi(value);
-        else if (tag == "write")
-            spill(value.substr(0, value.find('\n')), value.substr(value.find('\n') + 1));
-    }
-    if (signal != 0) {
-        const rlimit noCore = {0, 0};
-        ::setrlimit(RLIMIT_CORE, &noCore);
-        ::signal(signal, SIG_DFL);
-        ::raise(signal);
-    }
-    ::_exit(exitCode);
+    giveAnswer(answer);
 }
 
 // Runs before main and before the tests are registered; glibc passes main's arguments.

@@ -1,4 +1,4 @@
-// ToolStandIns: recording stand-ins for the programs that the mail layer runs.
+// ToolStandIns: recording stand-ins for the programs that postfix/ runs.
 //
 // This test program itself is put at a tool's path: by a bind mount in a mount namespace of the test's own,
 // or by a copy where scripts/sandbox had to do without namespaces. Started under such a path it does not run

@@ -31,7 +31,7 @@ using support::postmapPath;
 using support::ToolAnswer;
 using namespace zorvo::mail::postfix;
 
-typedef std::vector<std::vector<std::string>> CommandLines;
+using CommandLines = std::vector<std::vector<std::string>>;
 
 const std::string table = senderTransportTable;
 const std::string tableSource = support::sourceOf(table);
@@ -136,7 +136,7 @@ PROCESS_TEST_F(CleanTransportsTest, OtherServicesStay)
     EXPECT_EQ(text, cleaned(text + "zorvo-x unix - - n - - smtp\n"));
 }
 
-// Such a name cannot be read from a file, but it can be in memory.
+// Such a name cannot be read from a file, only added in memory.
 PROCESS_TEST_F(CleanTransportsTest, PrefixIsCaseSensitive)
 {
     support::writeFile(path_, "# top");
@@ -162,7 +162,7 @@ PROCESS_TEST_F(CleanTransportsTest, DisabledNamesakeStays)
     EXPECT_EQ("zorvo-x unix - - n - - smtp\n", support::readFile(disabledPath));
 }
 
-// Services that are disabled are no services of master.cf.
+// Disabled services are not in master.cf.
 PROCESS_TEST_F(CleanTransportsTest, DisabledServicesStay)
 {
     const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
@@ -243,8 +243,8 @@ PROCESS_TEST_F(CleanTransportsTest, UnreadableMasterCfComesAfterTheRest)
 
 // --- runs one after the other, each a process of its own
 
-// The file's final line feed leaves an empty last line in memory; each run adds its services behind it.
-PROCESS_TEST_F(CleanTransportsTest, EachRunLeavesABlankLineMoreAboveItsServices)
+// The file's final line feed leaves an empty last line in memory; each run adds its services after it.
+PROCESS_TEST_F(CleanTransportsTest, EachRunLeavesOneMoreBlankLineAboveItsServices)
 {
     support::writeFile(path_, "# top\n");
     const auto run = [] {

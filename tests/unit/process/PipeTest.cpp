@@ -58,7 +58,7 @@ using zorvo::process::ProcessStatus;
 
 namespace {
 
-typedef Parameters<PipeProcessFlags> Process;
+using Process = Parameters<PipeProcessFlags>;
 
 Process shell(const std::string& script)
 {
@@ -379,7 +379,7 @@ TEST_F(PipeTest, StdoutAndStderrCanBeACallersDescriptor)
     EXPECT_EQ(support::readFile(scratch.file("out")), "output\nerror\nopen");
 }
 
-TEST_F(PipeTest, StdoutSelectorThatIsNoneIsRefused)
+TEST_F(PipeTest, StdoutSelectorThatDoesNotExistIsRefused)
 {
     Pipe pipe;
     pipe.processes().push_back(Process("true"));
@@ -387,7 +387,7 @@ TEST_F(PipeTest, StdoutSelectorThatIsNoneIsRefused)
     EXPECT_EQ(thrownBy([&pipe] { pipe.run(); }), "std::invalid_argument: invalid FD for stdout");
 }
 
-TEST_F(PipeTest, StdinSelectorThatIsNoneIsRefused)
+TEST_F(PipeTest, StdinSelectorThatDoesNotExistIsRefused)
 {
     Pipe pipe;
     pipe.processes().push_back(Process("true"));
@@ -443,7 +443,7 @@ TEST_F(PipeTest, PipeWithoutAReceiverFailsAtTheFirstOutput)
     EXPECT_EQ(thrownBy([&err] { err.run(); }), failure);
 }
 
-TEST_F(PipeTest, PipeWithoutAReceiverIsNoFailureForSilence)
+TEST_F(PipeTest, PipeWithoutAReceiverIsNotAFailureForSilence)
 {
     Pipe pipe;
     pipe.processes().push_back(shell("exit 3"));
@@ -702,19 +702,86 @@ TEST_F(PipeTest, StdinSourceThatThrowsEndsTheRun)
     EXPECT_EQ(thrownBy([&pipe] { pipe.run(); }), "std::range_error: no more");
 }
 
-// The process has ended before the first byte is written.
-TEST_F(PipeTest, ProcessThatDoesNotReadIsAFailedWriteAndNotTheEndOfThisProgram)
-{
+// ---- Input that is not taken
+
+namespace {
+
+/// Feeds `text` to a process that runs `script`, after its end where `wait` is set; what it writes on
+/// standard error is collected.
+struct Fed {
+    Fed(const std::string& script, const std::string& text, bool wait)
+    {
+        pipe.processes().push_back(shell(script));
+        pipe.stdinFd = pipe.stderrFd = kPipeFd;
+        pipe.stdinSource = sourceOf(text, text.size());
+        pipe.stderrReceiver = makeStringReceiver(err);
+        if (wait)
+            pipe.launchCallback = [](int pid) { tools::waitUntilEnded(pid); };
+    }
+
     Pipe pipe;
-    pipe.processes().push_back(Process("true"));
-    pipe.stdinFd = kPipeFd;
-    pipe.stdinSource = sourceOf("text", 4);
-    pipe.launchCallback = [](int pid) { tools::waitUntilEnded(pid); };
-    EXPECT_EQ(thrownBy([&pipe] { pipe.run(); }), "zorvo::SystemError(32): write: Broken pipe");
+    std::string err;
+};
+
+} // namespace
+
+// Nine in ten end before the first byte is written, the others when they like.
+TEST_F(PipeTest, ProcessThatFailsWithoutReadingSpeaksForItself)
+{
+    for (int i = 0; i < 100; ++i) {
+        Fed fed("echo 'tool: fatal: no space' >&2; exit 1", "short\n", i % 10 != 0);
+        int status = -1;
+        ASSERT_EQ(thrownBy([&] { status = fed.pipe.run(); }), "nothing");
+        ASSERT_EQ(status, exited(1));
+        ASSERT_EQ(fed.err, "tool: fatal: no space\n");
+        ASSERT_THAT(statusesOf(fed.pipe), ElementsAre(exited(1)));
+        checkNothingIsLeft();
+    }
+}
+
+TEST_F(PipeTest, ProcessThatIsKilledWithoutReadingSpeaksForItself)
+{
+    for (int i = 0; i < 20; ++i) {
+        Fed fed("printf last >&2; kill -KILL $$", "short\n", i % 2 != 0);
+        int status = -1;
+        ASSERT_EQ(thrownBy([&] { status = fed.pipe.run(); }), "nothing");
+        ASSERT_EQ(status, SIGKILL);
+        ASSERT_EQ(fed.err, "last");
+    }
+}
+
+TEST_F(PipeTest, ProcessThatFailsAmidMuchInputSpeaksForItself)
+{
+    Fed fed("head -c 1 >/dev/null; echo 'tool: fatal: enough' >&2; exit 75", std::string(2000000, 'x'),
+            false);
+    int status = -1;
+    EXPECT_EQ(thrownBy([&] { status = fed.pipe.run(); }), "nothing");
+    EXPECT_EQ(status, exited(75));
+    EXPECT_EQ(fed.err, "tool: fatal: enough\n");
+}
+
+// What it has to say after it closed its input is waited for.
+TEST_F(PipeTest, OutputOfAProcessThatClosesItsInputIsCollectedToTheEnd)
+{
+    Fed fed("exec <&-; sleep 0.1; echo early >&2; sleep 0.1; echo late >&2; exit 3", std::string(200000, 'x'),
+            false);
+    int status = -1;
+    EXPECT_EQ(thrownBy([&] { status = fed.pipe.run(); }), "nothing");
+    EXPECT_EQ(status, exited(3));
+    EXPECT_EQ(fed.err, "early\nlate\n");
+}
+
+// Also what it said is there then, and its status.
+TEST_F(PipeTest, ProcessThatSucceedsWithoutReadingIsAFailedWrite)
+{
+    Fed fed("echo 'all is well' >&2", "text", true);
+    EXPECT_EQ(thrownBy([&] { fed.pipe.run(); }), "zorvo::SystemError(32): write: Broken pipe");
+    EXPECT_EQ(fed.err, "all is well\n");
+    EXPECT_THAT(statusesOf(fed.pipe), ElementsAre(0));
 }
 
 // It reads a little and ends while much is still to come.
-TEST_F(PipeTest, ProcessThatStopsReadingIsAFailedWrite)
+TEST_F(PipeTest, ProcessThatSucceedsButStopsReadingIsAFailedWrite)
 {
     Pipe pipe;
     pipe.processes().push_back(Process("head", "-c", "1"));
@@ -722,6 +789,40 @@ TEST_F(PipeTest, ProcessThatStopsReadingIsAFailedWrite)
     pipe.stdinSource = longSource(manyBytes);
     pipe.stdoutFd = kDevNullFd;
     EXPECT_EQ(thrownBy([&pipe] { pipe.run(); }), "zorvo::SystemError(32): write: Broken pipe");
+}
+
+// It is the end of the process that was fed that counts, not that of the last one.
+TEST_F(PipeTest, InAPipelineTheFirstProcessAnswersForItsInput)
+{
+    for (const int code : {0, 4}) {
+        SCOPED_TRACE(code);
+        Pipe pipe;
+        pipe.processes().push_back(shell("exit " + std::to_string(code)));
+        pipe.processes().push_back(shell("cat; exit 5"));
+        pipe.stdinFd = kPipeFd;
+        pipe.stdinSource = sourceOf("text", 4);
+        pipe.processes()[0].launchCallback = [](int pid) { tools::waitUntilEnded(pid); };
+        int status = -1;
+        const std::string thrown = thrownBy([&] { status = pipe.run(); });
+        EXPECT_EQ(thrown, code == 0 ? "zorvo::SystemError(32): write: Broken pipe" : "nothing");
+        EXPECT_EQ(status, code == 0 ? -1 : exited(5));
+        EXPECT_THAT(statusesOf(pipe), ElementsAre(exited(code), exited(5)));
+    }
+}
+
+TEST_F(PipeTest, SourceIsNotCalledAgainWhenNobodyReads)
+{
+    int calls = 0;
+    Pipe pipe;
+    pipe.processes().push_back(shell("exit 1"));
+    pipe.stdinFd = kPipeFd;
+    pipe.stdinSource = [&calls](std::vector<char>& buffer) {
+        buffer.push_back('x');
+        return ++calls < 10;
+    };
+    pipe.launchCallback = [](int pid) { tools::waitUntilEnded(pid); };
+    EXPECT_EQ(pipe.run(), exited(1));
+    EXPECT_EQ(calls, 1);
 }
 
 // ---- Much data
@@ -833,7 +934,7 @@ TEST_F(PipeTest, OutputOfAGrandchildIsCollectedToTheEnd)
     EXPECT_EQ(out, "early\nlate\n");
 }
 
-TEST_F(PipeTest, StoppedAndContinuedProcessIsNoEnd)
+TEST_F(PipeTest, StopAndContinuationOfAProcessAreNotItsEnd)
 {
     std::string out;
     Pipe pipe;
@@ -1374,7 +1475,7 @@ TEST_F(PipeTest, FailedLaunchEndsWhateverTheCallersSignalsAreAndKeepsThem)
     }
 }
 
-TEST_F(PipeTest, FailedWriteIsTheSameWhateverTheCallersSignalsAre)
+TEST_F(PipeTest, RefusedInputIsTheSameWhateverTheCallersSignalsAre)
 {
     for (unsigned variant = 0; variant < 16; ++variant) {
         SCOPED_TRACE(variant);
@@ -1536,4 +1637,58 @@ TEST_F(PipeTest, LaunchAllEndsWhatItStartedAfterAFailure)
               childSystemError("execv", ENOENT));
     EXPECT_TRUE(hasNoChildren());
     catcher.remove(true);
+}
+
+// A caller may use its array again: what stands in it goes when the slot's turn comes, and not before.
+TEST_F(PipeTest, LaunchAllReplacesALaunchWhenItsTurnComes)
+{
+    boost::scoped_ptr<ProcessLaunch> launches[3];
+    const ProcessLaunch* before[3];
+    std::vector<ProcessStatus> statuses;
+    {
+        ProcessSetCatcher catcher;
+        launchAll({Process("true"), Process("true"), Process("true")}, kInheritFd, kDevNullFd, catcher,
+                  launches, statuses);
+        for (size_t i = 0; i < 3; ++i)
+            before[i] = launches[i].get();
+        while (catcher.finishedCount() < 3)
+            ::usleep(1000);
+    }
+    ProcessSetCatcher catcher;
+    std::vector<const ProcessLaunch*> seen;
+    Process first("sleep", "1000");
+    first.launchCallback = [&](int) {
+        for (size_t i = 1; i < 3; ++i)
+            seen.push_back(launches[i].get());
+    };
+    Process second("true");
+    second.childHook = [] { throw std::runtime_error("out of luck"); };
+    EXPECT_EQ(
+        thrownBy([&] {
+            launchAll({first, second, Process("true")}, kInheritFd, kDevNullFd, catcher, launches, statuses);
+        }),
+        "std::runtime_error: out of luck");
+    EXPECT_THAT(seen, ElementsAre(before[1], before[2]));
+    EXPECT_EQ(launches[2].get(), before[2]);
+    EXPECT_TRUE(hasNoChildren()); // Only what was started here was ended.
+    catcher.remove(true);
+}
+
+// scoped_ptr destroys in a noexcept context, where an exception ends the program.
+TEST_F(PipeTest, FailedCloseOfALaunchThatNobodyWaitedForIsSilent)
+{
+    inOwnProcess([] {
+        const auto fds = openFds();
+        boost::scoped_ptr<ProcessLaunch> launch;
+        const char* const argv[] = {"true", nullptr};
+        launch.reset(new ProcessLaunch(argv, "/bin/true", nullptr, nullptr, false, false, false, {},
+                                       kInheritFd, kInheritFd, kInheritFd));
+        const int pid = launch->pid();
+        FailingCall failing(Call::close, 1, EIO);
+        launch.reset();
+        EXPECT_TRUE(failing.happened());
+        failing.stop();
+        EXPECT_EQ(openFds(), fds);
+        support::waitFor(pid);
+    });
 }

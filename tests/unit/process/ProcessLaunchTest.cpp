@@ -4,6 +4,7 @@
 
 #include "process/signals.h"
 #include "support/Capture.h"
+#include "support/InterruptedPipe.h"
 #include "support/OpenFds.h"
 #include "support/ScratchDir.h"
 #include "unit/process/ExecTestTools.h"
@@ -126,11 +127,13 @@ std::string failureOf(const Launch& launch)
     return failure;
 }
 
-/// What the constructor throws. Nothing may be left.
+/// What the constructor throws. No child may be created, and nothing be left.
 std::string refusalOf(const Launch& launch)
 {
     const auto fds = openFds();
+    const FailingCall fork(Call::fork, 1, EAGAIN);
     std::string thrown = thrownBy([&launch] { launch.start(); });
+    EXPECT_FALSE(fork.happened());
     EXPECT_TRUE(hasNoChildren());
     EXPECT_EQ(openFds(), fds);
     return thrown;
@@ -250,7 +253,7 @@ void writeToControlPipe(const std::string& bytes)
 
 // ---- Selectors
 
-TEST(ProcessLaunchSelectorTest, StdinRefusesWhatIsNoSelectorForIt)
+TEST(ProcessLaunchSelectorTest, StdinRefusesWhatIsNotASelectorForIt)
 {
     for (const int selector : {-1, static_cast<int>(kSameAsStdoutFd), -6, std::numeric_limits<int>::min()}) {
         SCOPED_TRACE(selector);
@@ -260,7 +263,7 @@ TEST(ProcessLaunchSelectorTest, StdinRefusesWhatIsNoSelectorForIt)
     }
 }
 
-TEST(ProcessLaunchSelectorTest, StdoutRefusesWhatIsNoSelectorForIt)
+TEST(ProcessLaunchSelectorTest, StdoutRefusesWhatIsNotASelectorForIt)
 {
     for (const int selector : {-1, static_cast<int>(kSameAsStdoutFd), -6, std::numeric_limits<int>::min()}) {
         SCOPED_TRACE(selector);
@@ -271,7 +274,7 @@ TEST(ProcessLaunchSelectorTest, StdoutRefusesWhatIsNoSelectorForIt)
     }
 }
 
-TEST(ProcessLaunchSelectorTest, StderrRefusesWhatIsNoSelectorForIt)
+TEST(ProcessLaunchSelectorTest, StderrRefusesWhatIsNotASelectorForIt)
 {
     for (const int selector : {-1, -6, std::numeric_limits<int>::min()}) {
         SCOPED_TRACE(selector);
@@ -573,7 +576,8 @@ TEST(ProcessLaunchParentFailureTest, PipeThatCannotBeMadeIsNamed)
     }
 }
 
-// The same labels come from a real lack of descriptors: with room for ever more of them ever later ones fail.
+// The same labels come from a real lack of descriptors: with room for more and more of them, a later and
+// later one fails.
 TEST(ProcessLaunchParentFailureTest, LackOfDescriptorsIsNamedStepByStep)
 {
     inOwnProcess([] {
@@ -1124,7 +1128,7 @@ TEST(ProcessLaunchTest, HookSeesNoDescriptorOfTheLaunchButTheControlPipe)
     });
 }
 
-// If the second child held the first one's stdin open, the first would wait for ever.
+// If the second child held the first one's stdin open, the first would wait forever.
 TEST(ProcessLaunchTest, ParentsPipeEndsReachNoOtherChild)
 {
     Launch launch;
@@ -1219,7 +1223,7 @@ TEST(RethrowReportTest, UnterminatedTailIsALastRecord)
     EXPECT_EQ(clog.str(), "child output: tail\n");
 }
 
-TEST(RethrowReportTest, UnknownRecordsGoToTheLogStreamAndAreNoError)
+TEST(RethrowReportTest, UnknownRecordsGoToTheLogStreamAndAreNotAnError)
 {
     ClogCapture clog;
     EXPECT_EQ(reportOf(records({"hello", "ET:", "et: SystemError", " ET: SystemError", "EX: 1", "E"})),
@@ -1248,7 +1252,7 @@ TEST(RethrowReportTest, UnknownRecordBesideAFailureIsLogged)
     EXPECT_EQ(clog.str(), "child output: before\nchild output: after\n");
 }
 
-TEST(RethrowReportTest, CodeThatIsNoNumberThrows)
+TEST(RethrowReportTest, CodeThatIsNotANumberThrows)
 {
     for (const char* const code : {"", "x", "12x", " 12", "12 ", "1.5", "99999999999"}) {
         SCOPED_TRACE(code);
@@ -1258,7 +1262,7 @@ TEST(RethrowReportTest, CodeThatIsNoNumberThrows)
     }
 }
 
-TEST(RethrowReportTest, CodeThatIsNoNumberThrowsForAnyTypeAndAsATail)
+TEST(RethrowReportTest, CodeThatIsNotANumberThrowsForAnyTypeAndAsATail)
 {
     const std::string failure =
         "boost::bad_lexical_cast: bad lexical cast: source type value could not be interpreted as target";
@@ -1271,9 +1275,23 @@ TEST(RethrowReportTest, CodeMayBeNegative)
     EXPECT_EQ(reportOf(records({"ET: SystemError", "EM: step", "EC: -5"})), systemError("step", -5));
 }
 
+// Standard error is unbuffered, and stdio gives up where a signal interrupts its write(2).
+TEST(RethrowReportTest, UnknownRecordArrivesWholeInSpiteOfSignals)
+{
+    inOwnProcess([] {
+        const std::string text(3000, 'x');
+        const int saved = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+        support::InterruptedPipe interrupted(STDERR_FILENO);
+        rethrowReport(records({text, "second"}));
+        const std::string written = interrupted.text();
+        ::dup2(saved, STDERR_FILENO);
+        EXPECT_EQ(written, "child output: " + text + "\nchild output: second\n");
+    });
+}
+
 // ---- The report on its way through a real control pipe
 
-TEST(ProcessLaunchControlPipeTest, UntaggedRecordIsLoggedAndIsNoError)
+TEST(ProcessLaunchControlPipeTest, UntaggedRecordIsLoggedAndIsNotAnError)
 {
     const ClogCapture clog;
     Launch launch;
@@ -1321,7 +1339,24 @@ TEST(ProcessLaunchControlPipeTest, RecordsMaySpanChunks)
     }
 }
 
-TEST(ProcessLaunchControlPipeTest, CodeThatIsNoNumberThrows)
+// Nothing of the pipe is left open, although interpreting ends at the bad record.
+TEST(ProcessLaunchControlPipeTest, ReportIsReadToItsEndBeforeItIsInterpreted)
+{
+    const ClogCapture clog;
+    const auto fds = openFds();
+    Launch launch;
+    launch.closeOtherFds = true;
+    launch.hook = [] { writeToControlPipe(records({"before", "EC: many", "after"})); };
+    const auto process = launch.start();
+    EXPECT_EQ(
+        thrownBy([&process] { process->waitExec(); }),
+        "boost::bad_lexical_cast: bad lexical cast: source type value could not be interpreted as target");
+    EXPECT_EQ(openFds(), fds);
+    EXPECT_EQ(process->waitExit(), 0);
+    EXPECT_EQ(clog.str(), "child output: before\n");
+}
+
+TEST(ProcessLaunchControlPipeTest, CodeThatIsNotANumberThrows)
 {
     Launch launch;
     launch.closeOtherFds = true;

@@ -384,7 +384,7 @@ TEST_F(ProcessSetCatcherTest, RunningChildIsLeftAlone)
 }
 
 // No byte, not finished, no event: waitpid(2) without WUNTRACED does not even tell of it.
-TEST_F(ProcessSetCatcherTest, StoppedChildIsNoEvent)
+TEST_F(ProcessSetCatcherTest, StoppedChildIsNotAnEvent)
 {
     ProcessSetCatcher catcher;
     catcher.install();

@@ -28,6 +28,7 @@
 #include <initializer_list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -243,6 +244,83 @@ TEST_F(ClosefromTest, MaxClosesUpToTheTableSizeAndKeepsErrno)
         closefrom_max(5);
         EXPECT_EQ(errno, EDOM);
         EXPECT_THAT(openNumbers(3), ElementsAre(3, 4)); // The size itself was tried, too.
+    });
+}
+
+// A kernel without close_range(2), or with a filter that forbids it.
+TEST_F(ClosefromTest, MaxClosesTheSameWithoutCloseRange)
+{
+    inOwnProcess([] {
+        closeAllButStandard();
+        for (const int fd : {3, 4, 5, 98, 99, 100, 101})
+            ASSERT_EQ(::dup2(0, fd), fd);
+        rlimit limit{};
+        ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+        limit.rlim_cur = 100;
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+        const FailingCall missing(Call::closeRange, 1, ENOSYS);
+        errno = EDOM;
+        closefrom_max(5);
+        EXPECT_EQ(errno, EDOM);
+        EXPECT_TRUE(missing.happened());
+        EXPECT_THAT(openNumbers(3), ElementsAre(3, 4, 101));
+    });
+}
+
+TEST_F(ClosefromTest, MaxTriesNoNumberBeyondTheTableSize)
+{
+    inOwnProcess([] {
+        closeAllButStandard();
+        for (const int fd : {99, 100, 101})
+            ASSERT_EQ(::dup2(0, fd), fd);
+        rlimit limit{};
+        ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+        limit.rlim_cur = 100;
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+        closefrom_max(3);
+        EXPECT_THAT(openNumbers(3), ElementsAre(101));
+    });
+}
+
+TEST_F(ClosefromTest, NegativeNumberClosesEverything)
+{
+    for (void (*const close)(int) :
+         {static_cast<void (*)(int)>(closefrom), static_cast<void (*)(int)>(closefrom_max)})
+        for (const int low : {-1, -7}) {
+            SCOPED_TRACE(low);
+            const ChildResult result = runInChild([close, low] {
+                close(low);
+                return openNumbers().empty() ? 0 : 1;
+            });
+            EXPECT_EQ(result.status, 0);
+        }
+}
+
+TEST(CloseRangeTest, ClosesBothEndsAndNothingElseAndKeepsErrno)
+{
+    for (const bool byKernel : {true, false})
+        inOwnProcess([byKernel] {
+            closeAllButStandard();
+            for (int fd = 3; fd < 20; ++fd)
+                ASSERT_EQ(::dup2(0, fd), fd);
+            std::optional<FailingCall> missing;
+            if (!byKernel)
+                missing.emplace(Call::closeRange, 1, ENOSYS);
+            errno = EDOM;
+            zorvo::process::closeRange(5, 17);
+            EXPECT_EQ(errno, EDOM);
+            EXPECT_THAT(openNumbers(3), ElementsAre(3, 4, 18, 19));
+        });
+}
+
+TEST(CloseRangeTest, LastBelowFirstClosesNothing)
+{
+    inOwnProcess([] {
+        closeAllButStandard();
+        ASSERT_EQ(::dup2(0, 3), 3);
+        zorvo::process::closeRange(3, 2);
+        zorvo::process::closeRange(3, -1);
+        EXPECT_THAT(openNumbers(), ElementsAre(0, 1, 2, 3));
     });
 }
 

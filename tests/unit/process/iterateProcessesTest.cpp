@@ -54,7 +54,7 @@ struct Record {
     int owner = 0;
 };
 
-typedef std::map<int, Record> Records;
+using Records = std::map<int, Record>;
 
 int collect(process_info* info, void* context)
 {
@@ -483,6 +483,22 @@ TEST_F(IterateMadeUpProcessesTest, OnlyDirectoriesWithANumberCount)
         Records records;
         EXPECT_EQ(iterateProcesses(0, collect, &records), 1);
         EXPECT_THAT(records, UnorderedElementsAre(Key(12), Key(4194304)));
+    });
+}
+
+// Not every file system tells the type of an entry; then the file itself does, and a link is not followed.
+TEST_F(IterateMadeUpProcessesTest, EntriesOfUnknownTypeAreLookedAt)
+{
+    withMadeUpProc([] {
+        makeDirectory("/proc/12");
+        makeDirectory("/proc/self");
+        writeFile("/proc/77", "");
+        std::filesystem::create_symlink("/proc/12", "/proc/78");
+        std::filesystem::create_symlink("/nowhere", "/proc/79");
+        const faults::UntypedEntries untyped;
+        Records records;
+        EXPECT_EQ(iterateProcesses(0, collect, &records), 1);
+        EXPECT_THAT(records, UnorderedElementsAre(Key(12)));
     });
 }
 

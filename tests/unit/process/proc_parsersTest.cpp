@@ -117,6 +117,15 @@ TEST(ParseProcStatusTest, IdsAreFoundInAnyOrder)
     }
 }
 
+TEST(ParseProcStatusTest, LargestKernelIdIsMinusOne)
+{
+    int uid[4] = {};
+    int gid[4] = {};
+    EXPECT_TRUE(parseProcStatus("Uid: 4294967295 4294967294 2147483648 0 Gid: 2147483647 0 0 -1", uid, gid));
+    EXPECT_THAT(uid, ElementsAre(-1, -2, -2147483647 - 1, 0));
+    EXPECT_THAT(gid, ElementsAre(2147483647, 0, 0, -1));
+}
+
 TEST(ParseProcStatusTest, BothAreNeeded)
 {
     for (const char* const text :
