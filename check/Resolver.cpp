@@ -36,12 +36,11 @@ ares_channeldata* newChannel(ares_sock_state_cb onSocket, void* owner)
     ares_options options = {};
     options.timeout = firstTryMilliseconds;
     options.tries = tries;
-    options.ndomains = 0;
     options.sock_state_cb = onSocket;
     options.sock_state_cb_data = owner;
     ares_channeldata* channel = nullptr;
-    const int status = ::ares_init_options(
-        &channel, &options, ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_DOMAINS | ARES_OPT_SOCK_STATE_CB);
+    const int status =
+        ::ares_init_options(&channel, &options, ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_SOCK_STATE_CB);
     if (status != ARES_SUCCESS)
         throw std::runtime_error(std::string("cannot use the DNS: ") + ::ares_strerror(status));
     return channel;
