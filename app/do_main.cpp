@@ -4,6 +4,7 @@
 #include "common/MKLock.h"
 #include "common/writeText.h"
 #include "postfix/MainCfManager.h"
+#include "postfix/SenderTransport.h"
 #include "postfix/SenderTransportManager.h"
 #include "postfix/ServiceManager.h"
 #include "postfix/clean_transports.h"
@@ -50,6 +51,13 @@ po::options_description describeOptions()
     return description;
 }
 
+void printHelp(const po::options_description& description)
+{
+    std::ostringstream text;
+    text << description << '\n';
+    zorvo::writeText(std::clog, {text.str()});
+}
+
 po::variables_map parseCommandLine(int argc, char* argv[], const po::options_description& description)
 {
     po::variables_map options;
@@ -71,13 +79,24 @@ ExplicitAddresses readAddresses(const po::variables_map& options)
     return addresses;
 }
 
+/// Waits, without limit, until no other run is under way; others wait while the result lives. The lock of
+/// main.cf comes first, for a moment: where no lock can be had at all, the one of the first change is to be
+/// reported.
+zorvo::MKLock lockRuns(const std::string& mainCfPath)
+{
+    {
+        const zorvo::MKLock firstChange(mainCfPath, zorvo::HashedName, zorvo::Blocking);
+    }
+    return zorvo::MKLock(runLockName, zorvo::HashedName, zorvo::Blocking);
+}
+
 void bindServer(const ExplicitAddresses& addresses)
 {
     MainCfManager& mainCf = MainCfManager::getInstance();
     if (!addresses.ip4.empty())
-        mainCf.replaceStringValue("smtp_bind_address", addresses.ip4);
+        mainCf.replaceStringValue(bindAddressParameter, addresses.ip4);
     if (!addresses.ip6.empty())
-        mainCf.replaceStringValue("smtp_bind_address6", addresses.ip6);
+        mainCf.replaceStringValue(bindAddress6Parameter, addresses.ip6);
 }
 
 template <class Transport>
@@ -98,9 +117,7 @@ int do_main(int argc, char* argv[])
     const po::options_description description = describeOptions();
     const po::variables_map options = parseCommandLine(argc, argv, description);
     if (options.count("help") != 0) {
-        std::ostringstream text;
-        text << description << '\n';
-        zorvo::writeText(std::clog, {text.str()});
+        printHelp(description);
         return 1;
     }
 
@@ -113,13 +130,9 @@ int do_main(int argc, char* argv[])
     else
         bindings = readRequest();
 
-    // From here on one run at a time. The first change takes the lock of main.cf; where locks cannot be had
-    // at all, that is the one to be reported, so it is tried before.
-    {
-        const zorvo::MKLock mainCfLock(MainCfManager::getInstance().mainCfPath(), zorvo::HashedName,
-                                       zorvo::Blocking);
-    }
-    const zorvo::MKLock runLock(runLockName, zorvo::HashedName, zorvo::Blocking);
+    // Postfix is asked where its configuration is before this run waits for another one.
+    const std::string& mainCfPath = MainCfManager::getInstance().mainCfPath();
+    const zorvo::MKLock otherRunsWait = lockRuns(mainCfPath);
 
     clean_transports();
 

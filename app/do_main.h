@@ -3,5 +3,6 @@
 
 /// Runs the utility. Returns 0 after a completed run and 1 after printing the help text; every failure leaves
 /// as an exception, with what was done before it left in place and Postfix not restarted. An invalid command
-/// line or request is found before anything is changed.
+/// line or request is found before anything is changed. Before its first change it waits, without limit, for
+/// another run that is under way.
 int do_main(int argc, char* argv[]);

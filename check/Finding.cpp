@@ -33,17 +33,15 @@ const std::vector<KindInfo> requestKinds = {
      "Use domain-ip for this request: its names hold the addresses only."},
     {Kind::ServiceNotReadable, "service-not-readable", Gravity::Severe,
      "Every later run stops at this service in master.cf, so nothing can be bound anew or taken back; "
-     "Postfix "
-     "itself may refuse the file as well.",
+     "Postfix itself may refuse the file as well.",
      "Write the domain in letters, digits, hyphens and dots, and each address as inet_ntop(3) does."},
     {Kind::AddressWithLineFeed, "address-with-line-feed", Gravity::Severe,
-     "The rest of the address begins a line of its own in master.cf and in the table: Postfix does not "
-     "start, "
-     "or takes it for a service that nobody asked for.",
+     "The rest of the address begins a line of its own in master.cf and in the table: postfix(1) can neither "
+     "start, stop nor reload Postfix, or Postfix takes the line for a service that nobody asked for.",
      "Take the line feed out, and find out who wrote this request."},
     {Kind::AddressWithBlank, "address-with-blank", Gravity::Severe,
-     "The service's line in master.cf falls apart at the blank: Postfix does not start, and every later run "
-     "stops.",
+     "The service's line in master.cf falls apart at the blank: postfix(1) can neither start, stop nor "
+     "reload Postfix, and every later run stops.",
      "Take the blank out."},
     {Kind::AddressInBrackets, "address-in-brackets", Gravity::Severe,
      "Mail leaves from the address, but every later run stops at the brackets in the service's name, so "
@@ -165,13 +163,11 @@ const std::vector<KindInfo> postfixKinds = {
      "Run zorvo-smtp-bind again with the whole request."},
     {Kind::ServiceMissing, "service-missing", Gravity::Problem,
      "The service is not in master.cf, and mail that the table gives to it waits in the queue (\"mail "
-     "transport "
-     "unavailable\").",
+     "transport unavailable\").",
      "Run zorvo-smtp-bind again with the whole request."},
     {Kind::ServiceDisabled, "service-disabled", Gravity::Problem,
      "The service is among the disabled ones, which Postfix does not read, and mail that the table gives to "
-     "it "
-     "waits in the queue (\"mail transport unavailable\").",
+     "it waits in the queue (\"mail transport unavailable\").",
      "Run zorvo-smtp-bind again with the whole request."},
     {Kind::ServiceDiffers, "service-differs", Gravity::Problem,
      "master.cf sets up the service otherwise than zorvo-smtp-bind does, and mail leaves as master.cf tells.",

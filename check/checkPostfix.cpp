@@ -114,7 +114,7 @@ void PostfixCheck::checkEarlierTables(const std::vector<Route>& routes)
             continue;
         }
         for (const Route& route : routes) {
-            const auto result = table.results.find(recordKey(route.domain));
+            const auto result = table.results.find(mail::postfix::recordKey(route.domain));
             if (result != table.results.end())
                 _add(Kind::EarlierTableCatchesDomain, route.domain,
                      {{"table", table.name}, {"result", result->second}});
@@ -157,8 +157,8 @@ void PostfixCheck::checkRecord(const Route& route)
 {
     if (!postfix_.records)
         return;
-    const std::string wanted = recordValue(route.service);
-    const auto record = postfix_.records->find(recordKey(route.domain));
+    const std::string wanted = mail::postfix::recordValue(route.service);
+    const auto record = postfix_.records->find(mail::postfix::recordKey(route.domain));
     if (record == postfix_.records->end())
         _add(Kind::RecordMissing, route.domain, {{"service", route.service}});
     else if (record->second != wanted)
@@ -212,7 +212,7 @@ void PostfixCheck::checkLeftOverRecords(const std::vector<Route>& routes)
         return;
     std::unordered_set<std::string> wanted;
     for (const Route& route : routes)
-        wanted.insert(recordKey(route.domain));
+        wanted.insert(mail::postfix::recordKey(route.domain));
     std::map<std::string, std::string> leftOver;
     for (const auto& [key, value] : *postfix_.records) {
         if (wanted.count(key) == 0)

@@ -164,7 +164,7 @@ void gatherEarlierTables(PostfixFacts& facts, const std::vector<Route>& routes)
     std::vector<std::string> keys;
     for (const Route& route : routes) {
         if (!route.domain.empty())
-            keys.push_back(recordKey(route.domain));
+            keys.push_back(mail::postfix::recordKey(route.domain));
     }
     const std::string maps = parameterOf(facts, "sender_dependent_default_transport_maps");
     for (const std::string& name : tablesBefore(maps)) {

@@ -75,16 +75,6 @@ std::string parameterOf(const PostfixFacts& postfix, const std::string& name)
     return place == postfix.mainCf.end() ? std::string() : place->second;
 }
 
-std::string recordKey(const std::string& domain)
-{
-    return "@" + domain;
-}
-
-std::string recordValue(const std::string& service)
-{
-    return service + ":";
-}
-
 std::string serviceOfRecord(const std::string& value)
 {
     return value.substr(0, value.find(':'));

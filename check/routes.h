@@ -27,10 +27,6 @@ std::vector<Route> presentRoutes(const PostfixFacts& postfix);
 /// The value of a parameter of main.cf; empty for one that Postfix does not know.
 std::string parameterOf(const PostfixFacts& postfix, const std::string& name);
 
-/// The key and the value of the record that binds `route`, as they stand in the table.
-std::string recordKey(const std::string& domain);
-std::string recordValue(const std::string& service);
-
 /// The service that a record's value names: what stands before its first colon.
 std::string serviceOfRecord(const std::string& value);
 

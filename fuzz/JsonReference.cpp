@@ -1,4 +1,3 @@
-// JsonReference: see the header.
 #include "fuzz/JsonReference.h"
 
 #include <climits>

@@ -66,11 +66,12 @@ std::string peekAllModel(JsonReference& r)
            digit(c == '-' || (c >= '0' && c <= '9')) + digit(c == '"') + digit(c == '{') + digit(c == '[');
 }
 
+// Versions of clang-format lay out a list in a macro in different ways.
+// clang-format off
 #define READER(name, changesText)                                                                            \
-    {                                                                                                        \
-        [](sj_parser* p) { return shown(sj_##name(p)); }, [](JsonReference& r) { return shown(r.name()); },  \
-            changesText                                                                                      \
-    }
+    {[](sj_parser* p) { return shown(sj_##name(p)); }, [](JsonReference& r) { return shown(r.name()); },     \
+     changesText}
+// clang-format on
 
 const Reader readers[] = {
     {[](sj_parser* p) { return sj_skip_whitespace(p), nothing(); },

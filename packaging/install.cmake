@@ -21,14 +21,14 @@ install(FILES packaging/completion/zorvo-smtp-bind
         DESTINATION /usr/share/bash-completion/completions COMPONENT runtime)
 install(FILES packaging/tmpfiles.d/zorvo-smtp-bind.conf DESTINATION /usr/lib/tmpfiles.d COMPONENT runtime)
 
-# The three floors as libraries for other programs of the mail layer: #include "common/MKLock.h" and so on.
+# The three layers as libraries for other programs of the mail layer: #include "common/MKLock.h" and so on.
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zorvo-mail)
-foreach(floor common process postfix)
-    target_include_directories(zorvo_${floor} INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/zorvo>)
-    set_target_properties(zorvo_${floor} PROPERTIES EXPORT_NAME ${floor})
-    install(TARGETS zorvo_${floor} EXPORT zorvo-mail
+foreach(layer common process postfix)
+    target_include_directories(zorvo_${layer} INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/zorvo>)
+    set_target_properties(zorvo_${layer} PROPERTIES EXPORT_NAME ${layer})
+    install(TARGETS zorvo_${layer} EXPORT zorvo-mail
             ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
-    install(DIRECTORY ${floor}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zorvo/${floor}
+    install(DIRECTORY ${layer}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zorvo/${layer}
             COMPONENT development FILES_MATCHING PATTERN *.h)
 endforeach()
 install(EXPORT zorvo-mail FILE zorvo-mail-targets.cmake NAMESPACE zorvo::

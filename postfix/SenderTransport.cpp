@@ -6,6 +6,16 @@
 
 namespace zorvo::mail::postfix {
 
+std::string recordKey(const std::string& domain)
+{
+    return "@" + domain;
+}
+
+std::string recordValue(const std::string& serviceName)
+{
+    return serviceName + ":";
+}
+
 std::string serviceNamePart(const std::string& text)
 {
     return boost::algorithm::replace_all_copy(text, ":", "-");

@@ -32,6 +32,10 @@ inline constexpr const char* removedParameters[] = {
     bindAddress6Parameter,
 };
 
+/// Key and value of the record in senderTransportTable that gives the mail of `domain` to a service.
+std::string recordKey(const std::string& domain);
+std::string recordValue(const std::string& serviceName);
+
 /// `text` with every ":" turned into "-", as in the name of a generated service.
 std::string serviceNamePart(const std::string& text);
 

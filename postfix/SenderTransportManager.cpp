@@ -20,14 +20,14 @@ void bindDomain(const std::string& domain, const ModuleInfo& service)
     modules.addModule(service, true);
     modules.storeModules(false);
 
-    const RecordList records{{"@" + domain, service.name + ":"}};
+    const RecordList records{{recordKey(domain), recordValue(service.name)}};
     BatchDatabaseHelper batch(true, true);
     batch.addChanges(senderTransportTable, records.begin(), records.end());
 }
 
 void unbindDomain(const std::string& domain)
 {
-    DatabaseHelper::removeRecord(senderTransportTable, "@" + domain);
+    DatabaseHelper::removeRecord(senderTransportTable, recordKey(domain));
 }
 
 } // namespace zorvo::mail::postfix::sender_transport_steps

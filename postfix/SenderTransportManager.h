@@ -58,13 +58,12 @@ template <class T>
 class SenderTransportManager : public BaseSenderTransportManager {
     static_assert(std::is_base_of_v<BaseSenderTransport, T>,
                   "a kind of sender transport must derive from BaseSenderTransport (SenderTransport.h)");
-    static_assert(hasOwnsService<T>, "a kind of sender transport must have 'bool ownsService(const "
-                                     "std::string& serviceName) const', which "
-                                     "tells its services from others (SenderTransport.h)");
+    static_assert(hasOwnsService<T>,
+                  "a kind of sender transport must have 'bool ownsService(const std::string&) const', "
+                  "which tells its services from others (SenderTransport.h)");
     static_assert(std::is_constructible_v<T, const std::string&, const std::string&, const std::string&>,
                   "a kind of sender transport must have a public constructor that takes the strings domain, "
-                  "ip4 and ip6 "
-                  "(SenderTransport.h)");
+                  "ip4 and ip6 (SenderTransport.h)");
 
 public:
     SenderTransportManager(const std::string& domain, const std::string& ip4, const std::string& ip6)

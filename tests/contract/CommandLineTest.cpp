@@ -108,7 +108,7 @@ TEST_F(CommandLineTest, MissingValueIsNamed)
                               "the required argument for option '--transport-type' is missing"));
 }
 
-TEST_F(CommandLineTest, EmptyValueBehindTheEqualSignIsRefused)
+TEST_F(CommandLineTest, EmptyValueAfterTheEqualSignIsRefused)
 {
     expectNothingDone(
         {"-t", "explicit-ip", "--ip4-addr="},

@@ -78,7 +78,7 @@ TEST_F(ConfigDirectoryTest, AnswerOfBlanksIsEmpty)
 }
 
 // A tab between the colon and the word hides it from the judgement of the message.
-TEST_F(ConfigDirectoryTest, FatalMessageBehindATabIsNoError)
+TEST_F(ConfigDirectoryTest, FatalMessageAfterATabIsNotAnError)
 {
     expectStopped(Answer(askDirectory).complains("postconf:\tfatal: bad main.cf: line 1\n"),
                   configurationError("unable to determine Postfix config_directory parameter"));

@@ -286,6 +286,36 @@ Program& Program::before(std::function<void()> action)
     return *this;
 }
 
+// The child's part.
+void Program::_execute(int out, int err)
+{
+    std::vector<char*> argv;
+    for (std::string& argument : arguments_)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    std::vector<char*> envp;
+    for (std::string& variable : variables_)
+        envp.push_back(variable.data());
+    envp.push_back(nullptr);
+
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    dup2(input_, STDIN_FILENO);
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
+    for (int fd = STDERR_FILENO + 1; fd < 256; ++fd)
+        fcntl(fd, F_SETFD, FD_CLOEXEC);
+    umask(022);
+    signal(SIGPIPE, SIG_DFL);
+    signal(SIGCHLD, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (before_)
+        before_();
+    execve(argv[0], argv.data(), inheritVariables_ ? environ : envp.data());
+    _exit(98);
+}
+
 pid_t Program::start()
 {
     int out[2];
@@ -300,34 +330,9 @@ pid_t Program::start()
     }
     callsBefore_ = listing(callDirectory).size();
 
-    std::vector<char*> argv;
-    for (std::string& argument : arguments_)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (std::string& variable : variables_)
-        envp.push_back(variable.data());
-    envp.push_back(nullptr);
-
     outcome_.pid = check(fork(), "fork");
-    if (outcome_.pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        dup2(input_, STDIN_FILENO);
-        dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
-        for (int fd = STDERR_FILENO + 1; fd < 256; ++fd)
-            fcntl(fd, F_SETFD, FD_CLOEXEC);
-        umask(022);
-        signal(SIGPIPE, SIG_DFL);
-        signal(SIGCHLD, SIG_DFL);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        if (before_)
-            before_();
-        execve(argv[0], argv.data(), inheritVariables_ ? environ : envp.data());
-        _exit(98);
-    }
+    if (outcome_.pid == 0)
+        _execute(out[1], err[1]);
     close(out[1]);
     close(err[1]);
     output_ = out[0];
@@ -339,7 +344,7 @@ pid_t Program::start()
 
 // Feeds and collects until the program and all who share its outputs have closed them, or the program has
 // ended.
-void Program::transfer()
+void Program::_transfer()
 {
     signal(SIGPIPE, SIG_IGN); // a run that does not read its input ends before it is written
     const bool terminal = feeder_ != -1 && isatty(feeder_);
@@ -378,7 +383,7 @@ void Program::transfer()
 
 Outcome Program::finish()
 {
-    transfer();
+    _transfer();
     awaitEnd(outcome_.pid);
     check(waitpid(outcome_.pid, &outcome_.end.waitStatus, 0), "waitpid");
     closeIfOpen(feeder_);

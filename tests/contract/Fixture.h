@@ -1,9 +1,9 @@
 // Fixture: runs the whole program in a small world of its own and shows what it did.
 //
-// Every test starts with nothing in /etc/postfix, /var/spool/postfix, /run/lock/files and /usr/local/maru but
-// stand-ins of postconf, postmap and the service script at their paths, a small master.cf, and a running
-// "qmgr" whose parent is named in Postfix's pid file. All this is done to the real paths: scripts/sandbox has
-// to make them private first.
+// Every test starts with nothing in /etc/postfix, /var/spool/postfix, /run/lock/files and /usr/local/maru
+// except stand-ins of postconf, postmap and the service script at their paths, a small master.cf, and a
+// running "qmgr" whose parent is named in Postfix's pid file. All this is done to the real paths:
+// scripts/sandbox has to make them private first.
 #pragma once
 
 #include "standin/Records.h"
@@ -57,7 +57,7 @@ std::ostream& operator<<(std::ostream& stream, const End& end);
 /// Status 0 without a word.
 End success();
 
-/// Status 1 and "Fatal error: DESCRIPTION" once on each stream, behind `earlier` on each.
+/// Status 1 and "Fatal error: DESCRIPTION" once on each stream, after `earlier` on each.
 End failure(const std::string& description, const std::string& earlier = std::string());
 
 /// failure() for a request that cannot be parsed, with the reader's text.
@@ -115,7 +115,8 @@ public:
     off_t inputPosition() const;
 
 private:
-    void transfer();
+    [[noreturn]] void _execute(int out, int err);
+    void _transfer();
 
     std::vector<std::string> arguments_;
     std::vector<std::string> variables_;

@@ -45,7 +45,7 @@ protected:
 
 } // namespace
 
-// A file that ends with a line feed has an empty last line, behind which new services are put.
+// A file that ends with a line feed has an empty last line, after which new services are put.
 
 TEST_F(MasterCfTest, FirstRunAddsABlankLineAndTheService)
 {
@@ -201,7 +201,7 @@ TEST_F(MasterCfTest, StockFileIsKeptByteForByte)
     expectWiped(stock + "zorvo-x unix - - n - - smtp\n", stock);
 }
 
-TEST_F(MasterCfTest, ServiceIsPutBehindTheStockFile)
+TEST_F(MasterCfTest, ServiceIsPutAfterTheStockFile)
 {
     const std::string stock = readFile("/usr/share/postfix/master.cf.dist");
     expectBound(stock, stock + '\n' + service);
@@ -233,7 +233,7 @@ TEST_F(MasterCfTest, FileOfOneGeneratedServiceWithoutLineFeedBecomesEmpty)
     expectWiped("zorvo-x unix - - n - - smtp", "");
 }
 
-TEST_F(MasterCfTest, BlankLineAloneGetsTheServiceBehindIt)
+TEST_F(MasterCfTest, BlankLineAloneGetsTheServiceAfterIt)
 {
     expectBound("\n", "\n\n" + std::string(service));
 }
@@ -344,37 +344,37 @@ TEST_F(UnreadableMasterCfTest, GeneratedPrefixInCapitalsStopsAtItsLine)
                      "Zorvo-x unix - - n - - smtp");
 }
 
-TEST_F(UnreadableMasterCfTest, BadFieldStopsAtTheBeginOfItsService)
+TEST_F(UnreadableMasterCfTest, BadFieldStopsAtTheBeginningOfItsService)
 {
     expectUnparsable("# c\nsmtp inet n - x - - smtpd\n", 4, "smtp inet n - x - - smtpd");
 }
 
-TEST_F(UnreadableMasterCfTest, BadFieldInAContinuationStopsAtTheBeginOfItsService)
+TEST_F(UnreadableMasterCfTest, BadFieldInAContinuationStopsAtTheBeginningOfItsService)
 {
     expectUnparsable("smtp inet n -\n  x - - smtpd\n", 0, "smtp inet n -");
 }
 
-TEST_F(UnreadableMasterCfTest, UnknownTypeStopsAtTheBeginOfItsService)
+TEST_F(UnreadableMasterCfTest, UnknownTypeStopsAtTheBeginningOfItsService)
 {
     expectUnparsable("smtp udp n - n - - smtpd\n", 0, "smtp udp n - n - - smtpd");
 }
 
-TEST_F(UnreadableMasterCfTest, ServiceWithoutCommandStopsAtItsBegin)
+TEST_F(UnreadableMasterCfTest, ServiceWithoutCommandStopsAtItsBeginning)
 {
     expectUnparsable("smtp inet n - n - -\n", 0, "smtp inet n - n - -");
 }
 
-TEST_F(UnreadableMasterCfTest, QuestionMarkWithoutNumberStopsAtTheBeginOfItsService)
+TEST_F(UnreadableMasterCfTest, QuestionMarkWithoutNumberStopsAtTheBeginningOfItsService)
 {
     expectUnparsable("pickup unix n - y ? 1 pickup\n", 0, "pickup unix n - y ? 1 pickup");
 }
 
-TEST_F(UnreadableMasterCfTest, NumberBeyond32BitsStopsAtTheBeginOfItsService)
+TEST_F(UnreadableMasterCfTest, NumberBeyond32BitsStopsAtTheBeginningOfItsService)
 {
     expectUnparsable("a unix - - n - 4294967296 one\n", 0, "a unix - - n - 4294967296 one");
 }
 
-TEST_F(UnreadableMasterCfTest, CommentBehindTheLastWordStopsAtTheComment)
+TEST_F(UnreadableMasterCfTest, CommentAfterTheLastWordStopsAtTheComment)
 {
     expectUnparsable("smtp inet n - y - - smtpd # note\nb inet n - y - - smtpd\n", 26, "# note");
 }
@@ -384,7 +384,7 @@ TEST_F(UnreadableMasterCfTest, LetterOfAnotherAlphabetStopsAtIt)
     expectUnparsable("smtp inet n - y - - smtpd -o x=\xc3\xa9\n", 31, "\xc3\xa9");
 }
 
-TEST_F(UnreadableMasterCfTest, BlankLineStartStopsBehindTheBlanks)
+TEST_F(UnreadableMasterCfTest, BlankLineStartStopsAfterTheBlanks)
 {
     expectUnparsable("# c\n \tsmtp inet n - y - - smtpd\n", 6, "smtp inet n - y - - smtpd");
 }
@@ -398,7 +398,7 @@ TEST_F(UnreadableMasterCfTest, NulCutsTheMessageThere)
     EXPECT_EQ(outcome.commands(), afterWipe({}));
 }
 
-TEST_F(UnreadableMasterCfTest, CommentBehindAWordOfAContinuedServiceIsRead)
+TEST_F(UnreadableMasterCfTest, CommentAfterAWordOfAContinuedServiceIsRead)
 {
     writeMasterCf("zorvo-x unix - - n - - smtp # note\n  -o a=b\nsmtp inet n - y - - smtpd\n");
     EXPECT_EQ(runExplicitIp().end, success());

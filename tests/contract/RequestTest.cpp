@@ -18,7 +18,7 @@ const char* const badUnicode =
     "Invalid or unsupported Unicode character or escape sequence found in string. UTF8 "
     "encoded characters and '\\u' escape sequences are not supported. ";
 
-// An element that is complete but for what stands in front of its closing brace.
+// An element that is complete except for what comes before its closing brace.
 std::string elementWith(const std::string& members)
 {
     return "{\"domains\": [{\"domain\": \"one.example\", \"ip4_addr\": \"192.0.2.1\", \"ip6_addr\": \"\"" +
@@ -139,12 +139,12 @@ TEST_F(RequestErrnoTest, InputThatCannotBeReadIsAFatalErrorOfItsOwn)
 
 // The frame of the document.
 
-TEST_F(RequestTest, TopLevelArrayIsNoObject)
+TEST_F(RequestTest, TopLevelArrayIsNotAnObject)
 {
     expectRefused("[]", noObject);
 }
 
-TEST_F(RequestTest, ByteOrderMarkIsNoObject)
+TEST_F(RequestTest, ByteOrderMarkIsNotAnObject)
 {
     expectRefused("\xef\xbb\xbf{\"domains\": []}",
                   "JSON object is expected. Error occured at offset 0, character '\\xef'. ");
@@ -191,7 +191,7 @@ TEST_F(RequestTest, DomainsHasToBeAnArray)
     expectRefused("{\"domains\": {}}", "JSON array is expected. Error occured at offset 12, character '{'. ");
 }
 
-TEST_F(RequestTest, NullIsNoArray)
+TEST_F(RequestTest, NullIsNotAnArray)
 {
     expectRefused("{\"domains\": null}",
                   "JSON array is expected. Error occured at offset 12, character 'n'. ");
@@ -232,19 +232,19 @@ TEST_F(RequestTest, LaterElementThatLacksAFieldStopsTheWholeRequest)
                   missingFields + "Error occured at offset 73, character ']'. "s);
 }
 
-TEST_F(RequestTest, NullIsNoDomain)
+TEST_F(RequestTest, NullIsNotADomain)
 {
     expectRefused("{\"domains\": [{\"domain\": null}]}",
                   "String is expected. Error occured at offset 24, character 'n'. ");
 }
 
-TEST_F(RequestTest, NullIsNoAddress)
+TEST_F(RequestTest, NullIsNotAnAddress)
 {
     expectRefused("{\"domains\": [{\"ip4_addr\": null}]}",
                   "String is expected. Error occured at offset 26, character 'n'. ");
 }
 
-TEST_F(RequestTest, NumberIsNoIpv6Address)
+TEST_F(RequestTest, NumberIsNotAnIpv6Address)
 {
     expectRefused("{\"domains\": [{\"ip6_addr\": 1}]}",
                   "String is expected. Error occured at offset 26, character '1'. ");
@@ -295,7 +295,7 @@ TEST_F(RequestTest, DocumentCutInsideTheListIsReported)
                   "JSON object is expected. Error occured at offset 13, character '\\x00'. ");
 }
 
-TEST_F(RequestTest, DocumentCutBehindTheListIsReported)
+TEST_F(RequestTest, DocumentCutAfterTheListIsReported)
 {
     expectRefused(
         "{\"domains\": []",
@@ -309,12 +309,12 @@ TEST_F(RequestTest, NulByteEndsTheText)
                   "JSON object is expected. Error occured at offset 13, character '\\x00'. ");
 }
 
-TEST_F(RequestTest, BytesBehindANulAreIgnored)
+TEST_F(RequestTest, BytesAfterANulAreIgnored)
 {
     expectRecords(elementWith("") + "\0 \xff {"s, oneRecord);
 }
 
-TEST_F(RequestTest, TextBehindTheDocumentIsIgnored)
+TEST_F(RequestTest, TextAfterTheDocumentIsIgnored)
 {
     expectRecords(elementWith("") + "]} {\"domains\": [] \xc3\xa9", oneRecord);
 }

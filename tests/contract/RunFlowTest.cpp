@@ -57,7 +57,7 @@ TEST_F(RunFlowTest, ExplicitIpPassesTheAddressesOnAsGiven)
 TEST_F(RunFlowTest, ExplicitIpDoesNotReadStandardInput)
 {
     Program program({"-t", "explicit-ip", "-4", "192.0.2.1"});
-    program.file("this is no request");
+    program.file("this is not a request");
     EXPECT_EQ(program.run().end, success());
     EXPECT_EQ(program.inputPosition(), 0);
 }

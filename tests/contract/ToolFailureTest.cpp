@@ -160,7 +160,7 @@ TEST_F(ToolFailureTest, LongReasonIsKeptWhole)
     expectWipingStopped(wipeUpTo(emptyTable), configurationError(reason));
 }
 
-TEST_F(ToolFailureTest, OutputIsNoPartOfTheReason)
+TEST_F(ToolFailureTest, OutputIsNotPartOfTheReason)
 {
     answer(Answer(emptyTable).prints("half done\n").exits(1));
     writeMasterCf(generatedServices);
@@ -222,7 +222,7 @@ TEST_F(ToolFailureTest, PostconfThatMayNotBeExecuted)
     expectWipingStopped({}, failure("zorvo::SystemError(execv: Permission denied: Permission denied)"));
 }
 
-TEST_F(ToolFailureTest, PostmapThatIsNoProgram)
+TEST_F(ToolFailureTest, PostmapThatIsNotAProgram)
 {
     fs::remove("/usr/sbin/postmap");
     writeWhole("/usr/sbin/postmap", "no program\n");

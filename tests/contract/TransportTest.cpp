@@ -10,7 +10,7 @@ namespace {
 
 class TransportTest : public ContractTest {};
 
-// What a run put behind the services that were there.
+// What a run put after the services that were there.
 std::string added()
 {
     const std::string before = std::string(plainServices) + '\n';

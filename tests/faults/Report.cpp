@@ -33,7 +33,7 @@ std::string Problems::joined(const std::vector<std::string>& list)
     return text;
 }
 
-Report::Row& Report::row(const std::string& name)
+Report::Row& Report::_row(const std::string& name)
 {
     const auto known =
         std::find_if(rows_.begin(), rows_.end(), [&](const Row& row) { return row.name == name; });
@@ -46,7 +46,7 @@ Report::Row& Report::row(const std::string& name)
 
 void Report::add(const std::string& name, const std::string& circumstances, const Problems& problems)
 {
-    Row& entry = row(name);
+    Row& entry = _row(name);
     ++entry.tried;
     if (problems.texts().empty()) {
         ++entry.survived;
@@ -59,7 +59,7 @@ void Report::add(const std::string& name, const std::string& circumstances, cons
 
 void Report::count(const std::string& name, const std::string& what, unsigned number)
 {
-    auto& counts = row(name).counts;
+    auto& counts = _row(name).counts;
     const auto known =
         std::find_if(counts.begin(), counts.end(), [&](const auto& count) { return count.first == what; });
     if (known != counts.end())

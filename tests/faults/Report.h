@@ -65,7 +65,7 @@ private:
         unsigned survived = 0;
         std::vector<std::pair<std::string, unsigned>> counts;
     };
-    Row& row(const std::string& name);
+    Row& _row(const std::string& name);
 
     unsigned share_;
     unsigned shares_;

@@ -130,7 +130,7 @@ std::string descriptorTarget(pid_t pid, unsigned long fd)
                       : std::string(target, static_cast<size_t>(length));
 }
 
-// Pids, pipe numbers and mkstemp(3)'s characters differ from run to run.
+// Pids, pipe numbers and the characters that mkstemp(3) chooses differ from run to run.
 std::string withoutChance(std::string text)
 {
     if (text.compare(0, 5, "pipe:") == 0)
@@ -143,6 +143,20 @@ std::string withoutChance(std::string text)
     if (text.compare(0, base.size(), base) == 0 && text.size() == base.size() + 6)
         text.replace(base.size(), 6, "XXXXXX");
     return text;
+}
+
+// Those above 2, as "NUMBER TARGET".
+std::vector<std::string> descriptorsOf(pid_t pid)
+{
+    std::vector<std::string> found;
+    DIR* const stream = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
+    while (const dirent* entry = readdir(stream)) {
+        const int fd = atoi(entry->d_name);
+        if (fd > STDERR_FILENO)
+            found.push_back(std::to_string(fd) + ' ' + descriptorTarget(pid, static_cast<unsigned long>(fd)));
+    }
+    closedir(stream);
+    return found;
 }
 
 std::string describe(pid_t pid, const CallName* call, const __uint64_t (&arguments)[6])
@@ -278,15 +292,14 @@ private:
         std::map<unsigned long, unsigned> counts;
     };
 
-    [[noreturn]] void runChild(int inputEnd);
-    void feed(int inputEnd);
-    bool waitOne();
-    void onStop(pid_t pid, int status);
-    void onSystemCall(pid_t pid, Tracee& tracee);
-    void onEntry(pid_t pid, Tracee& tracee, const __ptrace_syscall_info& info);
-    void onExit(pid_t pid, Tracee& tracee, long result);
-    void endAll();
-    void resume(pid_t pid, int signal = 0) { ptrace(PTRACE_SYSCALL, pid, nullptr, signal); }
+    [[noreturn]] void _runChild(int inputEnd);
+    bool _waitOne();
+    void _onStop(pid_t pid, int status);
+    void _onSystemCall(pid_t pid, Tracee& tracee);
+    void _onEntry(pid_t pid, Tracee& tracee, const __ptrace_syscall_info& info);
+    void _onExit(pid_t pid, Tracee& tracee, long result);
+    void _endAll();
+    void _resume(pid_t pid, int signal = 0) { ptrace(PTRACE_SYSCALL, pid, nullptr, signal); }
 
     const Launch& launch_;
     bool traced_;
@@ -300,7 +313,7 @@ private:
     Outcome outcome_;
 };
 
-void Runner::runChild(int inputEnd)
+void Runner::_runChild(int inputEnd)
 {
     dup2(inputEnd, STDIN_FILENO);
     dup2(out_.fd(), STDOUT_FILENO);
@@ -337,7 +350,7 @@ void Runner::runChild(int inputEnd)
     _exit(98);
 }
 
-void Runner::onEntry(pid_t pid, Tracee& tracee, const __ptrace_syscall_info& info)
+void Runner::_onEntry(pid_t pid, Tracee& tracee, const __ptrace_syscall_info& info)
 {
     const unsigned long number = info.entry.nr;
     const CallName* const call = findCall(number);
@@ -360,17 +373,8 @@ void Runner::onEntry(pid_t pid, Tracee& tracee, const __ptrace_syscall_info& inf
                      event.call == fault.call && event.occurrence == fault.occurrence;
     if (tracee.inFault || fault.effect == Effect::None)
         event.detail = describe(pid, call, info.entry.args);
-    if (number == SYS_exit_group && pid == main_) {
-        const std::string directory = "/proc/" + std::to_string(pid) + "/fd";
-        DIR* const stream = opendir(directory.c_str());
-        while (const dirent* entry = readdir(stream)) {
-            const int fd = atoi(entry->d_name);
-            if (fd > STDERR_FILENO)
-                outcome_.descriptors.push_back(std::to_string(fd) + ' ' +
-                                               descriptorTarget(pid, static_cast<unsigned long>(fd)));
-        }
-        closedir(stream);
-    }
+    if (number == SYS_exit_group && pid == main_)
+        outcome_.descriptors = descriptorsOf(pid);
     if (!tracee.inFault)
         return;
     outcome_.struck = true;
@@ -383,7 +387,7 @@ void Runner::onEntry(pid_t pid, Tracee& tracee, const __ptrace_syscall_info& inf
     }
 }
 
-void Runner::onExit(pid_t pid, Tracee& tracee, long result)
+void Runner::_onExit(pid_t pid, Tracee& tracee, long result)
 {
     if (!tracee.pending)
         return;
@@ -404,18 +408,18 @@ void Runner::onExit(pid_t pid, Tracee& tracee, long result)
         launch_.onEvent(tracee.event);
 }
 
-void Runner::onSystemCall(pid_t pid, Tracee& tracee)
+void Runner::_onSystemCall(pid_t pid, Tracee& tracee)
 {
     __ptrace_syscall_info info;
     if (ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof info, &info) <= 0)
         return; // killed meanwhile
     if (info.op == PTRACE_SYSCALL_INFO_ENTRY)
-        onEntry(pid, tracee, info);
+        _onEntry(pid, tracee, info);
     else if (info.op == PTRACE_SYSCALL_INFO_EXIT)
-        onExit(pid, tracee, static_cast<long>(info.exit.rval));
+        _onExit(pid, tracee, static_cast<long>(info.exit.rval));
 }
 
-void Runner::onStop(pid_t pid, int status)
+void Runner::_onStop(pid_t pid, int status)
 {
     const int signal = WSTOPSIG(status);
     const int event = status >> 16;
@@ -424,21 +428,21 @@ void Runner::onStop(pid_t pid, int status)
         Tracee& tracee = tracees_[pid];
         tracee.process = ++processes_;
         tracee.started = true;
-        resume(pid);
+        _resume(pid);
     } else if (signal == (SIGTRAP | 0x80)) {
-        onSystemCall(pid, known->second);
-        resume(pid);
+        _onSystemCall(pid, known->second);
+        _resume(pid);
     } else if (event == PTRACE_EVENT_EXEC && pid != main_) {
         tracees_.erase(known);
         ptrace(PTRACE_DETACH, pid, nullptr, nullptr);
     } else if (event != 0) {
-        resume(pid);
+        _resume(pid);
     } else {
-        resume(pid, signal);
+        _resume(pid, signal);
     }
 }
 
-void Runner::endAll()
+void Runner::_endAll()
 {
     outcome_.hung = true;
     for (const pid_t pid : childrenOfThis())
@@ -448,18 +452,18 @@ void Runner::endAll()
 }
 
 // False when nothing is left to wait for.
-bool Runner::waitOne()
+bool Runner::_waitOne()
 {
     int status = 0;
     rusage usage = {};
     const pid_t pid = wait4(-1, &status, __WALL, &usage);
     if (pid == -1) {
         if (errno == EINTR && alarmRang != 0)
-            endAll();
+            _endAll();
         return errno == EINTR;
     }
     if (WIFSTOPPED(status)) {
-        onStop(pid, status);
+        _onStop(pid, status);
         return true;
     }
     if (pid == main_) {
@@ -488,7 +492,7 @@ Outcome Runner::run()
     }
     main_ = check(fork(), "fork");
     if (main_ == 0)
-        runChild(launch_.inputIsFile ? input_.fd() : ends[0]);
+        _runChild(launch_.inputIsFile ? input_.fd() : ends[0]);
     if (ends[0] != -1) {
         close(ends[0]);
         close(ends[1]);
@@ -502,9 +506,9 @@ Outcome Runner::run()
                          PTRACE_O_TRACECLONE | PTRACE_O_EXITKILL),
               "PTRACE_SETOPTIONS");
         tracees_[main_] = Tracee();
-        resume(main_);
+        _resume(main_);
     }
-    while (waitOne())
+    while (_waitOne())
         ;
     setAlarm(0);
     outcome_.out = out_.content();

@@ -56,7 +56,7 @@ struct Outcome {
     std::string err;
     bool hung = false;
     unsigned childrenLeft = 0;            ///< Children that outlived the program, or were not waited for.
-    std::vector<std::string> descriptors; ///< Open at the end, but 0, 1 and 2 (traced runs).
+    std::vector<std::string> descriptors; ///< Open at the end, except 0, 1 and 2 (traced runs).
     std::vector<Event> events;            ///< In order of their ends (traced runs).
     bool struck = false;                  ///< The fault came to pass, ...
     Event target;                         ///< ...at this call.

@@ -69,7 +69,7 @@ void install(const std::string& source, const std::string& target)
     fs::create_symlink(source, target);
 }
 
-// A "qmgr" whose parent is named in the pid file, both none of this process's children.
+// A "qmgr" whose parent is named in the pid file; neither is a child of this process.
 void startQmgr()
 {
     const pid_t pid = fork();

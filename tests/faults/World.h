@@ -69,8 +69,8 @@ Snapshot snapshotAfter(const Request& request, size_t emptyLines = 1);
 /// How many empty lines stand after the foreign services.
 size_t emptyLinesNow();
 
-/// Keeps the real tools, installs the stand-ins, starts a "qmgr" for the program to find. Throws outside the
-/// sandbox.
+/// Keeps the real tools, installs the stand-ins and starts a "qmgr" for the program to find. Throws outside
+/// the sandbox.
 void setUpMachine(const std::string& toolPath);
 
 /// Puts the real postconf and postmap in place, or the stand-ins again.

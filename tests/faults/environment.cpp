@@ -18,7 +18,7 @@ namespace faults {
 
 namespace {
 
-typedef std::function<void()> Action;
+using Action = std::function<void()>;
 
 const Request badRequest = {"domain-name", {}};
 const char* const badInput = "{\"domains\": [}";
@@ -49,7 +49,7 @@ Outcome runBadWith(const Action& before)
     return run(launch);
 }
 
-/// The world as at the start, the end as for a bad request; `out` and `err` are what arrived.
+/// The world as at the start, the end as for a bad request; `out` and `err` are what has to arrive.
 void requireRefused(Problems& problems, const Outcome& outcome, const std::string& out,
                     const std::string& err)
 {
@@ -173,14 +173,14 @@ void block(int number)
 void signalStates(Report& report)
 {
     const std::string none = mask({});
-    succeeds(
-        report, "SIGCHLD ignored", "", [] { signal(SIGCHLD, SIG_IGN); }, none + ' ' + mask({SIGCHLD}));
-    succeeds(
-        report, "SIGCHLD blocked", "", [] { block(SIGCHLD); }, mask({SIGCHLD}) + ' ' + none);
-    succeeds(
-        report, "SIGPIPE ignored", "", [] { signal(SIGPIPE, SIG_IGN); }, none + ' ' + mask({SIGPIPE}));
-    succeeds(
-        report, "SIGPIPE blocked", "", [] { block(SIGPIPE); }, mask({SIGPIPE}) + ' ' + none);
+    const auto ignoreChild = [] { signal(SIGCHLD, SIG_IGN); };
+    const auto blockChild = [] { block(SIGCHLD); };
+    const auto ignorePipe = [] { signal(SIGPIPE, SIG_IGN); };
+    const auto blockPipe = [] { block(SIGPIPE); };
+    succeeds(report, "SIGCHLD ignored", "", ignoreChild, none + ' ' + mask({SIGCHLD}));
+    succeeds(report, "SIGCHLD blocked", "", blockChild, mask({SIGCHLD}) + ' ' + none);
+    succeeds(report, "SIGPIPE ignored", "", ignorePipe, none + ' ' + mask({SIGPIPE}));
+    succeeds(report, "SIGPIPE blocked", "", blockPipe, mask({SIGPIPE}) + ' ' + none);
     succeeds(
         report, "SIGCHLD, SIGPIPE, SIGTERM, SIGUSR1 ignored and blocked", "",
         [] {
@@ -198,7 +198,7 @@ void limitDescriptors(rlim_t number)
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// With few descriptors a run says which call had none left, and leaves all whole; with some more it
+/// With few descriptors a run says which call had none left, and leaves everything whole; with a few more it
 /// succeeds.
 void lowLimit(Report& report)
 {
@@ -272,7 +272,7 @@ void manyDescriptors(Report& report)
         report.add("1000 descriptors open at the start", "", problems);
     }
     {
-        // select(2) has no room for them.
+        // More than select(2) takes.
         const Outcome outcome = runWith(threeDomains, [] { openMany(1100); });
         Problems problems;
         const std::string text = "Fatal error: zorvo::SystemError(select: Too many open files)\n";

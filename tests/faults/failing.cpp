@@ -131,13 +131,14 @@ Expected expectOfProgram(const Event& place, int error)
                          : systemError(label, reason);
 }
 
-/// A failure between fork and exec comes back through the control pipe, with the reason in it and behind it.
+/// A failure between fork and exec comes back through the control pipe, with the reason in it and after it.
 Expected expectOfChild(const Event& place, int error)
 {
     const std::string reason = strerror(error);
     // The signals' state is a courtesy; the script's failure is its result, which does not decide about the
-    // run.
-    if (isScript(place.process) && place.call == "dup2")
+    // run. Until its standard error is the pipe, what its child says is seen.
+    const bool seen = place.call == "dup2" || (place.call == "close" && place.occurrence == 1);
+    if (isScript(place.process) && seen)
         return {"fork_execv: dup() failed: " + reason + '\n', true, false, true};
     if (isScript(place.process) || place.call == "rt_sigaction" || place.call == "rt_sigprocmask")
         return tolerated();
@@ -151,7 +152,7 @@ Expected expectOfChild(const Event& place, int error)
     return systemError(label + ": " + reason, reason.c_str());
 }
 
-/// Characters of chance in a message.
+/// A message without its random characters.
 std::string withoutChance(const std::string& text)
 {
     static const std::regex temporary("(/etc/postfix/master\\.cf)[A-Za-z0-9]{6}(?![A-Za-z0-9])");
@@ -233,7 +234,7 @@ bool isPartOf(const std::string& found, const std::string& whole)
 /// it would have been; and where it is the report itself that cannot be written, what else there is of it
 /// arrives.
 void failReporting(Report& report, const Scenario& scenario, const Event& place, int error,
-                   const std::string& masterCf)
+                   const std::string& before, const std::string& after)
 {
     const std::string name = errorName(error) + ' ' + place.call + " in a run that ends with a report";
     const Outcome outcome = strike(scenario, place, Effect::Fail, error);
@@ -259,7 +260,8 @@ void failReporting(Report& report, const Scenario& scenario, const Event& place,
         problems.requireEqual("standard output", expected.text, withoutChance(outcome.out));
     }
     requireCleanEnd(problems, outcome);
-    problems.requireEqual(masterCfPath, masterCf, readFile(masterCfPath));
+    problems.requireEqual(masterCfPath, outcome.completed("rename") == 0 ? before : after,
+                          readFile(masterCfPath));
     problems.requireEqual("further files", std::vector<std::string>(), strayFiles());
     problems.requireEqual("locks held", std::vector<std::string>(), heldLocks());
     report.add(name, scenario.name + ": " + describe(outcome.target), problems);
@@ -286,12 +288,14 @@ void testFailing(Report& report, bool longForm)
             if (report.takes())
                 failAt(report, place, error);
     for (const Scenario& scenario : reportingScenarios(longForm)) {
+        scenario.begin();
+        const std::string before = readFile(masterCfPath);
         const std::vector<Event> events = runUndisturbed(scenario).events;
-        const std::string masterCf = readFile(masterCfPath);
+        const std::string after = readFile(masterCfPath);
         for (const Event& place : placesToStrike(events, longForm, wanted))
             for (const int error : errorsAt(next++, longForm))
                 if (report.takes())
-                    failReporting(report, scenario, place, error, masterCf);
+                    failReporting(report, scenario, place, error, before, after);
     }
     restoreMachine();
 }

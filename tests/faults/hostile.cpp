@@ -136,8 +136,8 @@ double instructions(const std::string& input)
     return at == std::string::npos ? -1 : strtod(text.c_str() + at + label.size(), nullptr);
 }
 
-/// Counted, not timed: four times the input must not take more than four times the instructions of the
-/// smaller one, and something for chance.
+/// Counted, not timed: four times the input must take at most four times the instructions, plus a margin
+/// for chance.
 void linear(Report& report, const Kind& kind, size_t bytes)
 {
     const std::string name = std::string("linear time: ") + kind.name;

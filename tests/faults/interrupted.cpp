@@ -67,7 +67,7 @@ void interruptReporting(Report& report, const Scenario& scenario, const Event& p
 
 bool canBeInterrupted(const Event& event)
 {
-    // fdopen(3) asks for a descriptor's flags that way; that is no more than a look at a number.
+    // fdopen(3) asks for a descriptor's flags that way; that only looks at a number.
     const bool onlyLooks = event.call == "fcntl" && event.arguments[1] == F_GETFL;
     return interruptible.count(event.call) != 0 && !onlyLooks;
 }

@@ -65,7 +65,7 @@ void killProgram(Report& report, const Event& place, Effect effect)
     report.add(name, describe(outcome.target), problems);
 }
 
-// A tool that never came to be: the run fails like one whose tool was killed.
+// A tool that never started: the run fails like one whose tool was killed.
 void killChild(Report& report, const Event& place)
 {
     const std::string name = "SIGKILL of a child before " + place.call;

@@ -1,12 +1,11 @@
 // Runs the program with one fault after the other and prints what was tried and what survived.
 //
-// usage:  fault_tests [--long] [--share K/N] [PART...]   without a part all are run; of N shares, each
-// strikes every N-th
-//         point (parts whose points depend on each other are run whole in the first share)
+// usage:  fault_tests [--long] [--share K/N] [PART...]
+//         Without a part all are run. Of N shares, share K (from 1 to N) strikes every N-th point; a part
+//         whose points depend on each other counts as one point.
 // needs:  scripts/sandbox around it
 // exits:  0 everything survived; 1 something did not; 2 wrong usage, or no test can be made; 77 the sandbox
-// has no private
-//         namespaces, which these tests mount in
+//         has no private namespaces, which these tests mount in
 #include "Report.h"
 #include "Run.h"
 #include "World.h"

@@ -8,8 +8,8 @@ inline constexpr char postconfPath[] = "/usr/sbin/postconf";
 inline constexpr char postmapPath[] = "/usr/sbin/postmap";
 inline constexpr char serviceScriptPath[] = "/usr/local/maru/admin/sbin/zorvorc";
 
-inline constexpr char configDirectory[] =
-    "/etc/postfix"; ///< What postconf answers where a test says nothing else.
+/// What postconf answers where a test says nothing else.
+inline constexpr char configDirectory[] = "/etc/postfix";
 inline constexpr char mainCfPath[] = "/etc/postfix/main.cf";
 inline constexpr char masterCfPath[] = "/etc/postfix/master.cf";
 

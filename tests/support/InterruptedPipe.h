@@ -19,7 +19,7 @@ class InterruptedPipe {
 public:
     explicit InterruptedPipe(int fd)
     {
-        struct sigaction action {};
+        struct sigaction action = {};
         action.sa_handler = [](int) { takeEveryThirdTime(); };
         const itimerval often{{0, 200}, {0, 200}};
         if (::pipe2(state().ends, O_CLOEXEC | O_NONBLOCK | O_DIRECT) != 0 ||

@@ -37,7 +37,7 @@ inline void writeFile(const std::string& path, const std::string& content)
 /// Permission bits of a file.
 inline unsigned modeOf(const std::string& path)
 {
-    struct stat status {};
+    struct stat status = {};
     if (::stat(path.c_str(), &status) != 0)
         throw std::runtime_error("cannot stat " + path);
     return status.st_mode & 07777U;

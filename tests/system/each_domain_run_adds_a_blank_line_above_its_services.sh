@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# A file that ends with a line feed has an empty last line, and a new service comes behind it: one more each run.
+# A file that ends with a line feed has an empty last line, and a new service comes after it: one more each run.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

@@ -28,7 +28,7 @@ umask 022
     stock=/usr/share/postfix/master.cf.dist
     master_cf=/etc/postfix/master.cf
     main_cf=/etc/postfix/main.cf
-    table=hash:/var/spool/postfix/zorvo/sdd_transport_maps
+    table=$(sed -n 's/.* tableName\[\] = "\(.*\)";/\1/p' "${BASH_SOURCE[0]%/*}/../support/FixedPaths.h")
     zorvorc=/usr/local/maru/admin/sbin/zorvorc
     default_helo=sandbox.example
 }
@@ -103,7 +103,7 @@ assert_true() {
 }
 
 # run_program ARGUMENT...: runs the program with the caller's standard input; its status is in $status, its output in
-# $scratch/stdout and stderr. main.cf is made old before, lest every Postfix tool should wait for it to be so.
+# $scratch/stdout and stderr. main.cf is made old before, so that no Postfix tool waits for that.
 run_program() {
     touch -d '1 hour ago' "$main_cf"
     status=0

@@ -93,7 +93,7 @@ struct Call {
 std::string toText(const Answer& answer);
 std::string toText(const Call& call);
 
-/// The opposite. Throws std::runtime_error where the text is no such record.
+/// The opposite. Throws std::runtime_error where the text is not such a record.
 Answer answerFromText(const std::string& text);
 Call callFromText(const std::string& text);
 

@@ -297,12 +297,12 @@ TEST(ParseTransportInfoTest, SameDomainTwiceIsTwoEntries)
     EXPECT_THAT(entriesOf(domains({a, a})), ElementsAre(entryA, entryA));
 }
 
-TEST(ParseTransportInfoTest, TextBehindTheDocumentIsIgnored)
+TEST(ParseTransportInfoTest, TextAfterTheDocumentIsIgnored)
 {
     EXPECT_THAT(entriesOf(domains({a}) + " trailing {\xc3\xa9"), ElementsAre(entryA));
 }
 
-TEST(ParseTransportInfoTest, CursorStandsBehindTheClosingBrace)
+TEST(ParseTransportInfoTest, CursorStandsAfterTheClosingBrace)
 {
     const std::string text = domains({a});
     Document document(text + "x");
@@ -458,7 +458,7 @@ TEST(ParseTransportInfoErrorTest, BlankTextIsError11AtItsEnd)
     EXPECT_EQ((Rejection{11, 3}), rejectionOf(" \n\t"));
 }
 
-TEST(ParseTransportInfoErrorTest, DocumentThatIsNoObjectIsError11)
+TEST(ParseTransportInfoErrorTest, DocumentThatIsNotAnObjectIsError11)
 {
     EXPECT_EQ((Rejection{11, 0}), rejectionOf("[" + a + "]"));
     EXPECT_EQ((Rejection{11, 0}), rejectionOf("null"));
@@ -487,7 +487,7 @@ TEST(ParseTransportInfoErrorTest, DomainsThatAreNoArrayAreError15)
     }
 }
 
-TEST(ParseTransportInfoErrorTest, ElementThatIsNoObjectIsError11)
+TEST(ParseTransportInfoErrorTest, ElementThatIsNotAnObjectIsError11)
 {
     for (const char* const value : {"[]", "null", "\"{}\"", "5", "]", ""}) {
         SCOPED_TRACE(value);
@@ -526,13 +526,13 @@ TEST(ParseTransportInfoErrorTest, LaterElementWithoutAFieldIsError14)
     EXPECT_EQ(14, rejectionOf("{\"domains\":[" + a + ",{\"domain\":\"d\",\"ip4_addr\":\"4\"}]}").error);
 }
 
-TEST(ParseTransportInfoErrorTest, MissingFieldIsFoundBehindTheBraceOfItsElement)
+TEST(ParseTransportInfoErrorTest, MissingFieldIsFoundAfterTheBraceOfItsElement)
 {
     const std::string upToTheBrace = "{\"domains\":[{\"domain\":\"d\",\"ip4_addr\":\"4\"}";
     EXPECT_EQ((Rejection{14, static_cast<long>(upToTheBrace.size())}), rejectionOf(upToTheBrace + " x"));
 }
 
-TEST(ParseTransportInfoErrorTest, NullIsNoString)
+TEST(ParseTransportInfoErrorTest, NullIsNotAString)
 {
     EXPECT_EQ((Rejection{7, 22}),
               rejectionOf("{\"domains\":[{\"domain\":null,\"ip4_addr\":\"4\",\"ip6_addr\":\"6\"}]}"));
@@ -575,7 +575,7 @@ TEST(ParseTransportInfoErrorTest, UnterminatedStringIsError2)
     EXPECT_EQ((Rejection{2, 24}), rejectionOf("{\"domains\":[{\"domain\":\"d"));
 }
 
-TEST(ParseTransportInfoErrorTest, NameThatIsNoStringIsError7)
+TEST(ParseTransportInfoErrorTest, NameThatIsNotAStringIsError7)
 {
     EXPECT_EQ((Rejection{7, 1}), rejectionOf("{domains:[]}"));
     EXPECT_EQ((Rejection{7, 13}), rejectionOf("{\"domains\":[{domain:\"d\"}]}"));
@@ -747,7 +747,7 @@ TEST(ParseTransportInfoGrowthTest, MissingCommaKeepsTheCountOfElementsBefore)
     EXPECT_EQ(2U, document.info().count);
 }
 
-TEST(ParseTransportInfoGrowthTest, ErrorBehindTheArrayKeepsItsCount)
+TEST(ParseTransportInfoGrowthTest, ErrorAfterTheArrayKeepsItsCount)
 {
     Document document("{\"domains\":[" + a + "," + b + "] x");
     ASSERT_EQ(13, document.parse());

@@ -251,6 +251,15 @@ TEST_F(CheckPostfixTest, GeneratedServiceThatNoRecordNamesIsLeftOver)
     EXPECT_THAT(heldAgainstItself(), expected);
 }
 
+TEST_F(CheckPostfixTest, ServiceThatAWrongRecordNamesIsNotLeftOver)
+{
+    const ModuleInfo service = plannedService(TransportType::DomainName, {"three.example", "192.0.2.3", ""});
+    postfix.services[service.name] = service;
+    (*postfix.records)["@one.example"] = service.name + ":";
+    EXPECT_THAT(held(), ElementsAre(about(Kind::RecordDiffers, "one.example",
+                                          {{"in the table", service.name + ":"}, {"asked for", one + ":"}})));
+}
+
 TEST_F(CheckPostfixTest, BindingThatIsNotEnforcedIsAWarning)
 {
     postfix.mainCf["smtp_bind_address_enforce"] = "no";

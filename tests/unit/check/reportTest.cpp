@@ -65,6 +65,12 @@ TEST(WriteTableTest, WarningsAboutTheServerAreNotItsVerdict)
               0U);
 }
 
+TEST(WriteTableTest, WarningAboutADomainIsItsVerdict)
+{
+    const Report report{{one}, {{Kind::AddressNotCanonical, "one.example", {}}}};
+    EXPECT_NE(table(report).find("mail.example  address-not-canonical\n"), std::string::npos);
+}
+
 TEST(WriteTableTest, FindingsFollowTheGravestFirst)
 {
     const Findings findings = {{Kind::EnforceOff, "", {}},

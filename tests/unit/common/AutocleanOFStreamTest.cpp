@@ -278,7 +278,7 @@ TEST_F(AutocleanOFStreamTest, InterruptedOpenIsRepeated)
         static const char* fifo;
         static int signals;
         fifo = file_.c_str();
-        struct sigaction action {};
+        struct sigaction action = {};
         action.sa_handler = [](int) {
             if (++signals == 3)
                 (void)::open(fifo, O_RDONLY | O_NONBLOCK | O_CLOEXEC);

@@ -154,8 +154,8 @@ TEST(RetryOnEintrTest, ReadInterruptedByARealSignalIsRepeated)
 {
     static int ends[2];
     ASSERT_EQ(0, ::pipe(ends));
-    struct sigaction action {};
-    struct sigaction old {};
+    struct sigaction action = {};
+    struct sigaction old = {};
     action.sa_handler = [](int) {
         if (::write(ends[1], "x", 1) != 1)
             ::_exit(99);

@@ -39,6 +39,7 @@ public:
 
 template <class T>
 class Template : public Plain {
+    T value = T();
 };
 
 } // namespace report_test

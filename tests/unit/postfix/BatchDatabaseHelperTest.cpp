@@ -139,14 +139,11 @@ TEST_F(BatchDatabaseHelperTest, ImmediateChangesLeaveNothingToCommit)
 TEST_F(BatchDatabaseHelperTest, FailureOfAnImmediateChangeIsPassedOn)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: fatal: x\n"));
-    BatchDatabaseHelper merging(true, true);
-    EXPECT_EQ("postmap: fatal: x\n", exactMessageOf<PostfixConfigurationError>([&] {
-                  add(merging, a_, {{"k", "v"}});
-              }));
-    BatchDatabaseHelper replacing(false, true);
-    EXPECT_EQ("postmap: fatal: x\n", exactMessageOf<PostfixConfigurationError>([&] {
-                  add(replacing, a_, {{"k", "v"}});
-              }));
+    for (const bool incremental : {true, false}) {
+        BatchDatabaseHelper helper(incremental, true);
+        const auto change = [&] { add(helper, a_, {{"k", "v"}}); };
+        EXPECT_EQ("postmap: fatal: x\n", exactMessageOf<PostfixConfigurationError>(change)) << incremental;
+    }
 }
 
 // --- gathered

@@ -382,7 +382,7 @@ protected:
     /// Tells whether a file was replaced since.
     static ino_t inode(const std::string& path)
     {
-        struct stat status {};
+        struct stat status = {};
         if (::stat(path.c_str(), &status) != 0)
             throw std::runtime_error("cannot stat " + path);
         return status.st_ino;

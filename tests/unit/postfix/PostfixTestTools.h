@@ -85,7 +85,7 @@ public:
     /// child ends first.
     bool isAwaitedBy(pid_t pid) const
     {
-        struct stat status {};
+        struct stat status = {};
         ::stat(path_.c_str(), &status);
         for (;;) {
             std::ifstream locks("/proc/locks");

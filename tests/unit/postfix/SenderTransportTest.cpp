@@ -20,6 +20,12 @@ using namespace zorvo::mail::postfix;
 
 using Words = std::list<std::string>;
 
+TEST(RecordTest, BindsTheSendersOfADomainToAServiceWithoutANextHop)
+{
+    EXPECT_EQ(recordKey("one.example"), "@one.example");
+    EXPECT_EQ(recordValue("zorvo-192.0.2.1-"), "zorvo-192.0.2.1-:");
+}
+
 TEST(SenderTransportTest, PrefixAndTableAreFixed)
 {
     EXPECT_STREQ("zorvo-", generatedPrefix);

@@ -318,7 +318,7 @@ TEST(PrintStatusTest, LineIsWholeWhenASignalInterruptsIt)
     ASSERT_EQ(0, ::pipe(announcements));
     const pid_t child = support::forkChild([&] {
         announcing = announcements[1];
-        struct sigaction action {};
+        struct sigaction action = {};
         action.sa_handler = [](int) { (void)!::write(announcing, "s", 1); };
         ::sigaction(SIGUSR1, &action, nullptr);
         ::close(output.ends[0]);

@@ -106,7 +106,7 @@ void spill(const std::string& path, const std::string& text)
 
 std::string seen(const std::string& path)
 {
-    struct stat status {};
+    struct stat status = {};
     if (::lstat(path.c_str(), &status) != 0)
         return "absent";
     return std::to_string(status.st_mode & 07777U) + ' ' + slurp(path);

@@ -135,8 +135,8 @@ protected:
 private:
     std::map<int, std::string> fds_;
     Signals signals_;
-    struct sigaction child_ {};
-    struct sigaction pipe_ {};
+    struct sigaction child_ = {};
+    struct sigaction pipe_ = {};
 };
 
 /// Raw wait statuses of all processes of a pipe that has run.
@@ -1663,11 +1663,9 @@ TEST_F(PipeTest, LaunchAllReplacesALaunchWhenItsTurnComes)
     };
     Process second("true");
     second.childHook = [] { throw std::runtime_error("out of luck"); };
-    EXPECT_EQ(
-        thrownBy([&] {
-            launchAll({first, second, Process("true")}, kInheritFd, kDevNullFd, catcher, launches, statuses);
-        }),
-        "std::runtime_error: out of luck");
+    const std::vector<Process> processes = {first, second, Process("true")};
+    EXPECT_EQ(thrownBy([&] { launchAll(processes, kInheritFd, kDevNullFd, catcher, launches, statuses); }),
+              "std::runtime_error: out of luck");
     EXPECT_THAT(seen, ElementsAre(before[1], before[2]));
     EXPECT_EQ(launches[2].get(), before[2]);
     EXPECT_TRUE(hasNoChildren()); // Only what was started here was ended.

@@ -75,7 +75,7 @@ class ProcessSetCatcherTest : public testing::Test {
 protected:
     ProcessSetCatcherTest() : fds_(openFds())
     {
-        struct sigaction action {};
+        struct sigaction action = {};
         action.sa_handler = ownHandler;
         action.sa_flags = SA_RESTART;
         sigaddset(&action.sa_mask, SIGUSR2);
@@ -99,7 +99,7 @@ protected:
 
 private:
     std::map<int, std::string> fds_;
-    struct sigaction old_ {};
+    struct sigaction old_ = {};
     std::optional<SigBlocker> blocker_;
 };
 

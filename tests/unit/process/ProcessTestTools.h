@@ -159,7 +159,7 @@ inline bool isBlocked(int signal)
 /// The current disposition of a signal.
 inline struct sigaction dispositionOf(int signal)
 {
-    struct sigaction action {};
+    struct sigaction action = {};
     ::sigaction(signal, nullptr, &action);
     return action;
 }

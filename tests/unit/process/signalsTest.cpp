@@ -83,7 +83,7 @@ TEST(SigBlockerTest, ScopesNest)
 TEST(SigBlockerTest, SignalIsDeliveredAfterTheScope)
 {
     inOwnProcess([] {
-        struct sigaction action {};
+        struct sigaction action = {};
         action.sa_handler = receive;
         ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
         {
@@ -401,7 +401,7 @@ TEST(LaunchSignalsTest, AdaptedProcessCanLaunchAndALostReaderDoesNotKill)
 TEST(LaunchSignalsTest, WholeDispositionsArePutBack)
 {
     inOwnProcess([] {
-        struct sigaction action {};
+        struct sigaction action = {};
         action.sa_handler = receive;
         action.sa_flags = SA_RESTART;
         sigaddset(&action.sa_mask, SIGUSR2);
