@@ -9,6 +9,8 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/../../.." && pwd)
 cd "$project"
 # shellcheck disable=SC2034 # for the tests
 program=${1:-}
+# shellcheck disable=SC2034
+check_program=${program%/*}/zorvo-smtp-check
 sandbox=$project/scripts/sandbox
 
 [[ $(id -u) -eq 0 ]] || {
