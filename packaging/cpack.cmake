@@ -32,7 +32,8 @@ Chooses the addresses that a Postfix mail server sends from: one pair for the
 whole server, one pair per sending domain, or one pair and a HELO name per
 sending domain. It changes main.cf, master.cf and one lookup table of Postfix
 and restarts it through the service script of the hosting panel, or that of
-the package zorvo-smtp-bind-standalone.")
+the package zorvo-smtp-bind-standalone. zorvo-smtp-check tells whether mail
+really leaves from these addresses, and why not.")
 set(CPACK_DEBIAN_BIND_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
                                             ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)
 

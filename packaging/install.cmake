@@ -1,23 +1,27 @@
 # What `cmake --install` and the Debian package put where. Two components:
-#   runtime      the program and its companions, at the paths that the panel, man(1), bash and systemd look at
+#   runtime      the programs and their companions, at the paths that the panel, man(1), bash and systemd look at
 #   development  the static libraries with their headers and the CMake package zorvo-mail, below the prefix
 # Included by the root CMakeLists.txt.
 include(CMakePackageConfigHelpers)
 
-# The panel starts the program at this very path, so it does not follow CMAKE_INSTALL_PREFIX; DESTDIR moves it.
-install(TARGETS zorvo-smtp-bind RUNTIME DESTINATION /usr/local/maru/admin/sbin COMPONENT runtime)
+# The panel starts zorvo-smtp-bind at this very path, so it does not follow CMAKE_INSTALL_PREFIX; DESTDIR moves it.
+# zorvo-smtp-check stands beside it.
+install(TARGETS zorvo-smtp-bind zorvo-smtp-check RUNTIME DESTINATION /usr/local/maru/admin/sbin COMPONENT runtime)
 
-# The manual page carries the version, and is stored as man(1) and Debian keep all pages.
-set(manual ${PROJECT_BINARY_DIR}/docs/zorvo-smtp-bind.8)
-configure_file(docs/zorvo-smtp-bind.8.in ${manual} @ONLY)
+# The manual pages carry the version, and are stored as man(1) and Debian keep all pages.
 find_program(GZIP gzip REQUIRED)
-add_custom_command(OUTPUT ${manual}.gz
-                   COMMAND ${GZIP} -9 --no-name --force --keep ${manual}
-                   DEPENDS ${manual} VERBATIM)
-add_custom_target(manual ALL DEPENDS ${manual}.gz)
-install(FILES ${manual}.gz DESTINATION /usr/share/man/man8 COMPONENT runtime)
+foreach(program zorvo-smtp-bind zorvo-smtp-check)
+    set(manual ${PROJECT_BINARY_DIR}/docs/${program}.8)
+    configure_file(docs/${program}.8.in ${manual} @ONLY)
+    add_custom_command(OUTPUT ${manual}.gz
+                       COMMAND ${GZIP} -9 --no-name --force --keep ${manual}
+                       DEPENDS ${manual} VERBATIM)
+    list(APPEND manuals ${manual}.gz)
+endforeach()
+add_custom_target(manual ALL DEPENDS ${manuals})
+install(FILES ${manuals} DESTINATION /usr/share/man/man8 COMPONENT runtime)
 
-install(FILES packaging/completion/zorvo-smtp-bind
+install(FILES packaging/completion/zorvo-smtp-bind packaging/completion/zorvo-smtp-check
         DESTINATION /usr/share/bash-completion/completions COMPONENT runtime)
 install(FILES packaging/tmpfiles.d/zorvo-smtp-bind.conf DESTINATION /usr/lib/tmpfiles.d COMPONENT runtime)
 
