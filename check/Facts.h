@@ -2,15 +2,18 @@
 #pragma once
 
 #include "app/request.h"
+#include "check/Address.h"
 #include "postfix/ModuleInfo.h"
 #include "postfix/PostconfReader.h"
 
+#include <chrono>
 #include <ctime>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace zorvo::check {
@@ -70,6 +73,34 @@ struct PostfixFacts {
     std::optional<bool> running;     ///< Nothing: not known, for lack of rights.
     std::optional<timespec> started; ///< When Postfix read its files last; nothing: not known.
     std::vector<FileTime> files;
+};
+
+/// What the DNS, or /etc/hosts before it, answered to one question.
+struct DnsAnswer {
+    enum class State {
+        Found,
+        NotThere, ///< The name does not exist, or has no record of this type.
+        NotKnown  ///< No server, no answer in time, or a server that could not tell.
+    };
+    State state = State::NotKnown;
+    std::vector<std::string> values;     ///< The records; written by strangers.
+    bool fromHostsFile = false;          ///< Found in /etc/hosts, which receivers do not read.
+    std::chrono::milliseconds waited{0}; ///< How long it took.
+};
+
+enum class SpfResult { Pass, Fail, Softfail, Neutral, None, Temperror, Permerror };
+
+/// What receivers make of a domain's mail from one address (RFC 7208, 2.6).
+struct SpfVerdict {
+    SpfResult result = SpfResult::Temperror;
+    std::string reason; ///< Of Permerror; with text that strangers wrote.
+};
+
+/// Addresses are written as inet_ntop(3) does, names in lower case.
+struct DnsFacts {
+    std::map<std::string, DnsAnswer> names;                        ///< Of an address, by PTR records.
+    std::map<std::pair<Family, std::string>, DnsAnswer> addresses; ///< Of a name, in one family.
+    std::map<std::pair<std::string, std::string>, SpfVerdict> spf; ///< By domain and address.
 };
 
 } // namespace zorvo::check

@@ -191,6 +191,49 @@ const std::vector<KindInfo> postfixKinds = {
      "Set \"smtp_bind_address_enforce = yes\" in main.cf if such mail shall wait in the queue instead."},
 };
 
+const std::vector<KindInfo> dnsKinds = {
+    {Kind::PtrMissing, "ptr-missing", Gravity::Problem,
+     "Many receivers refuse mail from an address that has no name in the DNS.",
+     "Have whoever runs the address's network enter a PTR record with the name of this host."},
+    {Kind::PtrNotLeadingBack, "ptr-not-leading-back", Gravity::Problem,
+     "Many receivers refuse mail from an address whose name in the DNS does not lead back to it.",
+     "Give a name of the PTR record an A or AAAA record with the address, or have the PTR record name one "
+     "that has it."},
+    {Kind::HeloWithoutAddress, "helo-without-address", Gravity::Problem,
+     "Many receivers refuse mail with a HELO name that has no address in the DNS.",
+     "Give the HELO name an A or AAAA record with the address."},
+    {Kind::HeloLeadsElsewhere, "helo-leads-elsewhere", Gravity::Problem,
+     "Receivers see mail from another address than the HELO name leads to, and some refuse it or take it for "
+     "spam.",
+     "Give the HELO name an A or AAAA record with the address as well."},
+    {Kind::SpfFail, "spf-fail", Gravity::Problem,
+     "The domain's SPF record forbids mail from the address, and receivers refuse it.",
+     "Add the address to the domain's SPF record."},
+    {Kind::SpfSoftfail, "spf-softfail", Gravity::Problem,
+     "The domain's SPF record says that mail from the address is likely forged, and many receivers take it "
+     "for spam.",
+     "Add the address to the domain's SPF record."},
+    {Kind::SpfUnusable, "spf-unusable", Gravity::Problem,
+     "The domain's SPF record has an error, and some receivers refuse mail because of it.",
+     "Correct the domain's SPF record."},
+    {Kind::SpfNeutral, "spf-neutral", Gravity::Warning,
+     "The domain's SPF record does not tell whether mail may come from the address, which protects nothing.",
+     "Add the address to the domain's SPF record."},
+    {Kind::SpfMissing, "spf-missing", Gravity::Warning,
+     "The domain has no SPF record, and some receivers take its mail for spam.",
+     "Give the domain a TXT record that begins with \"v=spf1\" and names its addresses."},
+    {Kind::PtrNotKnown, "ptr-not-known", Gravity::Warning,
+     "The DNS did not answer, so whether the address has a name that leads back to it is not known.",
+     "Try again, and look at the servers in /etc/resolv.conf and at those of the zone."},
+    {Kind::HeloNotKnown, "helo-not-known", Gravity::Warning,
+     "The DNS did not answer, so whether the HELO name leads to the address is not known.",
+     "Try again, and look at the servers in /etc/resolv.conf and at those of the zone."},
+    {Kind::SpfNotKnown, "spf-not-known", Gravity::Warning,
+     "The DNS did not answer, so whether the domain's SPF record allows the address is not known.",
+     "Try again, and look at the servers in /etc/resolv.conf and at those of the zones that the record "
+     "names."},
+};
+
 } // namespace
 
 const std::vector<KindInfo>& findingKinds()
@@ -199,6 +242,7 @@ const std::vector<KindInfo>& findingKinds()
         std::vector<KindInfo> kinds = requestKinds;
         kinds.insert(kinds.end(), hostKinds.begin(), hostKinds.end());
         kinds.insert(kinds.end(), postfixKinds.begin(), postfixKinds.end());
+        kinds.insert(kinds.end(), dnsKinds.begin(), dnsKinds.end());
         return kinds;
     }();
     return all;

@@ -13,7 +13,7 @@ namespace zorvo::check {
 /// The gravest first.
 enum class Gravity {
     Severe,  ///< All mail, all bindings, or every later run.
-    Problem, ///< Mail of some domains leaves from elsewhere than asked for, or not at all.
+    Problem, ///< Mail of some domains leaves from elsewhere than asked for, or not at all, or is refused.
     Warning  ///< Where mail leaves from is not touched.
 };
 
@@ -73,7 +73,20 @@ enum class Kind {
     ServiceLeftOver,
     ServiceInBothFiles,
     EarlierTableNotKnown,
-    EnforceOff
+    EnforceOff,
+    // the DNS
+    PtrMissing,
+    PtrNotLeadingBack,
+    HeloWithoutAddress,
+    HeloLeadsElsewhere,
+    SpfFail,
+    SpfSoftfail,
+    SpfUnusable,
+    SpfNeutral,
+    SpfMissing,
+    PtrNotKnown,
+    HeloNotKnown,
+    SpfNotKnown
 };
 
 struct KindInfo {

@@ -1,10 +1,14 @@
 #include "check/do_check.h"
 
 #include "app/request.h"
+#include "check/ProgressLine.h"
+#include "check/checkDns.h"
 #include "check/checkHost.h"
 #include "check/checkPostfix.h"
 #include "check/checkRequest.h"
 #include "check/gather.h"
+#include "check/gatherDns.h"
+#include "check/privileges.h"
 #include "check/report.h"
 #include "check/routes.h"
 
@@ -35,6 +39,7 @@ po::options_description describeOptions()
     add("ip4-addr,4", po::value<std::string>()->default_value("", ""), "IPv4 address, for explicit-ip");
     add("ip6-addr,6", po::value<std::string>()->default_value("", ""), "IPv6 address, for explicit-ip");
     add("request-only", "Look at the request alone");
+    add("dns", "Look as well whether the DNS lets receivers believe the addresses and names");
     add("json", "Print a JSON document");
     add("help,h", "Show this text");
     return description;
@@ -118,6 +123,21 @@ Report reportOnHost(const std::optional<Request>& request)
     return report;
 }
 
+/// Adds what receivers find in the DNS. From here on the process reads what strangers wrote, so nothing that
+/// needs root can follow.
+void addDns(Report& report)
+{
+    giveUpPrivileges();
+    ProgressLine line(std::cerr);
+    Resolver::Progress progress;
+    if (::isatty(STDERR_FILENO) == 1)
+        progress = [&line](size_t answered, size_t asked, auto elapsed) {
+            line.show(answered, asked, elapsed);
+        };
+    Findings more = checkDns(report.routes, gatherDns(report.routes, progress));
+    std::move(more.begin(), more.end(), std::back_inserter(report.findings));
+}
+
 void requireWritten()
 {
     if (!std::cout.flush())
@@ -148,9 +168,11 @@ int do_check(int argc, char* argv[])
         return 0;
     }
     const std::optional<Request> request = requestOf(options);
-    const Report report = options.count("request-only") != 0
-                              ? Report{plannedRoutes(*request), checkRequest(*request)}
-                              : reportOnHost(request);
+    Report report = options.count("request-only") != 0
+                        ? Report{plannedRoutes(*request), checkRequest(*request)}
+                        : reportOnHost(request);
+    if (options.count("dns") != 0)
+        addDns(report);
     if (options.count("json") != 0)
         writeJson(std::cout, report);
     else

@@ -14,7 +14,7 @@ TEST(FindingKindsTest, EachStandsAtItsPlaceAndTheLastOneIsThere)
     const auto& kinds = findingKinds();
     for (size_t i = 0; i < kinds.size(); ++i)
         EXPECT_EQ(static_cast<size_t>(kinds[i].kind), i) << kinds[i].identifier;
-    EXPECT_EQ(kinds.back().kind, Kind::EnforceOff);
+    EXPECT_EQ(kinds.back().kind, Kind::SpfNotKnown);
 }
 
 TEST(FindingKindsTest, IdentifiersAreWordsInLowerCaseAndDiffer)

@@ -1,6 +1,7 @@
 // zorvo-smtp-check as a program: options, both streams, exit status. Postfix is that of the sandbox, which
 // has a main.cf that names the table, no table, and does not run.
 #include "support/Child.h"
+#include "unit/check/NameServer.h"
 
 #include <gtest/gtest.h>
 
@@ -79,6 +80,66 @@ TEST(CheckProgramTest, FaultyRequestIsOneProblem)
               "  Name one of the host's addresses.\n"
               "\n"
               "1 problem\n");
+}
+
+TEST(CheckProgramTest, WhatTheDnsLacksIsToldWithDns)
+{
+    if (!support::canMount())
+        GTEST_SKIP() << "no mounts here";
+    const zorvo::check::ResolverFiles files("nameserver 127.0.0.53\n", "");
+    const zorvo::check::NameServer server({"local=/example/", "host-record=one.example,192.0.2.3",
+                                           "ptr-record=2.2.0.192.in-addr.arpa,elsewhere.example",
+                                           "txt-record=one.example,\"v=spf1 \\e[31m -all\""});
+    const auto result =
+        check({"-t", "domain-name", "--request-only", "--dns"},
+              R"({"domains": [{"domain": "one.example", "ip4_addr": "192.0.2.2", "ip6_addr": ""}]})");
+    EXPECT_TRUE(result.exitedWith(1));
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(
+        result.out,
+        "domain       service                       IPv4       IPv6  HELO name    verdict\n"
+        "one.example  zorvo-one.example-192.0.2.2-  192.0.2.2  -     one.example  ptr-not-leading-back +2\n"
+        "\n"
+        "problem: ptr-not-leading-back\n"
+        "    one.example: IPv4 192.0.2.2, names elsewhere.example\n"
+        "  Many receivers refuse mail from an address whose name in the DNS does not lead back to it.\n"
+        "  Give a name of the PTR record an A or AAAA record with the address, or have the PTR record name "
+        "one "
+        "that has it.\n"
+        "\n"
+        "problem: helo-leads-elsewhere\n"
+        "    one.example: IPv4 192.0.2.2, HELO name one.example, leads to 192.0.2.3\n"
+        "  Receivers see mail from another address than the HELO name leads to, and some refuse it or take "
+        "it for "
+        "spam.\n"
+        "  Give the HELO name an A or AAAA record with the address as well.\n"
+        "\n"
+        "problem: spf-unusable\n"
+        "    one.example: IPv4 192.0.2.2, because of \"Invalid character at start of mechanism near "
+        "'\\x1b[31m -all'\"\n"
+        "  The domain's SPF record has an error, and some receivers refuse mail because of it.\n"
+        "  Correct the domain's SPF record.\n"
+        "\n"
+        "3 problems\n");
+}
+
+// With no other user to become, it must not get as far as the first question.
+TEST(CheckProgramTest, RootIsGivenUpBeforeTheDnsIsAsked)
+{
+    if (!support::canMount())
+        GTEST_SKIP() << "no mounts here";
+    const zorvo::check::ResolverFiles files("nameserver 127.0.0.53\n", "");
+    const zorvo::check::NameServer server({"local=/example/"});
+    const support::ScratchDir scratch;
+    support::writeFile(scratch.file("passwd"), "");
+    support::writeFile(scratch.file("nsswitch.conf"), "passwd: files\n");
+    const support::ScopedMount passwd(scratch.file("passwd"), "/etc/passwd", nullptr, MS_BIND);
+    const support::ScopedMount nsswitch(scratch.file("nsswitch.conf"), "/etc/nsswitch.conf", nullptr,
+                                        MS_BIND);
+    expectRefused(
+        check({"-t", "domain-name", "--request-only", "--dns"}, oneDomain),
+        "Fatal error: std::runtime_error(cannot give up privileges: there is no user \"nobody\")\n");
+    EXPECT_TRUE(server.queries().empty());
 }
 
 TEST(CheckProgramTest, JsonIsADocument)
@@ -163,6 +224,8 @@ TEST(CheckProgramTest, HelpIsTheOptionsOnStandardOutput)
                           "  -4 [ --ip4-addr ] arg       IPv4 address, for explicit-ip\n"
                           "  -6 [ --ip6-addr ] arg       IPv6 address, for explicit-ip\n"
                           "  --request-only              Look at the request alone\n"
+                          "  --dns                       Look as well whether the DNS lets receivers \n"
+                          "                              believe the addresses and names\n"
                           "  --json                      Print a JSON document\n"
                           "  -h [ --help ]               Show this text\n");
 }
