@@ -36,7 +36,7 @@ BaseSenderTransport::BaseSenderTransport(const std::string& ownName, const std::
                                          const std::string& ip6Address)
     : ip4(ip4Address), ip6(ip6Address)
 {
-    name = serviceNamePart(generatedPrefix + ownName);
+    name = nameOf(ownName);
     type = ModuleType::Unix;
     command.emplace_back("smtp");
     addOption(std::string(bindAddressParameter) + "=" + ip4);
@@ -44,6 +44,11 @@ BaseSenderTransport::BaseSenderTransport(const std::string& ownName, const std::
     addOption(std::string("smtp_address_preference=") + addressPreference(ip4, ip6));
     if (ip4.empty() != ip6.empty())
         addOption(ip6.empty() ? "inet_protocols=ipv4" : "inet_protocols=ipv6");
+}
+
+std::string BaseSenderTransport::nameOf(const std::string& ownName)
+{
+    return serviceNamePart(generatedPrefix + ownName);
 }
 
 void BaseSenderTransport::addOption(const std::string& setting)
@@ -61,7 +66,7 @@ IpSenderTransport::IpSenderTransport(const std::string&, const std::string& ip4A
 bool IpSenderTransport::sameTransport(const std::string& serviceName) const
 {
     if (!ip4.empty())
-        return boost::algorithm::starts_with(serviceName, serviceNamePart(generatedPrefix + ip4 + "-"));
+        return boost::algorithm::starts_with(serviceName, nameOf(ip4 + "-"));
     if (!ip6.empty())
         return boost::algorithm::ends_with(serviceName, serviceNamePart("-" + ip6));
     throw SystemError("failed to check transport match if domain name not specified", 0);
@@ -71,7 +76,7 @@ DomainSenderTransport::DomainSenderTransport(const std::string& domainName, cons
                                              const std::string& ip6Address)
     : BaseSenderTransport(domainName + "-" + ip4Address + "-" + ip6Address, ip4Address, ip6Address),
       domain(boost::algorithm::to_lower_copy(domainName)),
-      namePrefix_(serviceNamePart(generatedPrefix + domainName))
+      namePrefix_(nameOf(domainName))
 {
     addOption("smtp_helo_name=" + domain);
 }

@@ -4,8 +4,10 @@
 // A kind of service is a class that
 //   - derives from BaseSenderTransport, whose constructor forms the service and gives it a name that every
 //     run recognises and removes;
-//   - can be made from (domain, ip4, ip6);
-//   - has `bool ownsService(const std::string& serviceName) const`, which tells its services from others.
+//   - can be made from (domain, ip4, ip6): the domain in lower case where the caller made it so, and at least
+//     one address where a service is bound;
+//   - has `bool ownsService(const std::string& serviceName) const`, which tells by the name whether a service
+//     is this transport's. Only removeSenderTransport() asks; a run removes by generatedPrefix.
 // SenderTransportManager works with any such class, and app/do_main.cpp offers it to the user.
 // Nothing is validated: addresses and names go into the service as they are.
 #pragma once
@@ -46,11 +48,16 @@ public:
     std::string ip6;
 
 protected:
-    /// The service's name is generatedPrefix and `ownName`, through serviceNamePart().
+    /// The service's name is nameOf(ownName). `ownName` holds all that tells two services of a kind apart,
+    /// the addresses included.
     BaseSenderTransport(const std::string& ownName, const std::string& ip4Address,
                         const std::string& ip6Address);
 
-    /// Adds "-o setting" to the command.
+    /// generatedPrefix and `ownName`, through serviceNamePart(). Of the beginning of a name it gives the
+    /// beginning.
+    static std::string nameOf(const std::string& ownName);
+
+    /// Adds "-o setting" to the command, after what the constructor put there.
     void addOption(const std::string& setting);
 };
 

@@ -68,7 +68,7 @@ asked_for() {
     sed -n "s/^$install //p" <<<"$calls"
 }
 sorted() { printf '%s\n' "$@" | sort | xargs; }
-build=(cmake g++ libboost-dev libboost-program-options-dev libssl-dev ninja-build nlohmann-json3-dev)
+build=(cmake g++ libboost-dev libboost-program-options-dev libc-ares-dev libspf2-dev libssl-dev ninja-build nlohmann-json3-dev)
 assert_equal "demo" "$(sorted "${build[@]}" iproute2 postfix util-linux)" "$(asked_for demo)"
 assert_equal "package" "$(sorted "${build[@]}" dpkg-dev file lintian)" "$(asked_for package)"
 assert_equal "documentation" "doxygen man-db mandoc" "$(asked_for documentation)"

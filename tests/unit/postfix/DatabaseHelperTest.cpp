@@ -842,10 +842,14 @@ TEST_F(DatabaseHelperPostfixTest, RemovingFromAMissingTableIsTheToolsError)
 
 TEST_F(DatabaseHelperPostfixTest, UnsupportedTypeIsTheToolsError)
 {
-    EXPECT_EQ("postmap: fatal: unsupported dictionary type: nosuchtype. Is the postfix-nosuchtype package "
-              "installed?\n",
-              exactMessageOf<PostfixConfigurationError>(
-                  [this] { DatabaseHelper::addRecord("nosuchtype:" + source_, "k", "v"); }));
+    // Version 3.7 says it in one line, 3.10 in two.
+    const std::string reason =
+        "unsupported dictionary type: nosuchtype. Is the postfix-nosuchtype package installed?\n";
+    const auto add = [this] { DatabaseHelper::addRecord("nosuchtype:" + source_, "k", "v"); };
+    EXPECT_THAT(
+        exactMessageOf<PostfixConfigurationError>(add),
+        testing::AnyOf("postmap: fatal: " + reason,
+                       "postmap: warning: " + reason + "postmap: fatal: unsupported map type: nosuchtype\n"));
 }
 
 } // namespace
