@@ -29,15 +29,14 @@ using faults::FailingCall;
 using faults::Who;
 using support::hasNoChildren;
 using support::openFds;
+using support::ownSignals;
 using support::ScratchDir;
+using support::Signals;
+using support::signalsIn;
 using testing::ElementsAre;
-using tools::bit;
 using tools::childSystemError;
 using tools::dispositionOf;
 using tools::inOwnProcess;
-using tools::ownSignals;
-using tools::Signals;
-using tools::signalsIn;
 using tools::systemError;
 using tools::thrownBy;
 using zorvo::process::collectOutput;
@@ -1317,7 +1316,7 @@ static std::vector<std::string> labelsOf(Call call, int error)
             return happened ? 0 : 1;
         });
         ::close(ends[1]);
-        const std::string label = tools::readAll(ends[0]);
+        const std::string label = support::readAll(ends[0]);
         ::close(ends[0]);
         const int status = support::waitFor(child);
         if (status == exited(1))
@@ -1612,7 +1611,7 @@ TEST_F(PipeTest, LaunchAllStartsRegistersAndUnblocks)
         EXPECT_TRUE(launches[1]->stdoutPipe().isOpen());
         ASSERT_EQ(::write(launches[0]->stdinPipe().get(), "text", 4), 4);
         launches[0]->stdinPipe().close_nothrow();
-        EXPECT_EQ(tools::readAll(launches[1]->stdoutPipe().get()), "text");
+        EXPECT_EQ(support::readAll(launches[1]->stdoutPipe().get()), "text");
         while (catcher.finishedCount() < 2) {
             fd_set readable;
             FD_ZERO(&readable);

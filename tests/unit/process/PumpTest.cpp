@@ -107,7 +107,7 @@ TEST_F(PumpTest, InputIsWrittenWholeAndClosed)
     pump_.run(catcher_);
     EXPECT_FALSE(pipe.writeEnd.isOpen());
     EXPECT_FALSE(pump_.inputRefused());
-    EXPECT_EQ(tools::readAll(pipe.readEnd.get()), "input");
+    EXPECT_EQ(support::readAll(pipe.readEnd.get()), "input");
 }
 
 TEST_F(PumpTest, EmptySourceClosesTheInputAtOnce)

@@ -4,6 +4,7 @@
 
 #include "common/zorvo_log.h"
 #include "support/Capture.h"
+#include "support/Mounts.h"
 #include "support/OpenFds.h"
 #include "support/ScratchDir.h"
 #include "unit/process/FailingCall.h"
@@ -137,8 +138,8 @@ Waiting named(const char* name)
 void withMadeUpProc(const std::function<void()>& body)
 {
     inOwnProcess([&body] {
-        ASSERT_TRUE(tools::makeMountsPrivate());
-        tools::mountEmpty("/proc");
+        ASSERT_TRUE(support::makeMountsPrivate());
+        ASSERT_TRUE(support::mountEmpty("/proc"));
         body();
     });
 }
@@ -179,7 +180,7 @@ class IterateMadeUpProcessesTest : public IterateProcessesTest {
 protected:
     void SetUp() override
     {
-        if (!tools::mountsCanBePrivate())
+        if (!support::canMount())
             GTEST_SKIP() << "no private mounts here";
     }
 };
