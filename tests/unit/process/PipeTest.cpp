@@ -17,7 +17,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -113,9 +112,9 @@ struct LongReceiver {
 };
 
 /// Whatever a run does, it leaves no child and no descriptor, and signals as they were.
-class PipeTest : public testing::Test {
+class PipeTest : public tools::NothingLeftTest {
 protected:
-    PipeTest() : fds_(openFds()), signals_(ownSignals())
+    PipeTest() : signals_(ownSignals())
     {
         child_ = dispositionOf(SIGCHLD);
         pipe_ = dispositionOf(SIGPIPE);
@@ -124,15 +123,13 @@ protected:
 
     void checkNothingIsLeft() const
     {
-        EXPECT_TRUE(hasNoChildren());
-        EXPECT_EQ(openFds(), fds_);
+        NothingLeftTest::checkNothingIsLeft();
         EXPECT_EQ(ownSignals(), signals_);
         EXPECT_EQ(dispositionOf(SIGCHLD).sa_handler, child_.sa_handler);
         EXPECT_EQ(dispositionOf(SIGPIPE).sa_handler, pipe_.sa_handler);
     }
 
 private:
-    std::map<int, std::string> fds_;
     Signals signals_;
     struct sigaction child_ = {};
     struct sigaction pipe_ = {};

@@ -5,6 +5,7 @@
 #include "common/SystemError.h"
 #include "process/signals.h"
 #include "support/Child.h"
+#include "support/OpenFds.h"
 #include "support/SignalStates.h"
 
 #include <cxxabi.h>
@@ -17,6 +18,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <functional>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -131,6 +133,22 @@ inline struct sigaction dispositionOf(int signal)
     ::sigaction(signal, nullptr, &action);
     return action;
 }
+
+/// After each test no child and no descriptor may be left.
+class NothingLeftTest : public testing::Test {
+protected:
+    NothingLeftTest() : fds_(support::openFds()) {}
+    ~NothingLeftTest() override { checkNothingIsLeft(); }
+
+    void checkNothingIsLeft() const
+    {
+        EXPECT_TRUE(support::hasNoChildren());
+        EXPECT_EQ(support::openFds(), fds_);
+    }
+
+private:
+    std::map<int, std::string> fds_;
+};
 
 /// Waits until `child` has ended; it stays to be reaped.
 inline void waitUntilEnded(pid_t child)

@@ -43,13 +43,13 @@ using support::runInChild;
 using support::ScratchDir;
 using testing::ElementsAre;
 using tools::closeAllButStandard;
-using tools::ExecTest;
 using tools::inOwnProcess;
+using tools::NothingLeftTest;
 using tools::openNumbers;
 
 namespace {
 
-class ClosefromTest : public ExecTest {};
+class ClosefromTest : public NothingLeftTest {};
 
 } // namespace
 

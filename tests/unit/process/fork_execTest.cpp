@@ -46,8 +46,8 @@ using support::Signals;
 using support::signalsIn;
 using tools::Arguments;
 using tools::end;
-using tools::ExecTest;
 using tools::inOwnProcess;
+using tools::NothingLeftTest;
 using tools::numbers;
 using tools::openNumbers;
 using tools::script;
@@ -97,16 +97,16 @@ void endStoppedChild(pid_t child)
     support::waitFor(child);
 }
 
-class ForkExecWaitpidTest : public ExecTest {};
-class ForkExecvPipesTest : public ExecTest {};
-class ForkExecvGetouterrTest : public ExecTest {};
-class ForkExecvGetoutTest : public ExecTest {};
-class ForkExecvLogTest : public ExecTest {};
-class ForkExecvFdTest : public ExecTest {};
-class ForkExecvTest : public ExecTest {};
-class ReadToBufTest : public ExecTest {};
-class DoExecTest : public ExecTest {};
-class PrepareFdsToExecTest : public ExecTest {};
+class ForkExecWaitpidTest : public NothingLeftTest {};
+class ForkExecvPipesTest : public NothingLeftTest {};
+class ForkExecvGetouterrTest : public NothingLeftTest {};
+class ForkExecvGetoutTest : public NothingLeftTest {};
+class ForkExecvLogTest : public NothingLeftTest {};
+class ForkExecvFdTest : public NothingLeftTest {};
+class ForkExecvTest : public NothingLeftTest {};
+class ReadToBufTest : public NothingLeftTest {};
+class DoExecTest : public NothingLeftTest {};
+class PrepareFdsToExecTest : public NothingLeftTest {};
 
 } // namespace
 

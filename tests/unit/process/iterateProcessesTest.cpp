@@ -5,7 +5,6 @@
 #include "common/zorvo_log.h"
 #include "support/Capture.h"
 #include "support/Mounts.h"
-#include "support/OpenFds.h"
 #include "support/ScratchDir.h"
 #include "unit/process/FailingCall.h"
 #include "unit/process/ProcessTestTools.h"
@@ -28,7 +27,6 @@
 using faults::Call;
 using faults::FailingCall;
 using support::forkChild;
-using support::openFds;
 using support::ScratchDir;
 using support::waitFor;
 using support::writeFile;
@@ -163,18 +161,7 @@ void makeUp(int pid, const std::string& name, int parent)
     std::filesystem::create_symlink("/usr/bin/" + name, directory + "/exe");
 }
 
-class IterateProcessesTest : public testing::Test {
-protected:
-    IterateProcessesTest() : fds_(openFds()) {}
-    ~IterateProcessesTest() override
-    {
-        EXPECT_TRUE(support::hasNoChildren());
-        EXPECT_EQ(openFds(), fds_);
-    }
-
-private:
-    std::map<int, std::string> fds_;
-};
+class IterateProcessesTest : public tools::NothingLeftTest {};
 
 class IterateMadeUpProcessesTest : public IterateProcessesTest {
 protected:

@@ -45,8 +45,8 @@ using support::Signals;
 using support::signalsIn;
 using tools::Arguments;
 using tools::end;
-using tools::ExecTest;
 using tools::inOwnProcess;
+using tools::NothingLeftTest;
 using tools::numbers;
 using tools::see;
 using tools::Seen;
@@ -55,9 +55,9 @@ using tools::taken;
 
 namespace {
 
-class PathExecTest : public ExecTest {};
-class UtilExecTest : public ExecTest {};
-class PopenExecTest : public ExecTest {};
+class PathExecTest : public NothingLeftTest {};
+class UtilExecTest : public NothingLeftTest {};
+class PopenExecTest : public NothingLeftTest {};
 
 } // namespace
 
