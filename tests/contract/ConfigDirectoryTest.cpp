@@ -156,10 +156,10 @@ TEST_F(ConfigDirectoryTest, EmptySecondAnswerWithAFatalMessageIsReported)
 // main.cf is postconf's alone.
 TEST_F(ConfigDirectoryTest, MainCfIsNeverTouched)
 {
-    writeWhole("/etc/postfix/main.cf", "smtp_bind_address = 192.0.2.9\n");
+    writeWhole(mainCfPath, "smtp_bind_address = 192.0.2.9\n");
     const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     ASSERT_NE(watch, -1);
-    ASSERT_NE(inotify_add_watch(watch, "/etc/postfix/main.cf", IN_ALL_EVENTS), -1);
+    ASSERT_NE(inotify_add_watch(watch, mainCfPath, IN_ALL_EVENTS), -1);
     runExplicitIp();
     runDomainIp({{"one.example", "192.0.2.1", ""}});
     runDomainName({{"one.example", "192.0.2.1", ""}});
@@ -167,7 +167,7 @@ TEST_F(ConfigDirectoryTest, MainCfIsNeverTouched)
     EXPECT_EQ(read(watch, events, sizeof events), -1);
     EXPECT_EQ(errno, EAGAIN);
     close(watch);
-    EXPECT_EQ(readFile("/etc/postfix/main.cf"), "smtp_bind_address = 192.0.2.9\n");
+    EXPECT_EQ(readFile(mainCfPath), "smtp_bind_address = 192.0.2.9\n");
 }
 
 } // namespace contract

@@ -16,7 +16,7 @@ const char generated[] = "zorvo-192.0.2.1- unix - - n - - smtp -v\n";
 TEST_F(DisabledServicesTest, AbsentFileIsNotMade)
 {
     runDomainIp({{"one.example", "192.0.2.1", ""}});
-    EXPECT_EQ(listing("/var/spool/postfix/zorvo"), std::vector<std::string>());
+    EXPECT_EQ(listing(spoolDirectory), std::vector<std::string>());
 }
 
 TEST_F(DisabledServicesTest, EmptyFileIsIgnoredAndStaysAsItIs)

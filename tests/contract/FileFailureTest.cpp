@@ -1,11 +1,9 @@
 // Files that cannot be written: the table's source and master.cf.
 #include "Fixture.h"
 
-#include <cerrno>
-#include <cstring>
+#include "support/Mounts.h"
+
 #include <filesystem>
-#include <sys/mount.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -13,38 +11,10 @@ namespace contract {
 
 namespace {
 
-// A mount for the length of a scope.
-class Mount {
-public:
-    Mount(const char* source, const char* target, const char* type, unsigned long flags, const char* options)
-        : target_(target), error_(mount(source, target, type, flags, options) == 0 ? 0 : errno)
-    {
-    }
-    Mount(const Mount&) = delete;
-    Mount& operator=(const Mount&) = delete;
-    ~Mount()
-    {
-        if (error_ == 0)
-            umount2(target_, MNT_DETACH);
-    }
-
-    /// Makes a mount of a directory onto itself read-only.
-    void makeReadOnly() { mount("none", target_, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr); }
-
-    /// Only a machine without private namespaces refuses.
-    bool refused() const { return error_ == EPERM; }
-    int error() const { return error_; }
-
-private:
-    const char* target_;
-    int error_;
-};
-
-#define MOUNT_OR_SKIP(name, ...)                                                                             \
-    Mount name(__VA_ARGS__);                                                                                 \
-    if (name.refused())                                                                                      \
-        GTEST_SKIP() << "needs to mount: " << strerror(name.error());                                        \
-    ASSERT_EQ(name.error(), 0)
+// Some machines refuse a process mounts of its own.
+#define SKIP_WITHOUT_MOUNTS()                                                                                \
+    if (!canMount())                                                                                         \
+    GTEST_SKIP() << "no private mounts here"
 
 const char streamFailure[] = "std::__ios_failure(basic_ios::clear: iostream error)";
 
@@ -64,7 +34,7 @@ protected:
         const Outcome outcome = runDomainIp({{"one.example", "192.0.2.1", ""}});
         EXPECT_EQ(outcome.end, failure(description));
         EXPECT_EQ(outcome.commands(), commands);
-        EXPECT_EQ(listing("/etc/postfix"), std::vector<std::string>{"master.cf"});
+        EXPECT_EQ(listing(configDirectory), std::vector<std::string>{"master.cf"});
         EXPECT_EQ(masterCf(), generatedServices);
     }
 };
@@ -73,9 +43,9 @@ protected:
 
 TEST_F(FileFailureTest, MissingSpoolFolderStopsBeforeTheTable)
 {
-    fs::remove("/var/spool/postfix/zorvo");
+    fs::remove(spoolDirectory);
     expectStopped(streamFailure, wipeBefore(emptyTable));
-    EXPECT_FALSE(fs::exists("/var/spool/postfix/zorvo"));
+    EXPECT_FALSE(fs::exists(spoolDirectory));
 }
 
 TEST_F(FileFailureTest, TableSourceThatIsAFolderStopsBeforeTheTable)
@@ -86,29 +56,31 @@ TEST_F(FileFailureTest, TableSourceThatIsAFolderStopsBeforeTheTable)
 
 TEST_F(FileFailureTest, ReadOnlySpoolFolderStopsBeforeTheTable)
 {
-    MOUNT_OR_SKIP(spool, "/var/spool/postfix/zorvo", "/var/spool/postfix/zorvo", nullptr, MS_BIND, nullptr);
-    spool.makeReadOnly();
+    SKIP_WITHOUT_MOUNTS();
+    const ScopedMount readOnly(spoolDirectory, spoolDirectory, nullptr, MS_BIND | MS_RDONLY);
     expectStopped(streamFailure, wipeBefore(emptyTable));
 }
 
 TEST_F(FileFailureTest, ReadOnlyConfigurationFolderStopsBeforeMasterCfIsStored)
 {
-    MOUNT_OR_SKIP(configuration, "/etc/postfix", "/etc/postfix", nullptr, MS_BIND, nullptr);
-    configuration.makeReadOnly();
+    SKIP_WITHOUT_MOUNTS();
+    const ScopedMount readOnly(configDirectory, configDirectory, nullptr, MS_BIND | MS_RDONLY);
     expectStopped("zorvo::SystemError(mkstemp() failed: : Read-only file system)", afterWipe({}));
 }
 
 TEST_F(FileFailureTest, FullConfigurationFolderKeepsTheOldFileAndNoNewOne)
 {
-    MOUNT_OR_SKIP(configuration, "none", "/etc/postfix", "tmpfs", 0, "size=4k,mode=755");
+    SKIP_WITHOUT_MOUNTS();
+    const ScopedMount full("none", configDirectory, "tmpfs", 0, "size=4k,mode=755");
     writeMasterCf(generatedServices);
     expectStopped(streamFailure, afterWipe({}));
 }
 
 TEST_F(FileFailureTest, FailedRenameNamesBothFilesAndLeavesNoNewOne)
 {
+    SKIP_WITHOUT_MOUNTS();
     writeWhole("/run/sandbox/master.cf", generatedServices);
-    MOUNT_OR_SKIP(file, "/run/sandbox/master.cf", masterCfPath, nullptr, MS_BIND, nullptr);
+    const ScopedMount mounted("/run/sandbox/master.cf", masterCfPath, nullptr, MS_BIND);
     const Outcome outcome = runDomainIp({{"one.example", "192.0.2.1", ""}});
     EXPECT_THAT(
         outcome.end.err,
@@ -117,7 +89,7 @@ TEST_F(FileFailureTest, FailedRenameNamesBothFilesAndLeavesNoNewOne)
                               "resource busy \\[/etc/postfix/master.cf[A-Za-z0-9]{6}\\]\\)\n"));
     EXPECT_EQ(outcome.end, (End{failure("").waitStatus, outcome.end.err, outcome.end.err}));
     EXPECT_EQ(outcome.commands(), afterWipe({}));
-    EXPECT_EQ(listing("/etc/postfix"), std::vector<std::string>{"master.cf"});
+    EXPECT_EQ(listing(configDirectory), std::vector<std::string>{"master.cf"});
     EXPECT_EQ(masterCf(), generatedServices);
 }
 

@@ -1,5 +1,7 @@
 #include "Fixture.h"
 
+#include "support/Child.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -31,21 +33,6 @@ Result check(Result result, const char* what)
     if (result == Result(-1))
         throw std::system_error(errno, std::generic_category(), what);
     return result;
-}
-
-// Empties a directory that is there, makes one that is not.
-void emptyDirectory(const fs::path& path)
-{
-    fs::create_directories(path);
-    for (const auto& entry : fs::directory_iterator(path))
-        fs::remove_all(entry.path());
-}
-
-void installStandin(const fs::path& path)
-{
-    fs::create_directories(path.parent_path());
-    fs::remove(path);
-    fs::create_symlink(ZORVO_STANDIN, path);
 }
 
 // The queue manager that is running, or -1.
@@ -96,27 +83,6 @@ void awaitEnd(pid_t pid)
     close(process.fd);
 }
 
-// Children of this process, ended ones included.
-std::vector<pid_t> children()
-{
-    std::vector<pid_t> found;
-    for (const auto& entry : fs::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename();
-        if (name.find_first_not_of("0123456789") != std::string::npos)
-            continue;
-        std::string stat;
-        try {
-            stat = readFile(entry.path().string() + "/stat");
-        } catch (const std::runtime_error&) {
-            continue; // ended meanwhile
-        }
-        int parent = 0;
-        if (sscanf(stat.c_str() + stat.rfind(')'), ") %*c %d", &parent) == 1 && parent == getpid())
-            found.push_back(std::stoi(name));
-    }
-    return found;
-}
-
 std::vector<Call> allCalls()
 {
     std::vector<Call> calls;
@@ -152,7 +118,6 @@ void closeIfOpen(int& fd)
 
 } // namespace
 
-const Command askDefaultDirectory = {postconfPath, "-h", "-d", "config_directory"};
 const Command removeFirstParameter = removeParameter(removedParameters.front());
 const Command removeLastParameter = removeParameter(removedParameters.back());
 
@@ -394,7 +359,7 @@ Outcome Program::finish()
             kill(call.daemon, SIGKILL);
             waitpid(call.daemon, nullptr, 0);
         }
-    for (const pid_t child : children())
+    for (const pid_t child : childrenOfThis())
         if (child != qmgr) {
             ++outcome_.leftProcesses;
             kill(child, SIGKILL);
@@ -417,7 +382,7 @@ off_t Program::inputPosition() const
 World world()
 {
     World found;
-    for (const char* directory : {configDirectory, "/var/spool/postfix", lockDirectory})
+    for (const char* directory : {configDirectory, queueDirectory, lockDirectory})
         if (fs::exists(directory))
             describe(found, directory);
     return found;
@@ -455,16 +420,16 @@ Outcome runExplicitIp()
 
 void ContractTest::SetUp()
 {
-    ASSERT_TRUE(fs::exists("/run/sandbox")) << "this would change the host: run it with scripts/sandbox";
-    for (const char* directory : {configDirectory, "/var/spool/postfix", lockDirectory, "/usr/local/maru",
-                                  answerDirectory, callDirectory})
+    ASSERT_TRUE(fs::exists(sandboxDirectory)) << "this would change the host: run it with scripts/sandbox";
+    for (const char* directory :
+         {configDirectory, queueDirectory, lockDirectory, "/usr/local/maru", answerDirectory, callDirectory})
         emptyDirectory(directory);
     fs::create_directories(spoolDirectory);
     fs::create_directories(fs::path(pidFilePath).parent_path());
     for (const char* path : {postconfPath, postmapPath, serviceScriptPath})
-        installStandin(path);
+        putLink(ZORVO_STANDIN, path);
     writeMasterCf(plainServices);
-    answer(Answer(askDirectory).prints("/etc/postfix\n"));
+    answer(Answer(askDirectory).prints(configDirectory + std::string(1, '\n')));
     // What a run leaves behind becomes a child of this process.
     check(prctl(PR_SET_CHILD_SUBREAPER, 1), "prctl");
     startQmgr();

@@ -27,9 +27,6 @@ constexpr char inputPath[] = "/run/sandbox/input";
 // The system's fixed places, the locks on them, and the tool runs that a run is made of.
 using namespace support;
 
-/// postconf's built-in default of config_directory, asked for when the first query fails.
-extern const Command askDefaultDirectory;
-
 /// The first and the last parameter that a run removes.
 extern const Command removeFirstParameter;
 extern const Command removeLastParameter;

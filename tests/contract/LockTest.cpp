@@ -51,8 +51,8 @@ protected:
                           "Unable to open file \"" + path(lock) + "\": " + reason + ".\nSystem error " +
                               std::to_string(number) + ": " + reason + '\n'));
         EXPECT_EQ(outcome.commands(), commands);
-        EXPECT_EQ(listing("/etc/postfix"), std::vector<std::string>{"master.cf"});
-        EXPECT_EQ(listing("/var/spool/postfix/zorvo"), std::vector<std::string>());
+        EXPECT_EQ(listing(configDirectory), std::vector<std::string>{"master.cf"});
+        EXPECT_EQ(listing(spoolDirectory), std::vector<std::string>());
     }
 
     static std::vector<Command> commandsSoFar()

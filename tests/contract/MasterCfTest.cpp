@@ -269,7 +269,7 @@ TEST_F(MasterCfTest, FileIsReplacedThroughARename)
     runDomainIp({{"one.example", "192.0.2.1", ""}});
     EXPECT_EQ(readFile("/etc/postfix/kept"), plainServices);
     EXPECT_EQ(masterCf(), plainServices + ("\n" + std::string(service)));
-    EXPECT_EQ(listing("/etc/postfix"), (std::vector<std::string>{"kept", "master.cf"}));
+    EXPECT_EQ(listing(configDirectory), (std::vector<std::string>{"kept", "master.cf"}));
 }
 
 // A file that cannot be read: by then main.cf and the table have been wiped, nothing else is done.

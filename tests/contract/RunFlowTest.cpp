@@ -246,9 +246,9 @@ TEST_F(RunFlowTest, LeftTableSourceIsTruncatedBeforeTheTableIsEmptied)
 TEST_F(RunFlowTest, NoTemporaryFileIsLeft)
 {
     runDomainName({{"one.example", "192.0.2.1", ""}, {"two.example", "", "2001:db8::1"}});
-    EXPECT_EQ(listing("/etc/postfix"), std::vector<std::string>{"master.cf"});
-    EXPECT_EQ(listing("/var/spool/postfix/zorvo"), std::vector<std::string>());
-    EXPECT_EQ(listing("/var/spool/postfix"), (std::vector<std::string>{"pid", "zorvo"}));
+    EXPECT_EQ(listing(configDirectory), std::vector<std::string>{"master.cf"});
+    EXPECT_EQ(listing(spoolDirectory), std::vector<std::string>());
+    EXPECT_EQ(listing(queueDirectory), (std::vector<std::string>{"pid", "zorvo"}));
 }
 
 TEST_F(RunFlowTest, NoTemporaryFileIsLeftWhileAToolRuns)

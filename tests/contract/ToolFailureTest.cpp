@@ -33,8 +33,8 @@ protected:
         EXPECT_EQ(outcome.commands(), commands);
         EXPECT_EQ(outcome.leftProcesses, 0);
         EXPECT_EQ(world().at(masterCfPath), before.at(masterCfPath));
-        EXPECT_EQ(listing("/etc/postfix"), std::vector<std::string>{"master.cf"});
-        EXPECT_EQ(listing("/var/spool/postfix/zorvo"), std::vector<std::string>());
+        EXPECT_EQ(listing(configDirectory), std::vector<std::string>{"master.cf"});
+        EXPECT_EQ(listing(spoolDirectory), std::vector<std::string>());
     }
 };
 
@@ -202,14 +202,14 @@ TEST_F(ToolFailureTest, OutputOfAddingARecordPassesThrough)
 
 TEST_F(ToolFailureTest, MissingPostconf)
 {
-    fs::remove("/usr/sbin/postconf");
+    fs::remove(postconfPath);
     expectWipingStopped(
         {}, failure("zorvo::SystemError(execv: No such file or directory: No such file or directory)"));
 }
 
 TEST_F(ToolFailureTest, MissingPostmap)
 {
-    fs::remove("/usr/sbin/postmap");
+    fs::remove(postmapPath);
     expectWipingStopped(
         wipeBefore(emptyTable),
         failure("zorvo::SystemError(execv: No such file or directory: No such file or directory)"));
@@ -217,26 +217,26 @@ TEST_F(ToolFailureTest, MissingPostmap)
 
 TEST_F(ToolFailureTest, PostconfThatMayNotBeExecuted)
 {
-    fs::remove("/usr/sbin/postconf");
-    writeWhole("/usr/sbin/postconf", "");
+    fs::remove(postconfPath);
+    writeWhole(postconfPath, "");
     expectWipingStopped({}, failure("zorvo::SystemError(execv: Permission denied: Permission denied)"));
 }
 
 TEST_F(ToolFailureTest, PostmapThatIsNotAProgram)
 {
-    fs::remove("/usr/sbin/postmap");
-    writeWhole("/usr/sbin/postmap", "no program\n");
-    chmod("/usr/sbin/postmap", 0755);
+    fs::remove(postmapPath);
+    writeWhole(postmapPath, "no program\n");
+    chmod(postmapPath, 0755);
     expectWipingStopped(wipeBefore(emptyTable),
                         failure("zorvo::SystemError(execv: Exec format error: Exec format error)"));
 }
 
 TEST_F(ToolFailureTest, PostmapThatIsADirectory)
 {
-    fs::remove("/usr/sbin/postmap");
-    fs::create_directory("/usr/sbin/postmap");
+    fs::remove(postmapPath);
+    fs::create_directory(postmapPath);
     const Outcome outcome = runExplicitIp();
-    fs::remove("/usr/sbin/postmap");
+    fs::remove(postmapPath);
     EXPECT_EQ(outcome.end, failure("zorvo::SystemError(execv: Permission denied: Permission denied)"));
     EXPECT_EQ(outcome.commands(), wipeBefore(emptyTable));
 }

@@ -1,5 +1,8 @@
 #include "Run.h"
 
+#include "support/Child.h"
+#include "support/FixedPaths.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -139,7 +142,7 @@ std::string withoutChance(std::string text)
     const size_t digits = text.find_first_not_of("0123456789", start);
     if (digits != start && digits != std::string::npos && text[digits] == '/')
         text.replace(start, digits - start, "PID");
-    const std::string base = "/etc/postfix/master.cf";
+    const std::string base = support::masterCfPath;
     if (text.compare(0, base.size(), base) == 0 && text.size() == base.size() + 6)
         text.replace(base.size(), 6, "XXXXXX");
     return text;
@@ -222,26 +225,6 @@ void setAlarm(unsigned seconds)
     // Repeated, because it may come between a look at alarmRang and the waiting.
     const itimerval timer = {{seconds == 0 ? 0 : 1, 0}, {static_cast<time_t>(seconds), 0}};
     setitimer(ITIMER_REAL, &timer, nullptr);
-}
-
-std::vector<pid_t> childrenOfThis()
-{
-    std::vector<pid_t> found;
-    DIR* const directory = opendir("/proc");
-    while (const dirent* entry = readdir(directory)) {
-        const int pid = atoi(entry->d_name);
-        if (pid == 0)
-            continue;
-        FILE* const file = fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
-        if (file == nullptr)
-            continue;
-        int parent = 0;
-        if (fscanf(file, "%*d (%*[^)]) %*c %d", &parent) == 1 && parent == getpid())
-            found.push_back(pid);
-        fclose(file);
-    }
-    closedir(directory);
-    return found;
 }
 
 // A file without a name, for output of any length.
@@ -445,7 +428,7 @@ void Runner::_onStop(pid_t pid, int status)
 void Runner::_endAll()
 {
     outcome_.hung = true;
-    for (const pid_t pid : childrenOfThis())
+    for (const pid_t pid : support::childrenOfThis())
         kill(pid, SIGKILL);
     for (const auto& tracee : tracees_)
         kill(tracee.first, SIGKILL);

@@ -70,6 +70,15 @@ const std::vector<Event>& undisturbedRun()
     return events;
 }
 
+void requireReport(Problems& problems, const Scenario& scenario, const Outcome& outcome)
+{
+    requireCleanEnd(problems, outcome);
+    problems.require(outcome.status == W_EXITCODE(scenario.status, 0),
+                     "wait status " + std::to_string(outcome.status));
+    problems.requireEqual("standard output", scenario.out, outcome.out);
+    problems.requireEqual("standard error", scenario.err, outcome.err);
+}
+
 Outcome runUndisturbed(const Scenario& scenario)
 {
     scenario.begin();
@@ -77,11 +86,7 @@ Outcome runUndisturbed(const Scenario& scenario)
     launch.traced = true;
     Outcome outcome = run(launch);
     Problems problems;
-    requireCleanEnd(problems, outcome);
-    problems.require(outcome.status == W_EXITCODE(scenario.status, 0),
-                     "wait status " + std::to_string(outcome.status));
-    problems.requireEqual("standard output", scenario.out, outcome.out);
-    problems.requireEqual("standard error", scenario.err, outcome.err);
+    requireReport(problems, scenario, outcome);
     if (!problems.texts().empty())
         throwUnexpected(scenario.name, problems);
     return outcome;

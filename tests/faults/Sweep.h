@@ -15,6 +15,9 @@ namespace faults {
 /// The calls of an undisturbed run of `threeDomains`, in order.
 const std::vector<Event>& undisturbedRun();
 
+/// The run ended as the scenario says: cleanly, with its status and both its outputs.
+void requireReport(Problems& problems, const Scenario& scenario, const Outcome& outcome);
+
 /// A run of a scenario without any fault, which has to end as the scenario says.
 Outcome runUndisturbed(const Scenario& scenario);
 

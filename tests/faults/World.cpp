@@ -1,6 +1,8 @@
 #include "World.h"
 
 #include "Run.h"
+#include "support/RealPostfix.h"
+#include "tool/log.h"
 
 #include <boost/algorithm/string/join.hpp>
 
@@ -8,13 +10,10 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -27,7 +26,6 @@ namespace faults {
 namespace {
 
 const char* const keptTools = "/run/sandbox/real";
-const char* const logFile = "/run/sandbox/log";
 const char* const directories[] = {support::configDirectory, support::spoolDirectory};
 const char* const tools[] = {support::postconfPath, support::postmapPath};
 
@@ -53,20 +51,6 @@ std::string serviceLine(const std::string& type, const Binding& binding)
     if (type == "domain-name")
         line += " -o smtp_helo_name=" + binding.domain;
     return line + '\n';
-}
-
-void emptyDirectory(const char* path)
-{
-    fs::create_directories(path);
-    for (const auto& entry : fs::directory_iterator(path))
-        fs::remove_all(entry.path());
-}
-
-void install(const std::string& source, const std::string& target)
-{
-    fs::remove(target);
-    fs::create_directories(fs::path(target).parent_path());
-    fs::create_symlink(source, target);
 }
 
 // A "qmgr" whose parent is named in the pid file; neither is a child of this process.
@@ -181,7 +165,7 @@ Snapshot snapshotAfter(const Request& request, size_t emptyLines)
 
 void setUpMachine(const std::string& toolPath)
 {
-    if (!fs::exists("/run/sandbox"))
+    if (!fs::exists(support::sandboxDirectory))
         throw std::runtime_error("this would change the host: run it with scripts/sandbox");
     umask(022);
     standin = toolPath;
@@ -197,15 +181,15 @@ void setUpMachine(const std::string& toolPath)
 void useRealTools(bool real)
 {
     for (const std::string tool : tools)
-        install(real ? keptTools + ("/" + fs::path(tool).filename().string()) : standin, tool);
+        support::putLink(real ? keptTools + ("/" + fs::path(tool).filename().string()) : standin, tool);
 }
 
 void resetWorld()
 {
     for (const char* const directory : directories)
-        emptyDirectory(directory);
-    emptyDirectory(lockDirectory);
-    fs::remove(logFile);
+        support::emptyDirectory(directory);
+    support::emptyDirectory(lockDirectory);
+    fs::remove(toolLogPath);
     writeFile(masterCfPath, firstMasterCf);
     writeFile(mainCfPath, std::string(cleanMainCf) + "smtp_bind_address = 192.0.2.9\n");
     writeFile(databasePath, "@old.example zorvo-old.example-192.0.2.9-:\n");
@@ -214,14 +198,14 @@ void resetWorld()
 void restoreMachine()
 {
     useRealTools(false);
-    install(standin, support::serviceScriptPath);
+    support::putLink(standin, support::serviceScriptPath);
     resetWorld();
 }
 
 std::vector<std::string> toolNotes()
 {
     std::vector<std::string> lines;
-    std::ifstream file(logFile);
+    std::ifstream file(toolLogPath);
     for (std::string line; std::getline(file, line);)
         lines.push_back(line);
     return lines;
@@ -237,25 +221,13 @@ std::vector<std::string> toolCalls()
 
 std::vector<std::string> heldLocks()
 {
-    std::vector<std::string> held;
-    for (const std::string& name : listing(lockDirectory))
-        if (support::isLocked(std::string(lockDirectory) + '/' + name))
-            held.push_back(name);
-    return held;
+    return support::lockedFilesIn(lockDirectory);
 }
 
 std::string judgeByPostconf()
 {
-    // Postfix waits until main.cf is two seconds old.
-    const timespec longAgo[2] = {{1000000000, 0}, {1000000000, 0}};
-    utimensat(AT_FDCWD, mainCfPath, longAgo, 0);
-    FILE* const pipe = popen((std::string(keptTools) + "/postconf -M 2>&1").c_str(), "re");
-    std::string text;
-    char chunk[4096];
-    size_t got;
-    while ((got = fread(chunk, 1, sizeof chunk, pipe)) > 0)
-        text.append(chunk, got);
-    const int status = pclose(pipe);
+    support::ageMainCf();
+    const auto [status, text] = support::runCommand(std::string(keptTools) + "/postconf -M 2>&1");
     const bool named = text.compare(0, 5, "smtp ") == 0 && text.find("\nqmgr ") != std::string::npos;
     if (status == 0 && named && text.find("postconf:") == std::string::npos)
         return std::string();

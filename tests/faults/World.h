@@ -7,6 +7,7 @@
 #include "support/LockFiles.h"
 #include "support/RequestText.h"
 #include "support/ScratchDir.h"
+#include "support/TableFiles.h"
 #include "support/ToolRuns.h"
 
 #include <map>
@@ -24,7 +25,7 @@ using support::tableSourcePath;
 using support::writeFile;
 
 /// Where the stand-in of postmap keeps the table's records, as text.
-constexpr char databasePath[] = "/var/spool/postfix/zorvo/sdd_transport_maps.db";
+inline const std::string databasePath = support::databaseOf(support::tableName);
 
 /// The services that no run may touch.
 extern const std::string foreignServices;

@@ -302,7 +302,7 @@ void masks(Report& report)
         problems.requireEqual(databasePath, threeDomains.records(), readFile(databasePath));
         problems.requireEqual("further files", std::vector<std::string>(), strayFiles());
         chmod(mainCfPath, 0644);
-        chmod(databasePath, 0644);
+        chmod(databasePath.c_str(), 0644);
         requireNextRun(problems);
         report.add(value == 0 ? "umask 0" : "umask 0777", "", problems);
     }

@@ -1,5 +1,6 @@
 // Really full disks: file systems of a few kilobytes that fill while the program runs.
 #include "Sweep.h"
+#include "support/Mounts.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -15,15 +16,11 @@ namespace {
 /// A small file system over a directory while it lives, with the world as it is at the start on it.
 class SmallDisk {
 public:
-    SmallDisk(const char* directory, const std::string& options) : directory_(directory)
+    SmallDisk(const char* directory, const std::string& options)
+        : directory_(directory), mount_("small", directory, "tmpfs", 0, options.c_str())
     {
-        if (mount("small", directory_, "tmpfs", 0, options.c_str()) != 0)
-            throw std::system_error(errno, std::generic_category(), "mount");
         resetWorld();
     }
-    SmallDisk(const SmallDisk&) = delete;
-    SmallDisk& operator=(const SmallDisk&) = delete;
-    ~SmallDisk() { umount(directory_); }
 
     void enlarge() const
     {
@@ -33,6 +30,7 @@ public:
 
 private:
     const char* directory_;
+    support::ScopedMount mount_;
 };
 
 /// Many domains, so that the disk fills somewhere on the way.
@@ -123,13 +121,13 @@ void testFullDisk(Report& report, bool longForm)
 {
     const Request request = manyDomains(longForm ? 120 : 40);
     const int step = longForm ? 4 : 12;
-    fill(report, "tmpfs full of bytes: configuration directory", "/etc/postfix", request, 12,
+    fill(report, "tmpfs full of bytes: configuration directory", support::configDirectory, request, 12,
          longForm ? 80 : 48, step, "size=");
-    fill(report, "tmpfs full of files: configuration directory", "/etc/postfix", request, 3, 6, 1,
+    fill(report, "tmpfs full of files: configuration directory", support::configDirectory, request, 3, 6, 1,
          "nr_inodes=");
-    fill(report, "tmpfs full of bytes: spool directory", "/var/spool/postfix/zorvo", request, 4,
+    fill(report, "tmpfs full of bytes: spool directory", support::spoolDirectory, request, 4,
          longForm ? 40 : 16, step, "size=");
-    fill(report, "tmpfs full of files: spool directory", "/var/spool/postfix/zorvo", request, 2, 4, 1,
+    fill(report, "tmpfs full of files: spool directory", support::spoolDirectory, request, 2, 4, 1,
          "nr_inodes=");
     resetWorld();
 }

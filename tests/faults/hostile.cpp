@@ -13,16 +13,9 @@ namespace faults {
 
 namespace {
 
-const char* const type = "domain-name";
+using support::repeated;
 
-std::string repeated(const std::string& text, size_t times)
-{
-    std::string result;
-    result.reserve(text.size() * times);
-    for (size_t i = 0; i < times; ++i)
-        result += text;
-    return result;
-}
+const char* const type = "domain-name";
 
 /// A kind of large input: `make` gives one of about that size, complete or cut short.
 struct Kind {

@@ -55,11 +55,7 @@ void interruptReporting(Report& report, const Scenario& scenario, const Event& p
     if (effect == Effect::Fail && place.call == "close")
         outcome.descriptors.clear();
     Problems problems;
-    requireCleanEnd(problems, outcome);
-    problems.require(outcome.status == W_EXITCODE(scenario.status, 0),
-                     "wait status " + std::to_string(outcome.status));
-    problems.requireEqual("standard output", scenario.out, outcome.out);
-    problems.requireEqual("standard error", scenario.err, outcome.err);
+    requireReport(problems, scenario, outcome);
     problems.requireEqual("tool runs", calls, toolCalls());
     problems.require(snapshot() == left, "not what the undisturbed run leaves");
     problems.requireEqual("locks held", std::vector<std::string>(), heldLocks());

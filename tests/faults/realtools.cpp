@@ -2,6 +2,7 @@
 // while a tool is launched, fed and waited for. Each of these runs waits for Postfix's own protection against
 // half-written files, about two seconds.
 #include "Sweep.h"
+#include "support/RealPostfix.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -21,38 +22,30 @@ namespace {
 /// Every record of the real table, in the order of `Request::records`.
 std::string realRecords()
 {
-    FILE* const pipe =
-        popen((std::string(support::postmapPath) + " -s " + support::tableName + " 2>&1").c_str(), "re");
+    const support::CommandResult result =
+        support::runCommand(support::postmapPath + std::string(" -s ") + support::tableName + " 2>&1");
+    std::istringstream stream(result.out);
     std::set<std::string> lines;
-    char line[1024];
-    while (fgets(line, sizeof line, pipe) != nullptr) {
-        std::string text = line;
-        std::replace(text.begin(), text.end(), '\t', ' ');
-        lines.insert(text);
+    for (std::string line; std::getline(stream, line);) {
+        std::replace(line.begin(), line.end(), '\t', ' ');
+        lines.insert(line + '\n');
     }
-    const int status = pclose(pipe);
-    std::string text = status == 0 ? "" : "postmap -s fails\n";
+    std::string text = result.status == 0 ? "" : "postmap -s fails\n";
     for (const std::string& one : lines)
         text += one;
     return text;
-}
-
-void makeMainCfOld()
-{
-    const timespec longAgo[2] = {{1000000000, 0}, {1000000000, 0}};
-    utimensat(AT_FDCWD, mainCfPath, longAgo, 0);
 }
 
 void resetForRealTools()
 {
     resetWorld();
     std::filesystem::remove(databasePath); // that one is a text
-    makeMainCfOld();
+    support::ageMainCf();
 }
 
 Outcome runReal(const Request& request, const Fault& fault = Fault(), bool traced = false)
 {
-    makeMainCfOld();
+    support::ageMainCf();
     Launch launch;
     launch.arguments = request.arguments();
     launch.input = request.input();
@@ -64,7 +57,7 @@ Outcome runReal(const Request& request, const Fault& fault = Fault(), bool trace
 
 void requireRequested(Problems& problems, const Request& request, size_t emptyLines)
 {
-    makeMainCfOld();
+    support::ageMainCf();
     problems.requireEqual(masterCfPath, request.masterCf(request.bindings.size(), emptyLines),
                           readFile(masterCfPath));
     problems.requireEqual("table", request.records(), realRecords());
@@ -134,7 +127,7 @@ void killAt(Report& report, const Event& place, Effect effect)
     const unsigned stores = outcome.completed("rename");
     problems.requireEqual(masterCfPath, stores == 0 ? firstMasterCf : threeDomains.masterCf(stores - 1),
                           readFile(masterCfPath));
-    makeMainCfOld();
+    support::ageMainCf();
     problems.requireEqual("postconf -M", "", judgeByPostconf());
     problems.requireEqual("locks held", std::vector<std::string>(), heldLocks());
     report.count(name, "left files", static_cast<unsigned>(strayFiles().size()));

@@ -10,20 +10,20 @@
 
 namespace support {
 
-/// True while the kernel lists `process` as waiting for a flock(2) (proc(5), /proc/locks).
-inline bool waitsForFlock(pid_t process)
+/// The inode of the file for whose flock(2) the kernel lists `process` as waiting (proc(5), /proc/locks); 0
+/// when it waits for none.
+inline ino_t awaitedInode(pid_t process)
 {
     std::ifstream locks("/proc/locks");
-    std::string line;
-    while (std::getline(locks, line)) {
+    for (std::string line; std::getline(locks, line);) {
         std::istringstream words(line);
-        std::string number, arrow, kind, advisory, mode;
-        pid_t owner = 0;
-        if (words >> number >> arrow >> kind >> advisory >> mode >> owner && arrow == "->" &&
-            kind == "FLOCK" && owner == process)
-            return true;
+        std::string number, arrow, kind, advisory, mode, place;
+        pid_t waiter = 0;
+        if (words >> number >> arrow >> kind >> advisory >> mode >> waiter >> place && arrow == "->" &&
+            kind == "FLOCK" && waiter == process)
+            return std::stoul(place.substr(place.rfind(':') + 1));
     }
-    return false;
+    return 0;
 }
 
 /// True when `fd` has something to read or has ended, now.
@@ -37,7 +37,7 @@ inline bool readable(int fd)
 inline bool waitsForFlockBeforeWriting(pid_t process, int fd)
 {
     for (;;) {
-        if (waitsForFlock(process))
+        if (awaitedInode(process) != 0)
             return !readable(fd);
         if (readable(fd))
             return false;

@@ -3,14 +3,21 @@
 
 #include "support/Capture.h"
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace support {
 
@@ -66,6 +73,38 @@ inline ChildResult runInChild(const std::function<int()>& body)
     result.out = capture.out();
     result.err = capture.err();
     return result;
+}
+
+/// Children of this process, ended ones included.
+inline std::vector<pid_t> childrenOfThis()
+{
+    std::vector<pid_t> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        int parent = 0;
+        const int pid = std::atoi(entry.path().filename().c_str());
+        std::string stat;
+        if (pid != 0)
+            std::getline(std::ifstream(entry.path() / "stat"), stat, '\0'); // empty: ended meanwhile
+        const size_t name = stat.rfind(')');
+        if (name != std::string::npos && std::sscanf(stat.c_str() + name, ") %*c %d", &parent) == 1 &&
+            parent == ::getpid())
+            found.push_back(pid);
+    }
+    return found;
+}
+
+/// Ends this process by a signal, without a core file.
+[[noreturn]] inline void dieOf(int signal)
+{
+    const rlimit noCore = {0, 0};
+    ::setrlimit(RLIMIT_CORE, &noCore);
+    ::signal(signal, SIG_DFL);
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, signal);
+    ::sigprocmask(SIG_UNBLOCK, &mask, nullptr);
+    ::raise(signal);
+    ::_exit(98);
 }
 
 /// True when this process has no child left, running or unreaped. Reaps nothing.

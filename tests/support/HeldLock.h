@@ -1,6 +1,9 @@
 // HeldLock: a flock(2) held by a test, and seeing from outside who holds or waits for one.
 #pragma once
 
+#include "support/Blocked.h"
+#include "support/ScratchDir.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -8,11 +11,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace support {
 
@@ -25,6 +27,16 @@ inline bool isLocked(const std::string& path)
     const bool held = ::flock(fd, LOCK_EX | LOCK_NB) == -1 && errno == EWOULDBLOCK;
     ::close(fd);
     return held;
+}
+
+/// Names of the files in a directory that somebody has locked.
+inline std::vector<std::string> lockedFilesIn(const std::string& directory)
+{
+    std::vector<std::string> locked;
+    for (const std::string& name : listing(directory))
+        if (isLocked(directory + '/' + name))
+            locked.push_back(name);
+    return locked;
 }
 
 inline bool lockIsFree(const std::string& path)
@@ -61,17 +73,9 @@ public:
         struct stat status = {};
         ::stat(path_.c_str(), &status);
         for (;;) {
-            std::ifstream locks("/proc/locks");
-            for (std::string line; std::getline(locks, line);) {
-                std::istringstream words(line);
-                std::string number, arrow, kind, advisory, access, place;
-                pid_t waiter = 0;
-                words >> number >> arrow >> kind >> advisory >> access >> waiter >> place;
-                if (arrow == "->" && kind == "FLOCK" && waiter == pid &&
-                    place.substr(place.rfind(':') + 1) == std::to_string(status.st_ino))
-                    return true;
-            }
-            siginfo_t info{};
+            if (awaitedInode(pid) == status.st_ino)
+                return true;
+            siginfo_t info = {};
             if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
                 info.si_pid == pid)
                 return false;

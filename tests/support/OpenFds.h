@@ -1,9 +1,11 @@
-// openFds: the open descriptors of this process, to prove that an owner leaves none behind.
+// openFds: the open descriptors of this process, to prove that an owner leaves none behind; readAll: what
+// comes from one.
 #pragma once
 
 #include <dirent.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <map>
 #include <stdexcept>
@@ -30,6 +32,20 @@ inline std::map<int, std::string> openFds()
     }
     ::closedir(directory);
     return result;
+}
+
+/// Everything up to end of file, or to an error.
+inline std::string readAll(int fd)
+{
+    std::string all;
+    char part[65536];
+    for (;;) {
+        const ssize_t got = ::read(fd, part, sizeof part);
+        if (got > 0)
+            all.append(part, static_cast<size_t>(got));
+        else if (got == 0 || errno != EINTR)
+            return all;
+    }
 }
 
 } // namespace support

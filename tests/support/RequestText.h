@@ -26,4 +26,14 @@ inline std::string request(const std::vector<Binding>& bindings)
     return text + "]}\n";
 }
 
+/// `text`, `times` times.
+inline std::string repeated(const std::string& text, size_t times)
+{
+    std::string all;
+    all.reserve(text.size() * times);
+    for (size_t i = 0; i < times; ++i)
+        all += text;
+    return all;
+}
+
 } // namespace support

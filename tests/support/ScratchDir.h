@@ -61,6 +61,22 @@ inline std::vector<std::string> listing(const std::string& directory)
     return {names.begin(), names.end()};
 }
 
+/// Empties a directory; makes one that is not there.
+inline void emptyDirectory(const std::string& path)
+{
+    std::filesystem::create_directories(path);
+    for (const auto& entry : std::filesystem::directory_iterator(path))
+        std::filesystem::remove_all(entry.path());
+}
+
+/// Puts a symbolic link to `source` in place of whatever file is at `path`.
+inline void putLink(const std::string& source, const std::string& path)
+{
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink(source, path);
+}
+
 /// A directory under /tmp for one test.
 class ScratchDir {
 public:

@@ -4,6 +4,7 @@
 
 #include "support/FixedPaths.h"
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,8 @@ using Command = std::vector<std::string>;
 inline const std::vector<std::string> removedParameters = {"smtp_bind_address", "smtp_bind_address6"};
 
 inline const Command askDirectory = {postconfPath, "-h", "config_directory"};
+/// What is asked when that fails: the built-in default.
+inline const Command askDefaultDirectory = {postconfPath, "-h", "-d", "config_directory"};
 inline const Command emptyTable = {postmapPath, "-r", tableName};
 inline const Command addRecord = {postmapPath, "-r", "-i", tableName};
 inline const Command restart = {serviceScriptPath, "postfix", "restart"};
@@ -28,6 +31,13 @@ inline Command removeParameter(const std::string& name)
 inline Command setParameter(const std::string& assignment)
 {
     return {postconfPath, "-e", assignment};
+}
+
+/// Whether postmap(1), run so, reads records ("-i") or keys ("-" in place of a key) on standard input.
+inline bool readsInput(const Command& command)
+{
+    return std::any_of(command.begin(), command.end(),
+                       [](const std::string& word) { return word == "-i" || word == "-"; });
 }
 
 /// What every run does first: it takes back what earlier runs set up.

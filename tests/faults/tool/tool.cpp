@@ -3,13 +3,16 @@
 // follows from the name it was run by. It notes each of its runs, in one line, in /run/sandbox/log.
 //
 // The thousands of runs of the sweeps are what it is for: linked statically, it starts in half a millisecond.
+#include "log.h"
+#include "support/FixedPaths.h"
+#include "support/OpenFds.h"
+#include "support/TableFiles.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <map>
 #include <string>
@@ -19,8 +22,9 @@
 
 namespace {
 
-const char* const mainCf = "/etc/postfix/main.cf";
-const char* const logFile = "/run/sandbox/log";
+using faults::toolLogPath;
+using support::configDirectory;
+using support::mainCfPath;
 
 std::string self;
 
@@ -77,24 +81,9 @@ void replaceFile(const std::string& path, const std::string& text)
 std::string surroundings()
 {
     std::string text;
-    DIR* const directory = opendir("/proc/self/fd");
-    if (directory == nullptr)
-        fatal("open /proc/self/fd");
-    std::vector<int> numbers;
-    while (const dirent* entry = readdir(directory))
-        if (entry->d_name[0] != '.' && atoi(entry->d_name) != dirfd(directory))
-            numbers.push_back(atoi(entry->d_name));
-    closedir(directory);
-    std::sort(numbers.begin(), numbers.end());
-    for (const int fd : numbers) {
-        if (fd <= STDERR_FILENO)
-            continue;
-        char target[256];
-        const ssize_t length =
-            readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof target);
-        text += std::to_string(fd) + '=' + std::string(target, length > 0 ? static_cast<size_t>(length) : 0) +
-                ',';
-    }
+    for (const auto& [fd, target] : support::openFds())
+        if (fd > STDERR_FILENO)
+            text += std::to_string(fd) + '=' + target + ',';
     const std::string status = readFile("/proc/self/status");
     for (const char* const name : {"SigBlk", "SigIgn"}) {
         const size_t at = status.find('\n' + std::string(name) + ":\t") + strlen(name) + 3;
@@ -109,7 +98,7 @@ void note(char* argv[])
     for (char** word = argv; *word != nullptr; ++word)
         line += (word == argv ? "" : " ") + std::string(*word);
     line += '\t' + surroundings() + '\n';
-    const int fd = open(logFile, O_WRONLY | O_CREAT | O_APPEND, 0644);
+    const int fd = open(toolLogPath, O_WRONLY | O_CREAT | O_APPEND, 0644);
     if (fd == -1 || write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
         fatal("note the run");
     close(fd);
@@ -118,7 +107,7 @@ void note(char* argv[])
 // main.cf without the parameter, with `line` at its end.
 void editParameter(const std::string& name, const std::string& line)
 {
-    const std::string text = readFile(mainCf);
+    const std::string text = readFile(mainCfPath);
     std::string edited;
     for (size_t begin = 0; begin < text.size();) {
         const size_t end = std::min(text.find('\n', begin), text.size() - 1) + 1;
@@ -127,13 +116,13 @@ void editParameter(const std::string& name, const std::string& line)
             edited += old;
         begin = end;
     }
-    replaceFile(mainCf, edited + line);
+    replaceFile(mainCfPath, edited + line);
 }
 
 int postconf(const std::vector<std::string>& words)
 {
     if (words.size() == 2 && words[0] == "-h" && words[1] == "config_directory") {
-        puts("/etc/postfix");
+        puts(configDirectory);
         return fflush(stdout) == 0 ? 0 : 1;
     }
     if (words.size() == 2 && words[0] == "-X") {
@@ -166,8 +155,8 @@ int postmap(const std::vector<std::string>& words)
     const bool merge = words.size() == 3 && words[1] == "-i";
     if (words.size() < 2 || words[0] != "-r" || (words.size() == 3 && !merge))
         return 64;
-    const std::string source = words.back().substr(words.back().find(':') + 1);
-    const std::string database = source + ".db";
+    const std::string source = support::sourceOf(words.back());
+    const std::string database = support::databaseOf(words.back());
     std::map<std::string, std::string> records;
     if (merge) {
         if (access(database.c_str(), F_OK) == 0)

@@ -2,16 +2,14 @@
 // directory.
 #pragma once
 
-#include "common/mk_lock.h"
 #include "support/Blocked.h"
 #include "support/Child.h"
+#include "support/FixedPaths.h"
+#include "support/HeldLock.h"
+#include "support/Mounts.h"
 
 #include <fcntl.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,7 +20,29 @@
 
 namespace locktest {
 
-constexpr const char* lockDirectory = "/run/lock/files";
+/// What a child says and what it is told; made before it is forked.
+struct Pipes {
+    int said[2];
+    int told[2];
+
+    Pipes()
+    {
+        if (::pipe(said) != 0 || ::pipe(told) != 0)
+            throw std::runtime_error("cannot make pipes");
+    }
+    /// The child's part.
+    void keepChildsEnds() const
+    {
+        ::close(said[0]);
+        ::close(told[1]);
+    }
+    /// The parent's part.
+    void keepParentsEnds() const
+    {
+        ::close(said[1]);
+        ::close(told[0]);
+    }
+};
 
 /// Reads one byte; '\0' at the end of the pipe.
 inline char readByte(int fd)
@@ -46,23 +66,18 @@ class Holder {
 public:
     explicit Holder(const std::function<void()>& take)
     {
-        int said[2];
-        int told[2];
-        if (::pipe(said) != 0 || ::pipe(told) != 0)
-            throw std::runtime_error("cannot make pipes");
+        const Pipes pipes;
         pid_ = support::forkChild([&] {
-            ::close(said[0]);
-            ::close(told[1]);
+            pipes.keepChildsEnds();
             take();
-            writeByte(said[1], 'L');
-            readByte(told[0]);
+            writeByte(pipes.said[1], 'L');
+            readByte(pipes.told[0]);
             return 0;
         });
-        ::close(said[1]);
-        ::close(told[0]);
-        release_ = told[1];
-        const char first = readByte(said[0]);
-        ::close(said[0]);
+        pipes.keepParentsEnds();
+        release_ = pipes.told[1];
+        const char first = readByte(pipes.said[0]);
+        ::close(pipes.said[0]);
         if (first != 'L') {
             end();
             throw std::runtime_error("the other process got no lock");
@@ -100,23 +115,18 @@ public:
     /// Forked before the caller takes the lock, so that it inherits no descriptor of it.
     explicit Waiter(const std::function<void()>& take)
     {
-        int said[2];
-        int told[2];
-        if (::pipe(said) != 0 || ::pipe(told) != 0)
-            throw std::runtime_error("cannot make pipes");
+        const Pipes pipes;
         pid_ = support::forkChild([&] {
-            ::close(said[0]);
-            ::close(told[1]);
-            if (readByte(told[0]) != 'G')
+            pipes.keepChildsEnds();
+            if (readByte(pipes.told[0]) != 'G')
                 return 97;
             take();
-            writeByte(said[1], 'L');
+            writeByte(pipes.said[1], 'L');
             return 0;
         });
-        ::close(said[1]);
-        ::close(told[0]);
-        said_ = said[0];
-        go_ = told[1];
+        pipes.keepParentsEnds();
+        said_ = pipes.said[0];
+        go_ = pipes.told[1];
     }
     Waiter(const Waiter&) = delete;
     Waiter& operator=(const Waiter&) = delete;
@@ -156,25 +166,15 @@ private:
 inline support::ChildResult withoutLockDirectory(const std::function<int()>& body)
 {
     return support::runInChild([&] {
-        if (::unshare(CLONE_NEWNS) == 0 && ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-            ::mount("tmpfs", "/run/lock", "tmpfs", 0, nullptr) == 0)
+        if (support::makeMountsPrivate() && support::mountEmpty("/run/lock"))
             return body();
         // No private mounts here: move the directory aside for a moment.
-        const std::string aside = std::string(lockDirectory) + ".aside";
-        if (std::rename(lockDirectory, aside.c_str()) != 0)
+        const std::string aside = std::string(support::lockDirectory) + ".aside";
+        if (std::rename(support::lockDirectory, aside.c_str()) != 0)
             return 96;
         const int result = body();
-        return std::rename(aside.c_str(), lockDirectory) == 0 ? result : 95;
+        return std::rename(aside.c_str(), support::lockDirectory) == 0 ? result : 95;
     });
-}
-
-/// Non-blocking probe from a descriptor of its own: true when the file at `path` is locked by anybody.
-inline bool isLockedNow(const std::string& path)
-{
-    lock_handle* const probe = mk_nonblock_lock(path.c_str(), 0);
-    const bool locked = is_already_locked(probe) == 1;
-    rm_lock(probe);
-    return locked;
 }
 
 } // namespace locktest

@@ -3,6 +3,7 @@
 
 #include "LockTools.h"
 #include "common/SystemError.h"
+#include "common/mk_lock.h"
 #include "support/Capture.h"
 #include "support/LibcFaults.h"
 #include "support/OpenFds.h"
@@ -61,7 +62,7 @@ protected:
 TEST_F(MKLockTest, HashedNameLocksThroughTheLockDirectory)
 {
     const MKLock lock(file_, HashedName, Blocking);
-    EXPECT_TRUE(isLockedNow(hashedPath()));
+    EXPECT_TRUE(support::isLocked(hashedPath()));
 }
 
 TEST_F(MKLockTest, HashedNameLeavesTheNamedFileAlone)
@@ -73,20 +74,20 @@ TEST_F(MKLockTest, HashedNameLeavesTheNamedFileAlone)
 TEST_F(MKLockTest, PlainNameLocksTheNamedFile)
 {
     const MKLock lock(file_, PlainName, Blocking);
-    EXPECT_TRUE(isLockedNow(file_));
+    EXPECT_TRUE(support::isLocked(file_));
 }
 
 TEST_F(MKLockTest, PlainNameLeavesTheLockDirectoryAlone)
 {
-    const auto before = support::namesIn(lockDirectory);
+    const auto before = support::namesIn(support::lockDirectory);
     const MKLock lock(file_, PlainName, Blocking);
-    EXPECT_EQ(before, support::namesIn(lockDirectory));
+    EXPECT_EQ(before, support::namesIn(support::lockDirectory));
 }
 
 TEST_F(MKLockTest, AnyOtherFilenameFlagMeansHashedName)
 {
     const MKLock lock(file_, static_cast<zorvo::FilenameFlag>(otherFlag), Blocking);
-    EXPECT_TRUE(isLockedNow(hashedPath()));
+    EXPECT_TRUE(support::isLocked(hashedPath()));
 }
 
 TEST_F(MKLockTest, LockIsFreeAfterTheScope)
@@ -94,7 +95,7 @@ TEST_F(MKLockTest, LockIsFreeAfterTheScope)
     {
         const MKLock lock(file_, PlainName, Blocking);
     }
-    EXPECT_FALSE(isLockedNow(file_));
+    EXPECT_FALSE(support::isLocked(file_));
 }
 
 TEST_F(MKLockTest, LockIsFreeAfterAnExceptionLeftTheScope)
@@ -104,7 +105,7 @@ TEST_F(MKLockTest, LockIsFreeAfterAnExceptionLeftTheScope)
         throw 1;
     } catch (int) {
     }
-    EXPECT_FALSE(isLockedNow(file_));
+    EXPECT_FALSE(support::isLocked(file_));
 }
 
 TEST_F(MKLockTest, LeavesNoDescriptor)
@@ -209,7 +210,7 @@ TEST_F(MKLockTest, NonBlockingQuietLeavesTheLockOfTheOther)
     {
         const MKLock lock(file_, HashedName, NonBlockingQuiet);
     }
-    EXPECT_TRUE(isLockedNow(hashedPath()));
+    EXPECT_TRUE(support::isLocked(hashedPath()));
 }
 
 TEST_F(MKLockTest, AnyOtherBlockFlagMeansNonBlockingQuiet)

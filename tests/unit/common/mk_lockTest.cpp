@@ -140,14 +140,14 @@ TEST_F(MkLockTest, FreeFileIsLockedWithoutWaitingToo)
     const Owner handle = attempt();
     EXPECT_GT(handle->fd, 0);
     EXPECT_EQ(1, is_locked(handle.get()));
-    EXPECT_TRUE(isLockedNow(file_));
+    EXPECT_TRUE(support::isLocked(file_));
 }
 
 TEST_F(MkLockTest, HashedNameIsLockedInTheLockDirectory)
 {
     const Owner handle(mk_lock(file_.c_str(), 1));
     EXPECT_EQ(pathOf(file_.c_str()), handle->path);
-    EXPECT_TRUE(isLockedNow(pathOf(file_.c_str())));
+    EXPECT_TRUE(support::isLocked(pathOf(file_.c_str())));
 }
 
 TEST_F(MkLockTest, HashedNameIsNotTouchedItself)
@@ -272,7 +272,7 @@ TEST_F(MkLockTest, ProgramStartedMeanwhileDoesNotKeepTheLock)
     writeByte(input[1], 'x');
     ASSERT_EQ('x', readByte(output[0])); // the exec is over
     handle.reset();
-    EXPECT_FALSE(isLockedNow(file_));
+    EXPECT_FALSE(support::isLocked(file_));
     for (const int fd : {input[0], input[1], output[0], output[1]})
         ::close(fd);
     support::waitFor(cat);
@@ -335,9 +335,9 @@ TEST_F(MkLockTest, FreeLockIsTakenWithoutWaiting)
 TEST_F(MkLockTest, KilledHolderFreesTheLock)
 {
     Holder holder([this] { locked().release(); });
-    ASSERT_TRUE(isLockedNow(file_));
+    ASSERT_TRUE(support::isLocked(file_));
     holder.kill();
-    EXPECT_FALSE(isLockedNow(file_));
+    EXPECT_FALSE(support::isLocked(file_));
 }
 
 TEST_F(MkLockTest, WaiterGetsTheLockOfAKilledHolder)
@@ -460,7 +460,7 @@ TEST_F(MkLockTest, InterruptedFlockIsRepeated)
     const LibcFault fault(LibcCall::Flock, EINTR, 3);
     const Owner handle = locked();
     EXPECT_EQ(0, fault.left());
-    EXPECT_TRUE(isLockedNow(file_));
+    EXPECT_TRUE(support::isLocked(file_));
 }
 
 TEST_F(MkLockTest, InterruptedCloseIsRepeated)
@@ -507,7 +507,7 @@ TEST_F(MkLockTest, RmLockReleasesTheLockAndReturnsZero)
 {
     lock_handle* const handle = mk_lock(file_.c_str(), 0);
     EXPECT_EQ(0, rm_lock(handle));
-    EXPECT_FALSE(isLockedNow(file_));
+    EXPECT_FALSE(support::isLocked(file_));
 }
 
 TEST_F(MkLockTest, RmLockLeavesTheLockFile)
@@ -578,7 +578,7 @@ TEST_F(MkLockTest, FreeLockReleasesTheLockAndReturnsZero)
 {
     lock_handle* const handle = mk_lock(file_.c_str(), 0);
     EXPECT_EQ(0, free_lock(handle));
-    EXPECT_FALSE(isLockedNow(file_));
+    EXPECT_FALSE(support::isLocked(file_));
 }
 
 TEST_F(MkLockTest, FreeLockOfNullReturnsMinusOne)

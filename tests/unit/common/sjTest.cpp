@@ -4,6 +4,7 @@
 #include "support/Child.h"
 #include "support/CountingHooks.h"
 #include "support/OpenFds.h"
+#include "support/RequestText.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,6 +22,7 @@
 namespace {
 
 using support::CountingHooks;
+using support::repeated;
 
 /// One parser over its own copy of a text. The copy ends right after the NUL, so that a sanitizer sees any
 /// read past it.
@@ -109,15 +111,6 @@ std::string errorText(int code, const std::string& text, long offset, const char
     reader->field_name = field;
     errno = 0;
     return sj_parser_strerror(reader);
-}
-
-std::string repeated(const std::string& text, size_t times)
-{
-    std::string all;
-    all.reserve(text.size() * times);
-    for (size_t i = 0; i < times; ++i)
-        all += text;
-    return all;
 }
 
 void* refuseMemory(void*, size_t)

@@ -3,12 +3,11 @@
 
 #include "support/Child.h"
 #include "support/InterruptedPipe.h"
+#include "support/Mounts.h"
 #include "support/OpenFds.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -33,9 +32,7 @@ class DevLog {
 public:
     DevLog()
     {
-        private_ = ::unshare(CLONE_NEWNS) == 0 &&
-                   ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                   ::mount("tmpfs", "/dev", "tmpfs", 0, nullptr) == 0;
+        private_ = support::makeMountsPrivate() && support::mountEmpty("/dev");
         socket_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;

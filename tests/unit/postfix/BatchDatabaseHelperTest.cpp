@@ -5,6 +5,7 @@
 #include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
+#include "support/FixedPaths.h"
 #include "support/ScratchDir.h"
 
 #include <gtest/gtest.h>
@@ -87,8 +88,8 @@ protected:
 
     support::ScratchDir scratch_;
     support::ToolStandIns tools_;
-    const std::string a_ = "hash:" + scratch_.file("a");
-    const std::string b_ = "hash:" + scratch_.file("b");
+    const std::string a_ = support::tableType + scratch_.file("a");
+    const std::string b_ = support::tableType + scratch_.file("b");
 };
 
 // --- at once
@@ -156,7 +157,7 @@ TEST_F(BatchDatabaseHelperTest, GatheredChangesRunNothingAndWriteNothing)
     add(replacing, b_, {{"k", "v"}});
     EXPECT_TRUE(tools_.calls().empty());
     EXPECT_TRUE(scratch_.names().empty());
-    EXPECT_TRUE(support::namesIn("/run/lock/files").empty());
+    EXPECT_TRUE(support::namesIn(support::lockDirectory).empty());
 }
 
 TEST_F(BatchDatabaseHelperTest, CommitMergesTablesInTheOrderOfTheirNames)
@@ -264,7 +265,7 @@ TEST_F(BatchDatabaseHelperTest, UncommittedChangesAreDropped)
 TEST_F(BatchDatabaseHelperTest, FailedCommitStopsThereAndKeepsEverything)
 {
     BatchDatabaseHelper helper(true, false);
-    const std::string c = "hash:" + scratch_.file("c");
+    const std::string c = support::tableType + scratch_.file("c");
     add(helper, a_, {{"a", "1"}});
     add(helper, b_, {{"b", "1"}});
     add(helper, c, {{"c", "1"}});
@@ -282,7 +283,7 @@ TEST_F(BatchDatabaseHelperTest, EntryThatCannotBeMadeIsADatabaseError)
 {
     BatchDatabaseHelper helper(true, false);
     const RecordList records{{"k", "v"}};
-    const std::string table = "hash:" + std::string(1000000, 'x');
+    const std::string table = support::tableType + std::string(1000000, 'x');
     refusedSize = 1000000;
     const std::string message = exactMessageOf<PostfixDatabaseError>(
         [&] { helper.addChanges(table, records.begin(), records.end()); });

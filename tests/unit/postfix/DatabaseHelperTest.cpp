@@ -7,8 +7,16 @@
 #include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
+#include "support/Capture.h"
+#include "support/Child.h"
+#include "support/FixedPaths.h"
+#include "support/HeldLock.h"
+#include "support/LockFiles.h"
+#include "support/Mounts.h"
 #include "support/OpenFds.h"
+#include "support/RealPostfix.h"
 #include "support/ScratchDir.h"
+#include "support/TableFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -91,12 +99,12 @@ protected:
         return all.front();
     }
 
-    bool someLockWasTaken() const { return !support::namesIn("/run/lock/files").empty(); }
+    bool someLockWasTaken() const { return !support::namesIn(support::lockDirectory).empty(); }
 
     support::ScratchDir scratch_;
     support::ToolStandIns tools_;
     const std::string source_ = scratch_.file("table");
-    const std::string table_ = "hash:" + source_;
+    const std::string table_ = support::tableType + source_;
     const std::string lock_ = support::lockFileOf(source_);
 };
 
@@ -505,8 +513,10 @@ TEST_F(DatabaseHelperTest, RebuildingWaitsForTheLock)
 
 TEST_F(DatabaseHelperTest, SourceFileThatCannotBeMadeIsTheStreamsFailure)
 {
-    EXPECT_THROW(replace("hash:" + scratch_.file("missing/table"), twoRecords), std::ios_base::failure);
-    EXPECT_THROW(replace("hash:" + scratch_.file("missing/table"), noRecords), std::ios_base::failure);
+    EXPECT_THROW(replace(support::tableType + scratch_.file("missing/table"), twoRecords),
+                 std::ios_base::failure);
+    EXPECT_THROW(replace(support::tableType + scratch_.file("missing/table"), noRecords),
+                 std::ios_base::failure);
     EXPECT_TRUE(tools_.calls().empty());
     EXPECT_TRUE(support::lockIsFree(support::lockFileOf(scratch_.file("missing/table"))));
 }
@@ -599,7 +609,7 @@ TEST_F(DatabaseHelperTest, OneLockServesAllTypesOfATable)
     ASSERT_EQ(5U, tools_.calls().size());
     for (const ToolCall& run : tools_.calls())
         EXPECT_TRUE(run.lockHeld.at(lock_));
-    EXPECT_EQ(1U, support::namesIn("/run/lock/files").size());
+    EXPECT_EQ(1U, support::namesIn(support::lockDirectory).size());
 }
 
 TEST_F(DatabaseHelperTest, LmdbFileIsRemovedBeforeARebuild)
@@ -735,7 +745,7 @@ TEST(DatabaseHelperLaunchTest, ToolThatCannotBeStartedIsNamedAndNothingIsLeft)
     support::ScratchDir scratch;
     support::ToolStandIns tools;
     tools.breakTool(postmapPath);
-    const std::string table = "hash:" + scratch.file("table");
+    const std::string table = support::tableType + scratch.file("table");
     EXPECT_EQ("execv: Permission denied: Permission denied", exactMessageOf<zorvo::SystemError>([&] {
                   DatabaseHelper::replaceRecords(table, twoRecords.begin(), twoRecords.end());
               }));
@@ -750,7 +760,7 @@ TEST(DatabaseHelperLaunchTest, ToolThatCannotBeStartedIsNamedAndNothingIsLeft)
 
 TEST_F(DatabaseHelperTest, WithoutALockNothingRuns)
 {
-    std::filesystem::remove_all("/run/lock/files");
+    std::filesystem::remove_all(support::lockDirectory);
     support::Capture capture;
     const std::string adding = exactMessageOf<zorvo::SystemError>([this] { add(table_, twoRecords); });
     const std::string rebuilding =
@@ -758,7 +768,7 @@ TEST_F(DatabaseHelperTest, WithoutALockNothingRuns)
     const std::string removing =
         exactMessageOf<zorvo::SystemError>([this] { DatabaseHelper::removeRecord(table_, "k"); });
     capture.stop();
-    std::filesystem::create_directory("/run/lock/files");
+    std::filesystem::create_directory(support::lockDirectory);
     EXPECT_EQ("lock() failed: No such file or directory", adding);
     EXPECT_EQ("lock() failed: No such file or directory", rebuilding);
     EXPECT_EQ("lock() failed: No such file or directory", removing);
@@ -773,7 +783,10 @@ protected:
     DatabaseHelperPostfixTest() { support::ageMainCf(); }
 
     /// The table's records, sorted.
-    std::string content() const { return support::outputOf("/usr/sbin/postmap -s " + table_ + " | sort"); }
+    std::string content() const
+    {
+        return support::outputOf(support::postmapPath + std::string(" -s ") + table_ + " | sort");
+    }
 
     void replace(const RecordList& records) const
     {
@@ -784,8 +797,8 @@ protected:
         DatabaseHelper::addRecords(table_, records.begin(), records.end());
     }
 
-    const std::string source_ = "/var/spool/postfix/zorvo/test_maps";
-    const std::string table_ = "hash:" + source_;
+    const std::string source_ = support::spoolDirectory + std::string("/test_maps");
+    const std::string table_ = support::tableType + source_;
 };
 
 TEST_F(DatabaseHelperPostfixTest, RebuiltTableHoldsExactlyTheRecords)
@@ -796,7 +809,8 @@ TEST_F(DatabaseHelperPostfixTest, RebuiltTableHoldsExactlyTheRecords)
     EXPECT_EQ("c\t3\n", content());
     replace({});
     EXPECT_EQ("", content());
-    EXPECT_EQ(std::set<std::string>{"test_maps.db"}, support::namesIn("/var/spool/postfix/zorvo"));
+    EXPECT_EQ(std::set<std::string>{std::filesystem::path(support::databaseOf(table_)).filename()},
+              support::namesIn(support::spoolDirectory));
 }
 
 TEST_F(DatabaseHelperPostfixTest, AddedRecordsAreMergedAndReplaceTheirKey)
@@ -805,7 +819,8 @@ TEST_F(DatabaseHelperPostfixTest, AddedRecordsAreMergedAndReplaceTheirKey)
     add({{"b", "22"}, {"c", "3"}});
     EXPECT_EQ("a\t1\nb\t22\nc\t3\n", content());
     DatabaseHelper::addRecord(table_, "@example.org", "zorvo-192.0.2.1-:");
-    EXPECT_EQ("zorvo-192.0.2.1-:\n", support::outputOf("/usr/sbin/postmap -q @example.org " + table_));
+    EXPECT_EQ("zorvo-192.0.2.1-:\n",
+              support::outputOf(support::postmapPath + std::string(" -q @example.org ") + table_));
 }
 
 TEST_F(DatabaseHelperPostfixTest, AddingMakesAMissingTable)

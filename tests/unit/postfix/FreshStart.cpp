@@ -1,11 +1,9 @@
 #include "unit/postfix/FreshStart.h"
 
-#include "unit/postfix/PostfixTestTools.h"
-
 #include "support/Child.h"
+#include "support/FixedPaths.h"
+#include "support/RealPostfix.h"
 #include "support/ScratchDir.h"
-
-#include <unistd.h>
 
 #include <filesystem>
 #include <map>
@@ -38,23 +36,16 @@ class SandboxGuard : public testing::Environment {
 public:
     void SetUp() override
     {
-        if (::access("/run/sandbox", F_OK) != 0)
+        if (!fs::exists(sandboxDirectory))
             FAIL() << "run this through scripts/sandbox";
     }
 };
 const testing::Environment* const sandboxGuard = testing::AddGlobalTestEnvironment(new SandboxGuard);
 
-void makeEmpty(const std::string& directory)
-{
-    fs::create_directories(directory);
-    for (const auto& entry : fs::directory_iterator(directory))
-        fs::remove_all(entry.path());
-}
-
 class FreshFiles : public testing::EmptyTestEventListener {
     void OnTestProgramStart(const testing::UnitTest& /*program*/) override
     {
-        for (const char* const path : {"/etc/postfix/main.cf", "/etc/postfix/master.cf"})
+        for (const char* const path : {mainCfPath, masterCfPath})
             if (fs::exists(path))
                 originals_[path] = readFile(path);
     }
@@ -67,9 +58,9 @@ class FreshFiles : public testing::EmptyTestEventListener {
             writeFile(path, content);
         }
         ageMainCf();
-        makeEmpty("/run/lock/files");
-        makeEmpty("/var/spool/postfix/zorvo");
-        fs::remove_all("/var/spool/postfix/pid/master.pid");
+        emptyDirectory(lockDirectory);
+        emptyDirectory(spoolDirectory);
+        fs::remove_all(pidFilePath);
     }
 
     std::map<std::string, std::string> originals_;

@@ -7,6 +7,11 @@
 #include "unit/postfix/PostfixTestTools.h"
 #include "unit/postfix/ToolStandIns.h"
 
+#include "support/FixedPaths.h"
+#include "support/LockFiles.h"
+#include "support/RealPostfix.h"
+#include "support/ScratchDir.h"
+
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -23,8 +28,7 @@ using namespace zorvo::mail::postfix;
 using List = std::deque<std::string>;
 using CommandLines = std::vector<std::vector<std::string>>;
 
-const char* const mainCfLock =
-    "/run/lock/files/7963c3b4b0754641744c1ae241e19575"; // MD5 of /etc/postfix/main.cf
+const std::string mainCfLock = support::lockFileOf(support::mainCfPath);
 
 class MainCfListTest : public support::FreshProcessTest {
 protected:
@@ -32,7 +36,7 @@ protected:
     {
         tools_.replace(postconfPath);
         tools_.probeLock(mainCfLock);
-        tools_.answer(postconfPath, {"-h", "config_directory"}, ToolAnswer::prints("/etc/postfix\n"));
+        tools_.answer(postconfPath, {"-h", "config_directory"}, ToolAnswer::directory());
     }
 
     /// The instance, before a parameter of the value `value`.
@@ -495,7 +499,7 @@ protected:
     {
         std::string kept =
             support::outputOf("grep -vE '^(mynetworks|smtpd_recipient_restrictions) ' /etc/postfix/main.cf");
-        support::writeFile("/etc/postfix/main.cf", kept + text);
+        support::writeFile(support::mainCfPath, kept + text);
         support::ageMainCf();
     }
 
@@ -520,7 +524,8 @@ PROCESS_TEST_F(MainCfListPostfixTest, NetworkIsAppendedAndRemoved)
     EXPECT_TRUE(manager().removeListElement("mynetworks", "[::1]/128"));
     EXPECT_EQ("mynetworks = 127.0.0.0/8, 192.0.2.0/24\n", line("mynetworks"));
     support::ageMainCf();
-    EXPECT_EQ("127.0.0.0/8, 192.0.2.0/24\n", support::outputOf("/usr/sbin/postconf -h mynetworks"));
+    EXPECT_EQ("127.0.0.0/8, 192.0.2.0/24\n",
+              support::outputOf(support::postconfPath + std::string(" -h mynetworks")));
 }
 
 // The default becomes explicit although its element is there already.
@@ -557,15 +562,15 @@ PROCESS_TEST_F(MainCfListPostfixTest, MultiLineValueIsReadAndNormalised)
     EXPECT_TRUE(manager().removeListElement("smtpd_recipient_restrictions", "permit_sasl_authenticated"));
     EXPECT_EQ("smtpd_recipient_restrictions = permit_mynetworks, reject\n",
               line("smtpd_recipient_restrictions"));
-    EXPECT_EQ(std::string::npos, support::readFile("/etc/postfix/main.cf").find("\treject"));
+    EXPECT_EQ(std::string::npos, support::readFile(support::mainCfPath).find("\treject"));
 }
 
 PROCESS_TEST_F(MainCfListPostfixTest, AbsentElementLeavesMainCfUntouched)
 {
     set("mynetworks = 127.0.0.0/8,, [::1]/128\n");
-    const std::string before = support::readFile("/etc/postfix/main.cf");
+    const std::string before = support::readFile(support::mainCfPath);
     EXPECT_FALSE(manager().removeListElement("mynetworks", "192.0.2.0/24"));
-    EXPECT_EQ(before, support::readFile("/etc/postfix/main.cf"));
+    EXPECT_EQ(before, support::readFile(support::mainCfPath));
 }
 
 PROCESS_TEST_F(MainCfListPostfixTest, EmptyListIsAnEmptyValue)

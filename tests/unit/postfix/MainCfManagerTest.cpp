@@ -8,7 +8,13 @@
 #include "unit/postfix/ToolStandIns.h"
 
 #include "support/Capture.h"
+#include "support/Child.h"
+#include "support/FixedPaths.h"
+#include "support/HeldLock.h"
+#include "support/LockFiles.h"
 #include "support/OpenFds.h"
+#include "support/RealPostfix.h"
+#include "support/ScratchDir.h"
 
 #include <gtest/gtest.h>
 
@@ -21,6 +27,8 @@
 
 namespace {
 
+using support::askDefaultDirectory;
+using support::askDirectory;
 using support::exactMessageOf;
 using support::messageOf;
 using support::postconfPath;
@@ -29,11 +37,7 @@ using namespace zorvo::mail::postfix;
 
 using CommandLines = std::vector<std::vector<std::string>>;
 
-const std::vector<std::string> directoryQuery{postconfPath, "-h", "config_directory"};
-const std::vector<std::string> defaultDirectoryQuery{postconfPath, "-h", "-d", "config_directory"};
-
-const char* const mainCfLock =
-    "/run/lock/files/7963c3b4b0754641744c1ae241e19575"; // MD5 of /etc/postfix/main.cf
+const std::string mainCfLock = support::lockFileOf(support::mainCfPath);
 
 /// With postconf replaced.
 class MainCfManagerTest : public support::FreshProcessTest {
@@ -47,7 +51,7 @@ protected:
     /// The instance, its own question forgotten.
     MainCfManager& manager()
     {
-        tools_.answerOnce(postconfPath, ToolAnswer::prints("/etc/postfix\n"));
+        tools_.answerOnce(postconfPath, ToolAnswer::directory());
         MainCfManager& instance = MainCfManager::getInstance();
         tools_.forget();
         return instance;
@@ -67,36 +71,36 @@ protected:
 
 PROCESS_TEST_F(MainCfManagerTest, InstanceAsksForTheDirectoryOnce)
 {
-    tools_.answer(postconfPath, ToolAnswer::prints("/etc/postfix\n"));
+    tools_.answer(postconfPath, ToolAnswer::directory());
     MainCfManager& first = MainCfManager::getInstance();
     MainCfManager& second = MainCfManager::getInstance();
     EXPECT_EQ(&first, &second);
-    EXPECT_EQ((CommandLines{directoryQuery}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{askDirectory}), tools_.commandLines());
 }
 
 PROCESS_TEST_F(MainCfManagerTest, FailedQuestionFallsBackToTheBuiltInDirectory)
 {
     tools_.answerOnce(postconfPath, ToolAnswer::fails(1, "postconf: fatal: text\n"));
-    tools_.answerOnce(postconfPath, ToolAnswer::prints("/etc/postfix\n"));
+    tools_.answerOnce(postconfPath, ToolAnswer::directory());
     MainCfManager::getInstance();
-    EXPECT_EQ((CommandLines{directoryQuery, defaultDirectoryQuery}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{askDirectory, askDefaultDirectory}), tools_.commandLines());
 }
 
 // A killed tool and an output that is judged bad are failed questions too.
 PROCESS_TEST_F(MainCfManagerTest, KilledQuestionFallsBackToTheBuiltInDirectory)
 {
     tools_.answerOnce(postconfPath, ToolAnswer::dies(SIGKILL, ""));
-    tools_.answerOnce(postconfPath, ToolAnswer::prints("/etc/postfix\n"));
+    tools_.answerOnce(postconfPath, ToolAnswer::directory());
     MainCfManager::getInstance();
-    EXPECT_EQ((CommandLines{directoryQuery, defaultDirectoryQuery}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{askDirectory, askDefaultDirectory}), tools_.commandLines());
 }
 
 PROCESS_TEST_F(MainCfManagerTest, QuestionWithBadOutputFallsBackToTheBuiltInDirectory)
 {
     tools_.answerOnce(postconfPath, ToolAnswer::fails(0, "postconf: error: text\n"));
-    tools_.answerOnce(postconfPath, ToolAnswer::prints("/etc/postfix\n"));
+    tools_.answerOnce(postconfPath, ToolAnswer::directory());
     MainCfManager::getInstance();
-    EXPECT_EQ((CommandLines{directoryQuery, defaultDirectoryQuery}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{askDirectory, askDefaultDirectory}), tools_.commandLines());
 }
 
 PROCESS_TEST_F(MainCfManagerTest, FailureOfBothQuestionsIsTheSecondOne)
@@ -104,7 +108,7 @@ PROCESS_TEST_F(MainCfManagerTest, FailureOfBothQuestionsIsTheSecondOne)
     tools_.answerOnce(postconfPath, ToolAnswer::fails(1, "first"));
     tools_.answerOnce(postconfPath, ToolAnswer::fails(1, "second"));
     EXPECT_EQ("second", exactMessageOf<PostfixConfigurationError>([] { MainCfManager::getInstance(); }));
-    EXPECT_EQ((CommandLines{directoryQuery, defaultDirectoryQuery}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{askDirectory, askDefaultDirectory}), tools_.commandLines());
 }
 
 // An empty answer is an answer: the built-in directory is not asked for.
@@ -113,7 +117,7 @@ PROCESS_TEST_F(MainCfManagerTest, EmptyDirectoryIsAnErrorAtOnce)
     tools_.answerOnce(postconfPath, ToolAnswer::prints(" \n"));
     EXPECT_EQ("unable to determine Postfix config_directory parameter",
               exactMessageOf<PostfixConfigurationError>([] { MainCfManager::getInstance(); }));
-    EXPECT_EQ((CommandLines{directoryQuery}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{askDirectory}), tools_.commandLines());
 }
 
 PROCESS_TEST_F(MainCfManagerTest, EmptyBuiltInDirectoryIsAnError)
@@ -121,17 +125,17 @@ PROCESS_TEST_F(MainCfManagerTest, EmptyBuiltInDirectoryIsAnError)
     tools_.answerOnce(postconfPath, ToolAnswer::fails(1, "first"));
     EXPECT_EQ("unable to determine Postfix config_directory parameter",
               exactMessageOf<PostfixConfigurationError>([] { MainCfManager::getInstance(); }));
-    EXPECT_EQ((CommandLines{directoryQuery, defaultDirectoryQuery}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{askDirectory, askDefaultDirectory}), tools_.commandLines());
 }
 
 PROCESS_TEST_F(MainCfManagerTest, FailedInstanceIsTriedAgainByTheNextCall)
 {
     EXPECT_EQ("unable to determine Postfix config_directory parameter",
               exactMessageOf<PostfixConfigurationError>([] { MainCfManager::getInstance(); }));
-    tools_.answerOnce(postconfPath, ToolAnswer::prints("/etc/postfix\n"));
+    tools_.answerOnce(postconfPath, ToolAnswer::directory());
     MainCfManager::getInstance();
     MainCfManager::getInstance();
-    EXPECT_EQ((CommandLines{directoryQuery, directoryQuery}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{askDirectory, askDirectory}), tools_.commandLines());
 }
 
 class MainCfManagerLaunchTest : public support::FreshProcessTest {};
@@ -318,7 +322,7 @@ PROCESS_TEST_F(MainCfManagerTest, ReadsTakeNoLock)
     m.getStringValue("x", true, true);
     m.isParamExists("x");
     m.isValueConfigured("x");
-    EXPECT_TRUE(support::namesIn("/run/lock/files").empty());
+    EXPECT_TRUE(support::namesIn(support::lockDirectory).empty());
     const support::HeldLock lock(mainCfLock);
     ::alarm(20);
     m.getStringValue("x", true, true);
@@ -426,11 +430,11 @@ PROCESS_TEST_F(MainCfManagerTest, ChangeWaitsForTheLock)
 PROCESS_TEST_F(MainCfManagerTest, ChangeWithoutALockDoesNotRun)
 {
     MainCfManager& m = manager();
-    std::filesystem::remove_all("/run/lock/files");
+    std::filesystem::remove_all(support::lockDirectory);
     support::Capture capture;
     const std::string message = exactMessageOf<zorvo::SystemError>([&] { m.removeKey("x"); });
     capture.stop();
-    std::filesystem::create_directory("/run/lock/files");
+    std::filesystem::create_directory(support::lockDirectory);
     EXPECT_EQ("lock() failed: No such file or directory", message);
     EXPECT_TRUE(tools_.calls().empty());
 }
@@ -482,7 +486,7 @@ PROCESS_TEST_F(MainCfManagerLaunchTest, ToolThatCannotBeStartedForAChangeFreesTh
 {
     support::ToolStandIns tools;
     tools.replace(postconfPath);
-    tools.answer(postconfPath, ToolAnswer::prints("/etc/postfix\n"));
+    tools.answer(postconfPath, ToolAnswer::directory());
     MainCfManager& m = MainCfManager::getInstance();
     tools.breakTool(postconfPath);
     EXPECT_EQ("execv: Permission denied: Permission denied",
@@ -578,7 +582,7 @@ protected:
 
     static void append(const std::string& text)
     {
-        support::writeFile("/etc/postfix/main.cf", support::readFile("/etc/postfix/main.cf") + text);
+        support::writeFile(support::mainCfPath, support::readFile(support::mainCfPath) + text);
         support::ageMainCf();
     }
 };
@@ -626,19 +630,19 @@ PROCESS_TEST_F(MainCfManagerPostfixTest, KnownParameterNeedNotBeConfigured)
 
 PROCESS_TEST_F(MainCfManagerPostfixTest, ValueIsSetAndRemoved)
 {
-    const std::string before = support::readFile("/etc/postfix/main.cf");
+    const std::string before = support::readFile(support::mainCfPath);
     manager().replaceStringValue("smtp_bind_address", "192.0.2.1");
-    EXPECT_EQ(before + "smtp_bind_address = 192.0.2.1\n", support::readFile("/etc/postfix/main.cf"));
+    EXPECT_EQ(before + "smtp_bind_address = 192.0.2.1\n", support::readFile(support::mainCfPath));
     manager().removeKey("smtp_bind_address");
-    EXPECT_EQ(before, support::readFile("/etc/postfix/main.cf"));
+    EXPECT_EQ(before, support::readFile(support::mainCfPath));
 }
 
 // Removing what is not set is not an error.
 PROCESS_TEST_F(MainCfManagerPostfixTest, UnsetParameterIsRemovedSilently)
 {
-    const std::string before = support::readFile("/etc/postfix/main.cf");
+    const std::string before = support::readFile(support::mainCfPath);
     manager().removeKey("smtp_bind_address");
-    EXPECT_EQ(before, support::readFile("/etc/postfix/main.cf"));
+    EXPECT_EQ(before, support::readFile(support::mainCfPath));
 }
 
 PROCESS_TEST_F(MainCfManagerPostfixTest, EmptyValueIsSetExplicitly)
@@ -652,16 +656,16 @@ PROCESS_TEST_F(MainCfManagerPostfixTest, EmptyValueIsSetExplicitly)
 // The tool cannot write: its own words are the message, and main.cf is as before.
 PROCESS_TEST_F(MainCfManagerPostfixTest, ImpossibleNameIsTheToolsError)
 {
-    const std::string before = support::readFile("/etc/postfix/main.cf");
+    const std::string before = support::readFile(support::mainCfPath);
     EXPECT_EQ("/usr/sbin/postconf: fatal: missing '=' after attribute name: \"no equals sign=\"\n",
               exactMessageOf<PostfixConfigurationError>(
                   [] { manager().replaceStringValue("no equals sign", ""); }));
-    EXPECT_EQ(before, support::readFile("/etc/postfix/main.cf"));
+    EXPECT_EQ(before, support::readFile(support::mainCfPath));
 }
 
 PROCESS_TEST_F(MainCfManagerPostfixTest, MissingMainCfFallsBackToTheBuiltInDirectory)
 {
-    std::filesystem::remove("/etc/postfix/main.cf");
+    std::filesystem::remove(support::mainCfPath);
     MainCfManager& m = MainCfManager::getInstance();
     const std::string message =
         messageOf<PostfixConfigurationError>([&] { m.getStringValue("relayhost", false, false); });

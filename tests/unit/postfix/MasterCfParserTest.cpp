@@ -4,7 +4,11 @@
 #include "postfix/PostfixError.h"
 #include "unit/postfix/PostfixTestTools.h"
 
+#include "support/FixedPaths.h"
+#include "support/HeldLock.h"
+#include "support/LockFiles.h"
 #include "support/OpenFds.h"
+#include "support/RealPostfix.h"
 #include "support/ScratchDir.h"
 
 #include <gtest/gtest.h>
@@ -693,7 +697,7 @@ TEST_F(MasterCfParserTest, LoadingDoesNotWaitForTheLock)
 
 TEST_F(MasterCfParserTest, StockMasterCfSurvives)
 {
-    const std::string stock = support::readFile("/etc/postfix/master.cf");
+    const std::string stock = support::readFile(support::masterCfPath);
     ASSERT_LT(5000U, stock.size());
     EXPECT_EQ(stock, roundTrip(stock));
 }
@@ -702,7 +706,7 @@ TEST_F(MasterCfParserTest, StockMasterCfSurvives)
 TEST_F(MasterCfParserTest, StockMasterCfIsReadAsPostfixReadsIt)
 {
     std::set<std::string> expected;
-    std::istringstream postconf(support::outputOf("/usr/sbin/postconf -M"));
+    std::istringstream postconf(support::outputOf(support::postconfPath + std::string(" -M")));
     for (std::string line; std::getline(postconf, line);) {
         std::istringstream words(line);
         std::string canonicalLine;
@@ -711,7 +715,7 @@ TEST_F(MasterCfParserTest, StockMasterCfIsReadAsPostfixReadsIt)
         expected.insert(canonicalLine);
     }
     MasterCfContent content;
-    ModuleManager::loadMasterCf("/etc/postfix/master.cf", content);
+    ModuleManager::loadMasterCf(support::masterCfPath, content);
     std::set<std::string> found;
     for (const ModuleInfo& info : content.modules())
         found.insert(formatServiceLine(info));

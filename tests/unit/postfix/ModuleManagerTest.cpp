@@ -3,11 +3,17 @@
 
 #include "common/SystemError.h"
 #include "postfix/PostfixError.h"
-#include "unit/postfix/FreshStart.h"
+#include "unit/postfix/OwnMasterCf.h"
 #include "unit/postfix/PostfixTestTools.h"
-#include "unit/postfix/ToolStandIns.h"
 
+#include "support/Capture.h"
+#include "support/Child.h"
+#include "support/FixedPaths.h"
+#include "support/HeldLock.h"
+#include "support/LockFiles.h"
+#include "support/Mounts.h"
 #include "support/OpenFds.h"
+#include "support/RealPostfix.h"
 #include "support/ScratchDir.h"
 
 #include <gmock/gmock.h>
@@ -28,13 +34,12 @@
 namespace {
 
 using boost::logic::indeterminate;
+using support::disabledPath;
 using support::exactMessageOf;
 using support::messageOf;
 using support::ToolAnswer;
 using testing::MatchesRegex;
 using namespace zorvo::mail::postfix;
-
-const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
 
 ModuleInfo service(const std::string& name, ModuleType type, const std::string& command)
 {
@@ -159,16 +164,13 @@ TEST_F(StoreMasterCfTest, NothingElseIsLeftBehind)
 TEST_F(StoreMasterCfTest, LockFileIsNamedByThePath)
 {
     stored({"# a"});
-    EXPECT_EQ(
-        std::set<std::string>{support::lockFileOf(path_).substr(std::string("/run/lock/files/").size())},
-        support::namesIn("/run/lock/files"));
+    EXPECT_EQ(std::set<std::string>{support::lockNameOf(path_)}, support::namesIn(support::lockDirectory));
     EXPECT_TRUE(support::lockIsFree(support::lockFileOf(path_)));
 }
 
 TEST_F(StoreMasterCfTest, LockFileOfMasterCfHasItsKnownName)
 {
-    EXPECT_EQ("/run/lock/files/b4b19c3e41d17f125e8aaa4dfa930c93",
-              support::lockFileOf("/etc/postfix/master.cf"));
+    EXPECT_EQ("/run/lock/files/b4b19c3e41d17f125e8aaa4dfa930c93", support::lockFileOf(support::masterCfPath));
 }
 
 TEST_F(StoreMasterCfTest, StoringWaitsForTheLock)
@@ -199,11 +201,11 @@ TEST_F(StoreMasterCfTest, StoringDoesNotWaitForAnotherLock)
 TEST_F(StoreMasterCfTest, MissingLockDirectoryIsAFailedLock)
 {
     support::writeFile(path_, "old\n");
-    std::filesystem::remove_all("/run/lock/files");
+    std::filesystem::remove_all(support::lockDirectory);
     support::Capture capture;
     const std::string message = exactMessageOf<zorvo::SystemError>([this] { stored({"new"}); });
     const std::string report = capture.err();
-    std::filesystem::create_directory("/run/lock/files");
+    std::filesystem::create_directory(support::lockDirectory);
     EXPECT_EQ("lock() failed: No such file or directory", message);
     EXPECT_EQ("Unable to open file \"" + support::lockFileOf(path_) +
                   "\": No such file or directory.\nSystem error 2: No such file or directory\n",
@@ -351,15 +353,8 @@ TEST_F(StoreMasterCfTest, FailedCloseKeepsTheOldFile)
 
 // --- the manager
 
-class ModuleManagerTest : public support::FreshProcessTest {
+class ModuleManagerTest : public support::OwnMasterCfTest {
 protected:
-    ModuleManagerTest()
-    {
-        tools_.replace(support::postconfPath);
-        tools_.answer(support::postconfPath, {"-h", "config_directory"},
-                      ToolAnswer::prints(scratch_.path() + "\n"));
-    }
-
     static ModuleManager& manager() { return ModuleManager::getInstance(); }
 
     ModuleManager& loaded(const std::string& enabled)
@@ -375,7 +370,6 @@ protected:
         return loaded(enabled);
     }
 
-    std::string enabledFile() const { return support::readFile(path_); }
     static std::string disabledFile() { return support::readFile(disabledPath); }
     static bool hasDisabledFile() { return std::filesystem::exists(disabledPath); }
 
@@ -387,10 +381,6 @@ protected:
             throw std::runtime_error("cannot stat " + path);
         return status.st_ino;
     }
-
-    support::ScratchDir scratch_;
-    support::ToolStandIns tools_;
-    const std::string path_ = scratch_.file("master.cf");
 };
 
 const char* const notLoaded = "modules configuration isn't loaded yet";
@@ -401,19 +391,19 @@ PROCESS_TEST_F(ModuleManagerTest, InstanceIsMadeOnceAndAsksForTheDirectoryItself
     ModuleManager& second = ModuleManager::getInstance();
     EXPECT_EQ(&first, &second);
     // MainCfManager asked once for itself, and the new manager once more.
-    const std::vector<std::string> query{support::postconfPath, "-h", "config_directory"};
-    EXPECT_EQ((std::vector<std::vector<std::string>>{query, query}), tools_.commandLines());
+    EXPECT_EQ((std::vector<std::vector<std::string>>{support::askDirectory, support::askDirectory}),
+              tools_.commandLines());
 }
 
 // The manager's own question has no fallback, unlike the one of MainCfManager before it.
 PROCESS_TEST_F(ModuleManagerTest, FailedQuestionForTheDirectoryIsPassedOnAndAskedAgain)
 {
-    tools_.answerOnce(support::postconfPath, ToolAnswer::prints("/etc/postfix\n"));
+    tools_.answerOnce(support::postconfPath, ToolAnswer::directory());
     tools_.answerOnce(support::postconfPath, ToolAnswer::fails(1, "postconf: fatal: text\n"));
     EXPECT_EQ("postconf: fatal: text\n",
               exactMessageOf<PostfixConfigurationError>([] { ModuleManager::getInstance(); }));
     EXPECT_EQ(2U, tools_.calls().size());
-    EXPECT_EQ("# a\n", (loaded("# a\n").storeModules(true), enabledFile()));
+    EXPECT_EQ("# a\n", (loaded("# a\n").storeModules(true), masterCf()));
     EXPECT_EQ(3U, tools_.calls().size());
 }
 
@@ -438,7 +428,7 @@ PROCESS_TEST_F(ModuleManagerTest, EverythingNeedsTheFilesToBeLoaded)
     EXPECT_EQ(notLoaded, exactMessageOf<std::logic_error>([&] { m.enableModule("x", ModuleType::Unix); }));
     EXPECT_EQ(notLoaded, exactMessageOf<std::logic_error>([&] { m.disableModule("x", ModuleType::Unix); }));
     EXPECT_EQ(notLoaded, exactMessageOf<std::logic_error>([&] { m.enabledContent(); }));
-    EXPECT_EQ("# a\n", enabledFile());
+    EXPECT_EQ("# a\n", masterCf());
     EXPECT_FALSE(hasDisabledFile());
 }
 
@@ -508,7 +498,7 @@ PROCESS_TEST_F(ModuleManagerTest, FailedForcedLoadKeepsEverything)
     EXPECT_TRUE(m.hasModule("c", ModuleType::Unix, false));
     EXPECT_FALSE(m.hasModule("d", ModuleType::Unix, false));
     m.storeModules(false);
-    EXPECT_EQ("a unix - - n - - x\n\nedit unix - - n - - y\n", enabledFile());
+    EXPECT_EQ("a unix - - n - - x\n\nedit unix - - n - - y\n", masterCf());
 }
 
 PROCESS_TEST_F(ModuleManagerTest, BrokenDisabledFileIsNamed)
@@ -524,7 +514,7 @@ PROCESS_TEST_F(ModuleManagerTest, BrokenDisabledFileLeavesMasterCfLoaded)
     EXPECT_TRUE(manager().hasModule("a", ModuleType::Unix, true));
     manager().loadModules(false);
     manager().storeModules(true);
-    EXPECT_EQ("a unix - - n - - x\n", enabledFile());
+    EXPECT_EQ("a unix - - n - - x\n", masterCf());
     EXPECT_EQ("# b\nBad\n", disabledFile());
 }
 
@@ -652,10 +642,10 @@ PROCESS_TEST_F(ModuleManagerTest, UnchangedFilesAreNotWritten)
     m.storeModules(false);
     EXPECT_EQ(enabledBefore, inode(path_));
     EXPECT_EQ(disabledBefore, inode(disabledPath));
-    EXPECT_EQ("a unix - - n - - x\n\n\n", enabledFile());
+    EXPECT_EQ("a unix - - n - - x\n\n\n", masterCf());
     EXPECT_EQ("b unix - - n - - x\n\n\n", disabledFile());
     EXPECT_EQ(0600U, support::modeOf(path_));
-    EXPECT_TRUE(support::namesIn("/run/lock/files").empty());
+    EXPECT_TRUE(support::namesIn(support::lockDirectory).empty());
 }
 
 PROCESS_TEST_F(ModuleManagerTest, ForcedStoreWritesBothFiles)
@@ -664,7 +654,7 @@ PROCESS_TEST_F(ModuleManagerTest, ForcedStoreWritesBothFiles)
     ASSERT_EQ(0, ::chmod(path_.c_str(), 0600));
     ASSERT_EQ(0, ::chmod(disabledPath, 0600));
     m.storeModules(true);
-    EXPECT_EQ("a unix - - n - - x\n", enabledFile());
+    EXPECT_EQ("a unix - - n - - x\n", masterCf());
     EXPECT_EQ("b unix - - n - - x\n", disabledFile());
     EXPECT_EQ(0644U, support::modeOf(path_));
     EXPECT_EQ(0644U, support::modeOf(disabledPath));
@@ -681,7 +671,7 @@ PROCESS_TEST_F(ModuleManagerTest, OnlyTheChangedFileIsWritten)
     const ino_t disabledBefore = inode(disabledPath);
     m.addModule(service("d", ModuleType::Unix, "y"), true);
     m.storeModules(false);
-    EXPECT_EQ("a unix - - n - - x\n\nd unix - - n - - y\n", enabledFile());
+    EXPECT_EQ("a unix - - n - - x\n\nd unix - - n - - y\n", masterCf());
     EXPECT_EQ(disabledBefore, inode(disabledPath));
 }
 
@@ -702,10 +692,8 @@ PROCESS_TEST_F(ModuleManagerTest, EachFileIsStoredUnderItsOwnLock)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "b unix - - n - - x\n");
     m.storeModules(true);
-    const size_t prefix = std::string("/run/lock/files/").size();
-    EXPECT_EQ((std::set<std::string>{support::lockFileOf(path_).substr(prefix),
-                                     support::lockFileOf(disabledPath).substr(prefix)}),
-              support::namesIn("/run/lock/files"));
+    EXPECT_EQ((std::set<std::string>{support::lockNameOf(path_), support::lockNameOf(disabledPath)}),
+              support::namesIn(support::lockDirectory));
 }
 
 // master.cf first: when it cannot be stored, the disabled file is not touched, and both changes stay to be
@@ -720,7 +708,7 @@ PROCESS_TEST_F(ModuleManagerTest, FailedStoreStopsAndKeepsTheChanges)
     EXPECT_EQ("b unix - - n - - x\n", disabledFile());
     std::filesystem::remove(path_);
     m.storeModules(false);
-    EXPECT_EQ("\n", enabledFile());
+    EXPECT_EQ("\n", masterCf());
     EXPECT_EQ("b unix - - n - - x\n\na unix - - n - - x\n", disabledFile());
 }
 
@@ -731,7 +719,7 @@ PROCESS_TEST_F(ModuleManagerTest, FailureOfTheSecondFileLeavesTheFirstStored)
     std::filesystem::remove(disabledPath);
     std::filesystem::create_directory(disabledPath);
     EXPECT_THROW(m.storeModules(false), zorvo::mail::FSError);
-    EXPECT_EQ("# end\n", enabledFile());
+    EXPECT_EQ("# end\n", masterCf());
     const ino_t enabledBefore = inode(path_);
     std::filesystem::remove(disabledPath);
     m.storeModules(false);
@@ -744,7 +732,7 @@ PROCESS_TEST_F(ModuleManagerTest, LastServiceGoneLeavesAnEmptyFile)
     ModuleManager& m = loaded("a unix - - n - - x");
     m.removeModule("a", ModuleType::Unix);
     m.storeModules(false);
-    EXPECT_EQ("", enabledFile());
+    EXPECT_EQ("", masterCf());
 }
 
 // --- looking up
@@ -828,7 +816,7 @@ PROCESS_TEST_F(ModuleManagerTest, NewServiceIsAppendedInCanonicalForm)
     info.command.push_back("-v");
     m.addModule(info, true);
     m.storeModules(false);
-    EXPECT_EQ("a unix - - n - - x\nb unix-dgram y - n 60? - y -v\n", enabledFile());
+    EXPECT_EQ("a unix - - n - - x\nb unix-dgram y - n 60? - y -v\n", masterCf());
     EXPECT_FALSE(hasDisabledFile());
 }
 
@@ -839,7 +827,7 @@ PROCESS_TEST_F(ModuleManagerTest, NewServiceComesAfterTheEmptyLastLine)
     m.addModule(service("b", ModuleType::Unix, "y"), true);
     m.addModule(service("c", ModuleType::Unix, "y"), true);
     m.storeModules(false);
-    EXPECT_EQ("a unix - - n - - x\n\nb unix - - n - - y\nc unix - - n - - y\n", enabledFile());
+    EXPECT_EQ("a unix - - n - - x\n\nb unix - - n - - y\nc unix - - n - - y\n", masterCf());
 }
 
 PROCESS_TEST_F(ModuleManagerTest, KnownServiceIsReplacedInPlace)
@@ -847,7 +835,7 @@ PROCESS_TEST_F(ModuleManagerTest, KnownServiceIsReplacedInPlace)
     ModuleManager& m = loaded("# top\na   unix - - n - - x\n  -o b=c\n# end\n");
     m.addModule(service("a", ModuleType::Unix, "y"), true);
     m.storeModules(false);
-    EXPECT_EQ("# top\na unix - - n - - y\n# end\n", enabledFile());
+    EXPECT_EQ("# top\na unix - - n - - y\n# end\n", masterCf());
 }
 
 PROCESS_TEST_F(ModuleManagerTest, AddingAnEnabledServiceTakesItFromTheDisabled)
@@ -856,7 +844,7 @@ PROCESS_TEST_F(ModuleManagerTest, AddingAnEnabledServiceTakesItFromTheDisabled)
     m.addModule(service("a", ModuleType::Unix, "new"), true);
     EXPECT_FALSE(m.hasModule("a", ModuleType::Unix, false));
     m.storeModules(false);
-    EXPECT_EQ("# e\n\na unix - - n - - new\n", enabledFile());
+    EXPECT_EQ("# e\n\na unix - - n - - new\n", masterCf());
     EXPECT_EQ("# d\n", disabledFile());
 }
 
@@ -877,7 +865,7 @@ PROCESS_TEST_F(ModuleManagerTest, AddingADisabledServiceTakesItFromMasterCf)
     m.addModule(service("a", ModuleType::Unix, "new"), false);
     EXPECT_FALSE(m.hasModule("a", ModuleType::Unix, true));
     m.storeModules(false);
-    EXPECT_EQ("# e\n# end\n", enabledFile());
+    EXPECT_EQ("# e\n# end\n", masterCf());
     EXPECT_EQ("a unix - - n - - new\n", disabledFile());
     EXPECT_EQ(0644U, support::modeOf(disabledPath));
 }
@@ -908,7 +896,7 @@ PROCESS_TEST_F(ModuleManagerTest, ServiceIsRemovedFromBothSets)
     m.removeModule("a", ModuleType::Unix);
     EXPECT_FALSE(m.hasModule("a", ModuleType::Unix, indeterminate));
     m.storeModules(false);
-    EXPECT_EQ("# e\n", enabledFile());
+    EXPECT_EQ("# e\n", masterCf());
     EXPECT_EQ("# d\n", disabledFile());
 }
 
@@ -918,7 +906,7 @@ PROCESS_TEST_F(ModuleManagerTest, RemovingAnEnabledServiceChangesMasterCfOnly)
     const ino_t before = inode(disabledPath);
     m.removeModule("a", ModuleType::Unix);
     m.storeModules(false);
-    EXPECT_EQ("# e\n", enabledFile());
+    EXPECT_EQ("# e\n", masterCf());
     EXPECT_EQ(before, inode(disabledPath));
 }
 
@@ -950,7 +938,7 @@ PROCESS_TEST_F(ModuleManagerTest, RemovingWorksWithoutDisabledServices)
     m.removeModule("a", ModuleType::Unix);
     m.removeModule("b", ModuleType::Unix);
     m.storeModules(false);
-    EXPECT_EQ("# e\n", enabledFile());
+    EXPECT_EQ("# e\n", masterCf());
     EXPECT_FALSE(hasDisabledFile());
 }
 
@@ -970,7 +958,7 @@ PROCESS_TEST_F(ModuleManagerTest, DisabledServiceMovesWithItsText)
     EXPECT_FALSE(m.hasModule("sub", ModuleType::Inet, true));
     EXPECT_TRUE(m.hasModule("sub", ModuleType::Inet, false));
     m.storeModules(false);
-    EXPECT_EQ("# above\n# below\n", enabledFile());
+    EXPECT_EQ("# above\n# below\n", masterCf());
     EXPECT_EQ(std::string(entryWithComments) + "\n", disabledFile());
 }
 
@@ -984,7 +972,7 @@ PROCESS_TEST_F(ModuleManagerTest, ReenabledServiceKeepsItsTextAtTheEnd)
     EXPECT_TRUE(m.hasModule("sub", ModuleType::Inet, true));
     EXPECT_FALSE(m.hasModule("sub", ModuleType::Inet, false));
     m.storeModules(false);
-    EXPECT_EQ(std::string("# above\n# below\n\n") + entryWithComments + "\n", enabledFile());
+    EXPECT_EQ(std::string("# above\n# below\n\n") + entryWithComments + "\n", masterCf());
     // What is left is the line feed's empty last line.
     EXPECT_EQ("\n", disabledFile());
 }
@@ -1003,7 +991,7 @@ PROCESS_TEST_F(ModuleManagerTest, DisablingReplacesAnOlderDisabledServiceInPlace
     ModuleManager& m = loaded("# e\na unix - - n - - new\n", "a unix - - n - - old\n# d\n");
     m.disableModule("a", ModuleType::Unix);
     m.storeModules(false);
-    EXPECT_EQ("# e\n", enabledFile());
+    EXPECT_EQ("# e\n", masterCf());
     EXPECT_EQ("a unix - - n - - new\n# d\n", disabledFile());
 }
 
@@ -1070,7 +1058,8 @@ protected:
     /// What postconf(1) makes of the entry; empty without it. Fails when it cannot read the file.
     static std::string postfixSees(const std::string& nameAndType)
     {
-        std::istringstream words(support::outputOf("/usr/sbin/postconf -M " + nameAndType));
+        std::istringstream words(
+            support::outputOf(support::postconfPath + std::string(" -M ") + nameAndType));
         std::string line;
         for (std::string word; words >> word;)
             line += (line.empty() ? "" : " ") + word;
@@ -1081,9 +1070,9 @@ protected:
 // Postfix accepts the file after each step, and reads the entry as it was.
 PROCESS_TEST_F(ModuleManagerPostfixTest, PostfixFollowsAServiceThroughDisablingAndEnabling)
 {
-    const std::string before = support::readFile("/etc/postfix/master.cf");
+    const std::string before = support::readFile(support::masterCfPath);
     const std::string entry = "10025 inet n - n - - smtpd\n# flush left\n  -o a=$b,c\n  # indented\n  -v";
-    support::writeFile("/etc/postfix/master.cf", before + entry + "\n");
+    support::writeFile(support::masterCfPath, before + entry + "\n");
     const std::string seen = "10025 inet n - n - - smtpd -o a=$b,c -v";
     ASSERT_EQ(seen, postfixSees("10025/inet"));
 
@@ -1091,22 +1080,21 @@ PROCESS_TEST_F(ModuleManagerPostfixTest, PostfixFollowsAServiceThroughDisablingA
     m.loadModules(false);
     m.disableModule("10025", ModuleType::Inet);
     m.storeModules(false);
-    EXPECT_EQ(before, support::readFile("/etc/postfix/master.cf"));
+    EXPECT_EQ(before, support::readFile(support::masterCfPath));
     EXPECT_EQ("", postfixSees("10025/inet"));
-    support::outputOf("/usr/sbin/postfix check 2>&1");
+    support::checkPostfix();
 
     m.enableModule("10025", ModuleType::Inet);
     m.storeModules(false);
-    EXPECT_EQ(before + "\n" + entry + "\n", support::readFile("/etc/postfix/master.cf"));
+    EXPECT_EQ(before + "\n" + entry + "\n", support::readFile(support::masterCfPath));
     EXPECT_EQ(seen, postfixSees("10025/inet"));
-    support::outputOf("/usr/sbin/postfix check 2>&1");
+    support::checkPostfix();
 
     m.addModule(service("10025", ModuleType::Inet, "smtpd"), false);
     m.storeModules(false);
     EXPECT_EQ("", postfixSees("10025/inet"));
-    EXPECT_EQ("10025 inet - - n - - smtpd\n",
-              support::readFile("/var/spool/postfix/zorvo/master.cf.disabled"));
-    support::outputOf("/usr/sbin/postfix check 2>&1");
+    EXPECT_EQ("10025 inet - - n - - smtpd\n", support::readFile(disabledPath));
+    support::checkPostfix();
 }
 
 PROCESS_TEST_F(ModuleManagerPostfixTest, MasterCfOfTheConfigurationDirectoryIsUsed)
@@ -1116,10 +1104,8 @@ PROCESS_TEST_F(ModuleManagerPostfixTest, MasterCfOfTheConfigurationDirectoryIsUs
     m.removeModule("smtp", ModuleType::Inet);
     m.storeModules(false);
     EXPECT_EQ("", postfixSees("smtp/inet"));
-    EXPECT_EQ(
-        std::set<std::string>{
-            support::lockFileOf("/etc/postfix/master.cf").substr(std::string("/run/lock/files/").size())},
-        support::namesIn("/run/lock/files"));
+    EXPECT_EQ(std::set<std::string>{support::lockNameOf(support::masterCfPath)},
+              support::namesIn(support::lockDirectory));
 }
 
 } // namespace

@@ -21,6 +21,8 @@ namespace {
 
 using namespace zorvo::mail::postfix;
 
+const std::string anyTable = support::tableType + "/x";
+
 /// Every text is judged `lenient` without and `strict` with strictness.
 void expectJudged(bool lenient, bool strict, const std::vector<std::string>& texts)
 {
@@ -184,13 +186,13 @@ TEST_F(RunPostfixToolTest, CapturedOutputAndErrorOutputAreKeptApart)
     answer.out = "output text\n";
     tools_.answer(postmapPath, answer);
     support::Capture capture;
-    const ToolResult result = runPostfixTool({postmapPath, "-s", "hash:/x"}, ToolOutput::Captured);
+    const ToolResult result = runPostfixTool({postmapPath, "-s", anyTable}, ToolOutput::Captured);
     EXPECT_EQ("", capture.out());
     EXPECT_EQ("", capture.err());
     EXPECT_EQ(3 << 8, result.status);
     EXPECT_EQ("output text\n", result.output);
     EXPECT_EQ("error text\n", result.errorOutput);
-    EXPECT_EQ((std::vector<std::vector<std::string>>{{postmapPath, "-s", "hash:/x"}}), tools_.commandLines());
+    EXPECT_EQ((std::vector<std::vector<std::string>>{{postmapPath, "-s", anyTable}}), tools_.commandLines());
 }
 
 TEST_F(RunPostfixToolTest, InheritedOutputGoesToOurOwn)
@@ -199,7 +201,7 @@ TEST_F(RunPostfixToolTest, InheritedOutputGoesToOurOwn)
     answer.out = "output text\n";
     tools_.answer(postmapPath, answer);
     support::Capture capture;
-    const ToolResult result = runPostfixTool({postmapPath, "-r", "hash:/x"}, ToolOutput::Inherited);
+    const ToolResult result = runPostfixTool({postmapPath, "-r", anyTable}, ToolOutput::Inherited);
     EXPECT_EQ("output text\n", capture.out());
     EXPECT_EQ("", capture.err());
     EXPECT_EQ(SIGTERM, result.status);
@@ -210,7 +212,7 @@ TEST_F(RunPostfixToolTest, InheritedOutputGoesToOurOwn)
 TEST_F(RunPostfixToolTest, InputIsFedUntilTheSourceSaysItWasTheLast)
 {
     int chunks = 0;
-    const ToolResult result = runPostfixTool({postmapPath, "-i", "hash:/x"}, ToolOutput::Captured,
+    const ToolResult result = runPostfixTool({postmapPath, "-i", anyTable}, ToolOutput::Captured,
                                              [&chunks](std::vector<char>& buffer) {
                                                  buffer.push_back(static_cast<char>('a' + chunks));
                                                  return ++chunks < 3;
@@ -229,7 +231,7 @@ TEST_F(RunPostfixToolTest, InputIsInheritedWithoutASource)
     ::close(input[1]);
     ::dup2(input[0], 0);
     ::close(input[0]);
-    const ToolResult result = runPostfixTool({postmapPath, "-i", "hash:/x"}, ToolOutput::Captured);
+    const ToolResult result = runPostfixTool({postmapPath, "-i", anyTable}, ToolOutput::Captured);
     ::dup2(ours, 0);
     ::close(ours);
     EXPECT_EQ(0, result.status);
@@ -238,7 +240,7 @@ TEST_F(RunPostfixToolTest, InputIsInheritedWithoutASource)
 
 TEST_F(RunPostfixToolTest, ArgumentsEndAtTheFirstEmptyOneUnlessTheyAreAppended)
 {
-    ToolCommand command(postmapPath, "-q", "", "hash:/x");
+    ToolCommand command(postmapPath, "-q", "", anyTable);
     EXPECT_EQ(0, runPostfixTool(command, ToolOutput::Captured).status);
     command.arguments.push_back("");
     EXPECT_EQ(0, runPostfixTool(command, ToolOutput::Captured).status);

@@ -1,13 +1,16 @@
-// SenderTransportManager: what each operation does to master.cf and to the lookup table, and in which order.
+// SenderTransportManager: what each operation does to master.cf and to the lookup tableName, and in which
+// order.
 #include "postfix/SenderTransportManager.h"
 
 #include "common/SystemError.h"
 #include "postfix/ModuleManager.h"
 #include "postfix/PostfixError.h"
-#include "unit/postfix/FreshStart.h"
+#include "unit/postfix/OwnMasterCf.h"
 #include "unit/postfix/PostfixTestTools.h"
-#include "unit/postfix/ToolStandIns.h"
 
+#include "support/FixedPaths.h"
+#include "support/LockFiles.h"
+#include "support/RealPostfix.h"
 #include "support/ScratchDir.h"
 
 #include <gtest/gtest.h>
@@ -21,9 +24,13 @@
 
 namespace {
 
+using support::addRecord;
+using support::askDirectory;
 using support::exactMessageOf;
 using support::postconfPath;
 using support::postmapPath;
+using support::tableName;
+using support::tableSourcePath;
 using support::ToolAnswer;
 using namespace zorvo::mail::postfix;
 
@@ -31,11 +38,7 @@ using CommandLines = std::vector<std::vector<std::string>>;
 using IpManager = SenderTransportManager<IpSenderTransport>;
 using DomainManager = SenderTransportManager<DomainSenderTransport>;
 
-const std::string table = senderTransportTable;
-const std::string tableSource = support::sourceOf(table);
-const std::string tableLock = support::lockFileOf(tableSource);
-const std::vector<std::string> directoryQuery{postconfPath, "-h", "config_directory"};
-const std::vector<std::string> merge{postmapPath, "-r", "-i", table};
+const std::string tableLock = support::lockFileOf(tableSourcePath);
 
 const char* const ipService = "zorvo-192.0.2.1- unix - - n - - smtp -o smtp_bind_address=192.0.2.1 "
                               "-o smtp_bind_address6= -o smtp_address_preference=ipv4 -o inet_protocols=ipv4";
@@ -48,20 +51,9 @@ const char* const comService =
     "-o smtp_address_preference=ipv6 -o inet_protocols=ipv6 -o smtp_helo_name=example.com";
 
 /// With postconf and postmap replaced, and master.cf in a directory of the test's own.
-class SenderTransportManagerTest : public support::FreshProcessTest {
+class SenderTransportManagerTest : public support::OwnMasterCfAndTableTest {
 protected:
-    SenderTransportManagerTest()
-    {
-        tools_.replace(postconfPath);
-        tools_.replace(postmapPath);
-        tools_.answer(postconfPath, {"-h", "config_directory"}, ToolAnswer::prints(scratch_.path() + "\n"));
-        tools_.watchFile(path_);
-        tools_.watchFile(tableSource);
-        tools_.probeLock(tableLock);
-    }
-
-    void writeMasterCf(const std::string& text) const { support::writeFile(path_, text); }
-    std::string masterCf() const { return support::readFile(path_); }
+    SenderTransportManagerTest() { tools_.probeLock(tableLock); }
 
     /// Loads master.cf of this text now, so that nothing else happens before what is tested.
     void load(const std::string& text)
@@ -70,10 +62,6 @@ protected:
         ModuleManager::getInstance().loadModules(false);
         tools_.forget();
     }
-
-    support::ScratchDir scratch_;
-    support::ToolStandIns tools_;
-    const std::string path_ = scratch_.file("master.cf");
 };
 
 // --- adding
@@ -82,7 +70,7 @@ PROCESS_TEST_F(SenderTransportManagerTest, AddingRunsTheToolsInOrder)
 {
     writeMasterCf("# top\n");
     IpManager("example.org", "192.0.2.1", "").addDomainToSenderTransport();
-    EXPECT_EQ((CommandLines{directoryQuery, directoryQuery, merge}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{askDirectory, askDirectory, addRecord}), tools_.commandLines());
 }
 
 // The service is on the disk before the record leads to it.
@@ -94,7 +82,7 @@ PROCESS_TEST_F(SenderTransportManagerTest, AddingWritesTheServiceThenTheRecord)
     EXPECT_EQ("@example.org zorvo-192.0.2.1-:\n", run.input);
     EXPECT_EQ(std::string("# top\n") + ipService + "\n", run.files.at(path_)->content);
     EXPECT_EQ(0644U, run.files.at(path_)->mode);
-    EXPECT_EQ(std::nullopt, run.files.at(tableSource));
+    EXPECT_EQ(std::nullopt, run.files.at(tableSourcePath));
     EXPECT_TRUE(run.lockHeld.at(tableLock));
     EXPECT_EQ(std::string("# top\n") + ipService + "\n", masterCf());
 }
@@ -105,7 +93,7 @@ PROCESS_TEST_F(SenderTransportManagerTest, DomainsOfOneAddressPairShareTheServic
     IpManager("example.org", "192.0.2.1", "").addDomainToSenderTransport();
     IpManager("example.com", "192.0.2.1", "").addDomainToSenderTransport();
     EXPECT_EQ(std::string("# top\n") + ipService + "\n", masterCf());
-    ASSERT_EQ((CommandLines{merge, merge}), tools_.commandLines());
+    ASSERT_EQ((CommandLines{addRecord, addRecord}), tools_.commandLines());
     EXPECT_EQ("@example.org zorvo-192.0.2.1-:\n", tools_.calls()[0].input);
     EXPECT_EQ("@example.com zorvo-192.0.2.1-:\n", tools_.calls()[1].input);
 }
@@ -116,7 +104,7 @@ PROCESS_TEST_F(SenderTransportManagerTest, EachDomainHasItsOwnServiceWithHeloNam
     DomainManager("example.org", "192.0.2.1", "2001:db8::1").addDomainToSenderTransport();
     DomainManager("example.com", "", "2001:db8::1").addDomainToSenderTransport();
     EXPECT_EQ(std::string("# top\n") + orgService + "\n" + comService + "\n", masterCf());
-    ASSERT_EQ((CommandLines{merge, merge}), tools_.commandLines());
+    ASSERT_EQ((CommandLines{addRecord, addRecord}), tools_.commandLines());
     EXPECT_EQ("@example.org zorvo-example.org-192.0.2.1-2001-db8--1:\n", tools_.calls()[0].input);
     EXPECT_EQ("@example.com zorvo-example.com--2001-db8--1:\n", tools_.calls()[1].input);
 }
@@ -132,12 +120,11 @@ PROCESS_TEST_F(SenderTransportManagerTest, KnownServiceIsReplacedInPlace)
 
 PROCESS_TEST_F(SenderTransportManagerTest, BoundServiceIsNoLongerDisabled)
 {
-    support::writeFile("/var/spool/postfix/zorvo/master.cf.disabled",
-                       "zorvo-192.0.2.1- unix - - n - - old\n# end\n");
+    support::writeFile(support::disabledPath, "zorvo-192.0.2.1- unix - - n - - old\n# end\n");
     load("# top");
     IpManager("example.org", "192.0.2.1", "").addDomainToSenderTransport();
     EXPECT_EQ(std::string("# top\n") + ipService + "\n", masterCf());
-    EXPECT_EQ("# end\n", support::readFile("/var/spool/postfix/zorvo/master.cf.disabled"));
+    EXPECT_EQ("# end\n", support::readFile(support::disabledPath));
 }
 
 // The caller lower-cases the domain; it is used as it is then.
@@ -203,7 +190,7 @@ PROCESS_TEST_F(SenderTransportManagerTest, RefusalLeavesEarlierDomainsInPlace)
     EXPECT_THROW(IpManager("", "192.0.2.2", "").addDomainToSenderTransport(), zorvo::SystemError);
     EXPECT_THROW(IpManager("example.com", "", "").addDomainToSenderTransport(), zorvo::SystemError);
     EXPECT_EQ(std::string("# top\n") + ipService + "\n", masterCf());
-    EXPECT_EQ((CommandLines{merge}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{addRecord}), tools_.commandLines());
 }
 
 // --- failures on the way
@@ -213,7 +200,7 @@ PROCESS_TEST_F(SenderTransportManagerTest, UnreadableMasterCfStopsBeforeTheTable
     EXPECT_EQ("unable to open " + path_, exactMessageOf<PostfixConfigurationError>([] {
                   IpManager("example.org", "192.0.2.1", "").addDomainToSenderTransport();
               }));
-    EXPECT_EQ((CommandLines{directoryQuery, directoryQuery}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{askDirectory, askDirectory}), tools_.commandLines());
 }
 
 PROCESS_TEST_F(SenderTransportManagerTest, MasterCfThatCannotBeStoredStopsBeforeTheTable)
@@ -243,8 +230,8 @@ PROCESS_TEST_F(SenderTransportManagerTest, RemovingADomainRemovesItsRecordOnly)
     writeMasterCf("# top\n");
     IpManager("example.org", "192.0.2.1", "").removeDomainFromSenderTransport();
     DomainManager("example.com", "192.0.2.1", "").removeDomainFromSenderTransport();
-    EXPECT_EQ((CommandLines{{postmapPath, "-d", "@example.org", table},
-                            {postmapPath, "-d", "@example.com", table}}),
+    EXPECT_EQ((CommandLines{{postmapPath, "-d", "@example.org", tableName},
+                            {postmapPath, "-d", "@example.com", tableName}}),
               tools_.commandLines());
     EXPECT_TRUE(tools_.calls().front().lockHeld.at(tableLock));
     EXPECT_EQ("# top\n", masterCf());
@@ -254,7 +241,7 @@ PROCESS_TEST_F(SenderTransportManagerTest, RemovingADomainRemovesItsRecordOnly)
 PROCESS_TEST_F(SenderTransportManagerTest, RemovingADomainNeedsNothing)
 {
     IpManager("", "", "").removeDomainFromSenderTransport();
-    EXPECT_EQ((CommandLines{{postmapPath, "-d", "@", table}}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{{postmapPath, "-d", "@", tableName}}), tools_.commandLines());
 }
 
 PROCESS_TEST_F(SenderTransportManagerTest, FailedRemovalOfADomainIsPassedOn)
@@ -342,7 +329,7 @@ PROCESS_TEST_F(SenderTransportManagerTest, RemovalLoadsMasterCfItself)
     writeMasterCf("zorvo-192.0.2.1- unix - - n - - smtp\n# end\n");
     IpManager("", "192.0.2.1", "").removeSenderTransport();
     EXPECT_EQ("# end\n", masterCf());
-    EXPECT_EQ((CommandLines{directoryQuery, directoryQuery}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{askDirectory, askDirectory}), tools_.commandLines());
 }
 
 // Edits that were pending are stored, also when nothing matched.
@@ -397,7 +384,8 @@ PROCESS_TEST_F(SenderTransportManagerTest, OperationsWorkThroughTheInterface)
     manager->addDomainToSenderTransport();
     manager->removeDomainFromSenderTransport();
     manager->removeSenderTransport();
-    EXPECT_EQ((CommandLines{merge, {postmapPath, "-d", "@example.org", table}}), tools_.commandLines());
+    EXPECT_EQ((CommandLines{addRecord, {postmapPath, "-d", "@example.org", tableName}}),
+              tools_.commandLines());
     EXPECT_EQ("# top\n", masterCf());
 }
 
@@ -408,22 +396,26 @@ protected:
     SenderTransportManagerPostfixTest()
     {
         support::ageMainCf();
-        // An empty table, as the cleanup of every run leaves it.
-        support::outputOf("/usr/sbin/postmap -r -i " + table + " </dev/null");
+        // An empty tableName, as the cleanup of every run leaves it.
+        support::outputOf(support::postmapPath + std::string(" -r -i ") + tableName + " </dev/null");
     }
 
-    static std::string records() { return support::outputOf("/usr/sbin/postmap -s " + table + " | sort"); }
+    static std::string records()
+    {
+        return support::outputOf(support::postmapPath + std::string(" -s ") + tableName + " | sort");
+    }
 
     /// The generated services as postconf(1) reads them, one blank between words.
     static std::string services()
     {
-        return support::outputOf("/usr/sbin/postconf -M | grep '^zorvo-' | tr -s ' ' ; true");
+        return support::outputOf(support::postconfPath +
+                                 std::string(" -M | grep '^zorvo-' | tr -s ' ' ; true"));
     }
 };
 
 PROCESS_TEST_F(SenderTransportManagerPostfixTest, AddressTransportIsSharedAndRemoved)
 {
-    const std::string before = support::readFile("/etc/postfix/master.cf");
+    const std::string before = support::readFile(support::masterCfPath);
     IpManager("example.org", "192.0.2.1", "").addDomainToSenderTransport();
     IpManager("example.com", "192.0.2.1", "").addDomainToSenderTransport();
     IpManager("example.net", "", "2001:db8::1").addDomainToSenderTransport();
@@ -434,7 +426,7 @@ PROCESS_TEST_F(SenderTransportManagerPostfixTest, AddressTransportIsSharedAndRem
                                        "smtp_bind_address6=2001:db8::1 "
                                        "-o smtp_address_preference=ipv6 -o inet_protocols=ipv6\n",
               services());
-    support::outputOf("/usr/sbin/postfix check 2>&1");
+    support::checkPostfix();
 
     IpManager("example.org", "192.0.2.1", "").removeDomainFromSenderTransport();
     IpManager("example.org", "192.0.2.1", "").removeDomainFromSenderTransport(); // once more: no error
@@ -443,7 +435,7 @@ PROCESS_TEST_F(SenderTransportManagerPostfixTest, AddressTransportIsSharedAndRem
     IpManager("", "192.0.2.1", "").removeSenderTransport();
     IpManager("", "", "2001:db8::1").removeSenderTransport();
     EXPECT_EQ("", services());
-    EXPECT_EQ(before, support::readFile("/etc/postfix/master.cf"));
+    EXPECT_EQ(before, support::readFile(support::masterCfPath));
 }
 
 PROCESS_TEST_F(SenderTransportManagerPostfixTest, DomainTransportsAreAddedAndRemoved)
@@ -454,7 +446,7 @@ PROCESS_TEST_F(SenderTransportManagerPostfixTest, DomainTransportsAreAddedAndRem
               "@example.org\tzorvo-example.org-192.0.2.1-2001-db8--1:\n",
               records());
     EXPECT_EQ(std::string(orgService) + "\n" + comService + "\n", services());
-    support::outputOf("/usr/sbin/postfix check 2>&1");
+    support::checkPostfix();
 
     DomainManager("example.org", "", "").removeSenderTransport();
     DomainManager("example.org", "", "").removeDomainFromSenderTransport();

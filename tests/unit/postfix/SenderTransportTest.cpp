@@ -5,6 +5,8 @@
 #include "common/SystemError.h"
 #include "unit/postfix/PostfixTestTools.h"
 
+#include "support/ToolRuns.h"
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -29,12 +31,12 @@ TEST(RecordTest, BindsTheSendersOfADomainToAServiceWithoutANextHop)
 TEST(SenderTransportTest, PrefixAndTableAreFixed)
 {
     EXPECT_STREQ("zorvo-", generatedPrefix);
-    EXPECT_STREQ("hash:/var/spool/postfix/zorvo/sdd_transport_maps", senderTransportTable);
+    EXPECT_EQ(support::tableName, senderTransportTable);
 }
 
 TEST(SenderTransportTest, RemovedParametersAreFixed)
 {
-    EXPECT_EQ((std::vector<std::string>{"smtp_bind_address", "smtp_bind_address6"}),
+    EXPECT_EQ(support::removedParameters,
               std::vector<std::string>(std::begin(removedParameters), std::end(removedParameters)));
 }
 

@@ -7,6 +7,9 @@
 
 #include "support/Capture.h"
 #include "support/Child.h"
+#include "support/FixedPaths.h"
+#include "support/RealPostfix.h"
+#include "support/ScratchDir.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -28,15 +31,14 @@
 
 namespace {
 
+using support::pidFilePath;
 using support::registerServicePath;
+using support::serviceScriptPath;
 using support::ToolAnswer;
-using support::zorvorcPath;
 using testing::MatchesRegex;
 using zorvo::mail::postfix::ServiceManager;
 
 using CommandLines = std::vector<std::vector<std::string>>;
-
-const char* const pidPath = "/var/spool/postfix/pid/master.pid";
 
 /// A process of a chosen name that waits to be killed. It is gone, /proc included, when this is destroyed.
 class NamedProcess {
@@ -123,15 +125,15 @@ private:
 /// With the service script replaced. This process plays Postfix's master.
 class ServiceManagerTest : public testing::Test {
 protected:
-    ServiceManagerTest() { tools_.replace(zorvorcPath); }
+    ServiceManagerTest() { tools_.replace(serviceScriptPath); }
 
     static std::string ownPid() { return std::to_string(::getpid()) + "\n"; }
 
-    static void writePidFile(const std::string& text) { support::writeFile(pidPath, text); }
+    static void writePidFile(const std::string& text) { support::writeFile(pidFilePath, text); }
 
     static CommandLines one(const std::string& service, const std::string& action)
     {
-        return {{zorvorcPath, service, action}};
+        return {{serviceScriptPath, service, action}};
     }
 
     support::ToolStandIns tools_;
@@ -142,14 +144,14 @@ protected:
 TEST_F(ServiceManagerTest, ScriptGetsServiceAndAction)
 {
     EXPECT_EQ(0, invoke_zorvorc("some service", "some action"));
-    EXPECT_EQ((CommandLines{{zorvorcPath, "some service", "some action"}}), tools_.commandLines());
-    EXPECT_EQ(zorvorcPath, tools_.calls().front().program);
+    EXPECT_EQ((CommandLines{{serviceScriptPath, "some service", "some action"}}), tools_.commandLines());
+    EXPECT_EQ(serviceScriptPath, tools_.calls().front().program);
 }
 
 TEST_F(ServiceManagerTest, ExitCodeOfTheScriptIsReturned)
 {
     for (const int code : {1, 2, 77, 255}) {
-        tools_.answer(zorvorcPath, ToolAnswer::fails(code, ""));
+        tools_.answer(serviceScriptPath, ToolAnswer::fails(code, ""));
         EXPECT_EQ(code, invoke_zorvorc("postfix", "start"));
         EXPECT_EQ(code, invoke_zorvorc_keep_fail_msg("postfix", "start"));
     }
@@ -159,7 +161,7 @@ TEST_F(ServiceManagerTest, FailureIsSilent)
 {
     ToolAnswer answer = ToolAnswer::fails(3, "error text\n");
     answer.out = "output text\n";
-    tools_.answer(zorvorcPath, answer);
+    tools_.answer(serviceScriptPath, answer);
     support::Capture capture;
     const int result = invoke_zorvorc("postfix", "start");
     EXPECT_EQ("", capture.out());
@@ -172,11 +174,11 @@ TEST_F(ServiceManagerTest, KeptFailureIsReportedWithTheScriptsOutput)
 {
     ToolAnswer answer = ToolAnswer::fails(3, "error text");
     answer.out = "output text\n";
-    tools_.answer(zorvorcPath, answer);
+    tools_.answer(serviceScriptPath, answer);
     support::Capture capture;
     errno = 0;
     const int result = invoke_zorvorc_keep_fail_msg("postfix", "start");
-    const std::string report = std::string(zorvorcPath) + " execution failed:\nerror text\n";
+    const std::string report = std::string(serviceScriptPath) + " execution failed:\nerror text\n";
     EXPECT_EQ("output text\n" + report, capture.err());
     EXPECT_EQ(report, capture.out());
     EXPECT_EQ(3, result);
@@ -185,11 +187,11 @@ TEST_F(ServiceManagerTest, KeptFailureIsReportedWithTheScriptsOutput)
 
 TEST_F(ServiceManagerTest, KeptFailureWithoutErrorOutputSaysSo)
 {
-    tools_.answer(zorvorcPath, ToolAnswer::fails(1, ""));
+    tools_.answer(serviceScriptPath, ToolAnswer::fails(1, ""));
     support::Capture capture;
     errno = 0;
     invoke_zorvorc_keep_fail_msg("postfix", "start");
-    const std::string report = std::string(zorvorcPath) + " execution failed (no output)\n";
+    const std::string report = std::string(serviceScriptPath) + " execution failed (no output)\n";
     EXPECT_EQ(report, capture.err());
     EXPECT_EQ(report, capture.out());
 }
@@ -198,7 +200,7 @@ TEST_F(ServiceManagerTest, SuccessIsSilentWhateverTheScriptPrinted)
 {
     ToolAnswer answer = ToolAnswer::fails(0, "error text\n");
     answer.out = "output text\n";
-    tools_.answer(zorvorcPath, answer);
+    tools_.answer(serviceScriptPath, answer);
     support::Capture capture;
     const int quiet = invoke_zorvorc("postfix", "start");
     const int kept = invoke_zorvorc_keep_fail_msg("postfix", "start");
@@ -211,11 +213,11 @@ TEST_F(ServiceManagerTest, SuccessIsSilentWhateverTheScriptPrinted)
 // A killed script is logged, on both streams, whoever asked for silence.
 TEST_F(ServiceManagerTest, KilledScriptIsLogged)
 {
-    tools_.answer(zorvorcPath, ToolAnswer::dies(SIGKILL, ""));
+    tools_.answer(serviceScriptPath, ToolAnswer::dies(SIGKILL, ""));
     support::Capture capture;
     const int result = invoke_zorvorc("postfix", "start");
     const std::string line =
-        std::string("waitpid\\([0-9]+\\)=[0-9]+: process '") + zorvorcPath + "' killed by signal 9\n";
+        std::string("waitpid\\([0-9]+\\)=[0-9]+: process '") + serviceScriptPath + "' killed by signal 9\n";
     EXPECT_THAT(capture.out(), MatchesRegex(line));
     EXPECT_THAT(capture.err(), MatchesRegex(line));
     EXPECT_EQ(-1, result);
@@ -223,15 +225,15 @@ TEST_F(ServiceManagerTest, KilledScriptIsLogged)
 
 TEST(ServiceScriptTest, MissingScriptIsAFailure)
 {
-    std::filesystem::rename(zorvorcPath, std::string(zorvorcPath) + ".away");
+    std::filesystem::rename(serviceScriptPath, std::string(serviceScriptPath) + ".away");
     support::Capture capture;
     errno = 0;
     const int quiet = invoke_zorvorc("postfix", "start");
     const int kept = invoke_zorvorc_keep_fail_msg("postfix", "start");
     capture.stop();
-    std::filesystem::rename(std::string(zorvorcPath) + ".away", zorvorcPath);
-    const std::string report = std::string(zorvorcPath) + " execution failed:\nfork_execv: execv(\"" +
-                               zorvorcPath + "\") failed: No such file or directory\n";
+    std::filesystem::rename(std::string(serviceScriptPath) + ".away", serviceScriptPath);
+    const std::string report = std::string(serviceScriptPath) + " execution failed:\nfork_execv: execv(\"" +
+                               serviceScriptPath + "\") failed: No such file or directory\n";
     EXPECT_EQ(report, capture.out());
     EXPECT_EQ(report, capture.err());
     EXPECT_EQ(255, quiet);
@@ -347,7 +349,7 @@ TEST(PrintStatusTest, LineIsWholeWhenASignalInterruptsIt)
 
 TEST(MasterPidTest, MissingFileHasNoPid)
 {
-    std::filesystem::remove(pidPath);
+    std::filesystem::remove(pidFilePath);
     EXPECT_EQ(-1, ServiceManager::getMasterPid());
 }
 
@@ -355,7 +357,7 @@ TEST(MasterPidTest, NumberIsReadAfterWhiteSpace)
 {
     for (const std::string text :
          {"4242", "4242\n", "   4242\n", "\n\t 4242 \n", "4242 more", "4242abc\n", "+4242"}) {
-        support::writeFile(pidPath, text);
+        support::writeFile(pidFilePath, text);
         EXPECT_EQ(4242, ServiceManager::getMasterPid()) << text;
     }
 }
@@ -363,14 +365,14 @@ TEST(MasterPidTest, NumberIsReadAfterWhiteSpace)
 // As master(8) writes it: right-aligned.
 TEST(MasterPidTest, NumberIsReadAsPostfixWritesIt)
 {
-    support::writeFile(pidPath, "              1234\n");
+    support::writeFile(pidFilePath, "              1234\n");
     EXPECT_EQ(1234, ServiceManager::getMasterPid());
 }
 
 TEST(MasterPidTest, TextWithoutNumberHasNoPid)
 {
     for (const std::string text : {"", "\n", "   ", "letters\n", "x42", "-", "#1"}) {
-        support::writeFile(pidPath, text);
+        support::writeFile(pidFilePath, text);
         EXPECT_EQ(-1, ServiceManager::getMasterPid()) << text;
     }
 }
@@ -378,28 +380,28 @@ TEST(MasterPidTest, TextWithoutNumberHasNoPid)
 TEST(MasterPidTest, NumberOutOfRangeIsNotAPid)
 {
     for (const std::string text : {"2147483648", "99999999999999999999", "-2147483649"}) {
-        support::writeFile(pidPath, text);
+        support::writeFile(pidFilePath, text);
         EXPECT_EQ(-1, ServiceManager::getMasterPid()) << text;
     }
-    support::writeFile(pidPath, "2147483647");
+    support::writeFile(pidFilePath, "2147483647");
     EXPECT_EQ(2147483647, ServiceManager::getMasterPid());
 }
 
 // Decimal, whatever the digits look like.
 TEST(MasterPidTest, NumberIsDecimal)
 {
-    support::writeFile(pidPath, "010\n");
+    support::writeFile(pidFilePath, "010\n");
     EXPECT_EQ(10, ServiceManager::getMasterPid());
-    support::writeFile(pidPath, "0x10\n");
+    support::writeFile(pidFilePath, "0x10\n");
     EXPECT_EQ(0, ServiceManager::getMasterPid());
 }
 
 TEST(MasterPidTest, DirectoryHasNoPid)
 {
-    std::filesystem::remove(pidPath);
-    std::filesystem::create_directory(pidPath);
+    std::filesystem::remove(pidFilePath);
+    std::filesystem::create_directory(pidFilePath);
     const int pid = ServiceManager::getMasterPid();
-    std::filesystem::remove(pidPath);
+    std::filesystem::remove(pidFilePath);
     EXPECT_EQ(-1, pid);
 }
 
@@ -456,7 +458,7 @@ TEST_F(ServiceManagerTest, QueueManagerIsFoundAmongOtherChildren)
 TEST_F(ServiceManagerTest, UnreadablePidMeansNotRunning)
 {
     const NamedProcess qmgr("qmgr");
-    std::filesystem::remove(pidPath);
+    std::filesystem::remove(pidFilePath);
     EXPECT_EQ(1, ServiceManager::statusServer(0));
     writePidFile("letters\n");
     EXPECT_EQ(1, ServiceManager::statusServer(0));
@@ -465,7 +467,7 @@ TEST_F(ServiceManagerTest, UnreadablePidMeansNotRunning)
 TEST_F(ServiceManagerTest, ZeroAttemptsLookOnce)
 {
     writePidFile("letters\n");
-    OpenCounter looks(pidPath);
+    OpenCounter looks(pidFilePath);
     EXPECT_EQ(1, ServiceManager::statusServer(0));
     EXPECT_EQ(1, looks.count());
 }
@@ -473,7 +475,7 @@ TEST_F(ServiceManagerTest, ZeroAttemptsLookOnce)
 TEST_F(ServiceManagerTest, NegativeAttemptsLookOnce)
 {
     writePidFile("letters\n");
-    OpenCounter looks(pidPath);
+    OpenCounter looks(pidFilePath);
     EXPECT_EQ(1, ServiceManager::statusServer(-3));
     EXPECT_EQ(1, looks.count());
 }
@@ -481,7 +483,7 @@ TEST_F(ServiceManagerTest, NegativeAttemptsLookOnce)
 TEST_F(ServiceManagerTest, AttemptsAreLooksAfterTheFirst)
 {
     writePidFile(ownPid());
-    OpenCounter looks(pidPath);
+    OpenCounter looks(pidFilePath);
     EXPECT_EQ(1, ServiceManager::statusServer(2));
     EXPECT_EQ(3, looks.count());
 }
@@ -490,7 +492,7 @@ TEST_F(ServiceManagerTest, FirstSuccessfulLookIsTheLast)
 {
     const NamedProcess qmgr("qmgr");
     writePidFile(ownPid());
-    OpenCounter looks(pidPath);
+    OpenCounter looks(pidFilePath);
     EXPECT_EQ(0, ServiceManager::statusServer(5));
     EXPECT_EQ(1, looks.count());
 }
@@ -500,7 +502,7 @@ TEST_F(ServiceManagerTest, MasterThatComesUpBetweenLooksIsNoticed)
 {
     const NamedProcess qmgr("qmgr");
     writePidFile("letters\n");
-    OpenCounter looks(pidPath);
+    OpenCounter looks(pidFilePath);
     const std::string pid = ownPid();
     const pid_t helper = support::forkChild([&] {
         while (looks.count() < 1)
@@ -518,7 +520,7 @@ TEST_F(ServiceManagerTest, StartOfARunningServerRunsNothing)
 {
     const NamedProcess qmgr("qmgr");
     writePidFile(ownPid());
-    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    tools_.answer(serviceScriptPath, ToolAnswer::fails(9, ""));
     EXPECT_EQ(0, ServiceManager::startServer());
     EXPECT_TRUE(tools_.calls().empty());
 }
@@ -526,10 +528,10 @@ TEST_F(ServiceManagerTest, StartOfARunningServerRunsNothing)
 TEST_F(ServiceManagerTest, StartRunsTheScriptAndFindsTheServer)
 {
     const NamedProcess qmgr("qmgr");
-    std::filesystem::remove(pidPath);
+    std::filesystem::remove(pidFilePath);
     ToolAnswer starts;
-    starts.writes.emplace_back(pidPath, ownPid());
-    tools_.answer(zorvorcPath, starts);
+    starts.writes.emplace_back(pidFilePath, ownPid());
+    tools_.answer(serviceScriptPath, starts);
     EXPECT_EQ(0, ServiceManager::startServer());
     EXPECT_EQ(one("postfix", "start"), tools_.commandLines());
 }
@@ -538,8 +540,8 @@ TEST_F(ServiceManagerTest, StartRunsTheScriptAndFindsTheServer)
 TEST_F(ServiceManagerTest, FailedStartIsReturnedAtOnce)
 {
     writePidFile(ownPid());
-    OpenCounter looks(pidPath);
-    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    OpenCounter looks(pidFilePath);
+    tools_.answer(serviceScriptPath, ToolAnswer::fails(9, ""));
     EXPECT_EQ(9, ServiceManager::startServer());
     EXPECT_EQ(one("postfix", "start"), tools_.commandLines());
     EXPECT_EQ(1, looks.count());
@@ -547,8 +549,8 @@ TEST_F(ServiceManagerTest, FailedStartIsReturnedAtOnce)
 
 TEST_F(ServiceManagerTest, StopOfAStoppedServerRunsNothing)
 {
-    std::filesystem::remove(pidPath);
-    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    std::filesystem::remove(pidFilePath);
+    tools_.answer(serviceScriptPath, ToolAnswer::fails(9, ""));
     EXPECT_EQ(0, ServiceManager::stopServer());
     EXPECT_TRUE(tools_.calls().empty());
 }
@@ -559,7 +561,7 @@ TEST_F(ServiceManagerTest, StopOfARunningServerReturnsTheScriptsResult)
     writePidFile(ownPid());
     EXPECT_EQ(0, ServiceManager::stopServer());
     EXPECT_EQ(one("postfix", "stop"), tools_.commandLines());
-    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    tools_.answer(serviceScriptPath, ToolAnswer::fails(9, ""));
     EXPECT_EQ(9, ServiceManager::stopServer());
 }
 
@@ -576,8 +578,8 @@ TEST_F(ServiceManagerTest, FailedRestartIsReturnedAtOnce)
 {
     const NamedProcess qmgr("qmgr");
     writePidFile(ownPid());
-    OpenCounter looks(pidPath);
-    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    OpenCounter looks(pidFilePath);
+    tools_.answer(serviceScriptPath, ToolAnswer::fails(9, ""));
     EXPECT_EQ(9, ServiceManager::restartServer());
     EXPECT_EQ(0, looks.count());
 }
@@ -586,7 +588,7 @@ TEST_F(ServiceManagerTest, FailedRestartIsReturnedAtOnce)
 TEST_F(ServiceManagerTest, RestartWithoutQueueManagerIsAFailure)
 {
     writePidFile(ownPid());
-    OpenCounter looks(pidPath);
+    OpenCounter looks(pidFilePath);
     EXPECT_EQ(1, ServiceManager::restartServer());
     EXPECT_EQ(one("postfix", "restart"), tools_.commandLines());
     EXPECT_EQ(6, looks.count());
@@ -595,16 +597,16 @@ TEST_F(ServiceManagerTest, RestartWithoutQueueManagerIsAFailure)
 TEST_F(ServiceManagerTest, TryRestartAndReloadReturnTheScriptsResult)
 {
     writePidFile(ownPid());
-    OpenCounter looks(pidPath);
+    OpenCounter looks(pidFilePath);
     EXPECT_EQ(0, ServiceManager::tryRestartServer());
     EXPECT_EQ(0, ServiceManager::reloadServer());
-    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    tools_.answer(serviceScriptPath, ToolAnswer::fails(9, ""));
     EXPECT_EQ(9, ServiceManager::tryRestartServer());
     EXPECT_EQ(9, ServiceManager::reloadServer());
-    EXPECT_EQ((CommandLines{{zorvorcPath, "postfix", "try-restart"},
-                            {zorvorcPath, "postfix", "reload"},
-                            {zorvorcPath, "postfix", "try-restart"},
-                            {zorvorcPath, "postfix", "reload"}}),
+    EXPECT_EQ((CommandLines{{serviceScriptPath, "postfix", "try-restart"},
+                            {serviceScriptPath, "postfix", "reload"},
+                            {serviceScriptPath, "postfix", "try-restart"},
+                            {serviceScriptPath, "postfix", "reload"}}),
               tools_.commandLines());
     EXPECT_EQ(0, looks.count());
 }
@@ -615,12 +617,12 @@ TEST_F(ServiceManagerTest, MilterOperationsReturnTheScriptsResult)
     EXPECT_EQ(0, ServiceManager::stopMilter());
     EXPECT_EQ(0, ServiceManager::restartMilter());
     EXPECT_EQ(0, ServiceManager::statusMilter());
-    EXPECT_EQ((CommandLines{{zorvorcPath, "qfilter", "start"},
-                            {zorvorcPath, "qfilter", "stop"},
-                            {zorvorcPath, "qfilter", "restart"},
-                            {zorvorcPath, "qfilter", "status"}}),
+    EXPECT_EQ((CommandLines{{serviceScriptPath, "qfilter", "start"},
+                            {serviceScriptPath, "qfilter", "stop"},
+                            {serviceScriptPath, "qfilter", "restart"},
+                            {serviceScriptPath, "qfilter", "status"}}),
               tools_.commandLines());
-    tools_.answer(zorvorcPath, ToolAnswer::fails(9, ""));
+    tools_.answer(serviceScriptPath, ToolAnswer::fails(9, ""));
     EXPECT_EQ(9, ServiceManager::startMilter());
     EXPECT_EQ(9, ServiceManager::stopMilter());
     EXPECT_EQ(9, ServiceManager::restartMilter());
@@ -633,14 +635,14 @@ TEST_F(ServiceManagerTest, OperationsAreSilentWhenTheScriptFails)
     writePidFile(ownPid());
     ToolAnswer answer = ToolAnswer::fails(9, "error text\n");
     answer.out = "output text\n";
-    tools_.answer(zorvorcPath, answer);
+    tools_.answer(serviceScriptPath, answer);
     support::Capture capture;
     for (int (*const operation)() :
          {&ServiceManager::stopServer, &ServiceManager::restartServer, &ServiceManager::tryRestartServer,
           &ServiceManager::reloadServer, &ServiceManager::startMilter, &ServiceManager::stopMilter,
           &ServiceManager::restartMilter, &ServiceManager::statusMilter})
         operation();
-    std::filesystem::remove(pidPath);
+    std::filesystem::remove(pidFilePath);
     ServiceManager::startServer();
     EXPECT_EQ("", capture.out());
     EXPECT_EQ("", capture.err());
@@ -730,7 +732,7 @@ TEST_F(ServiceManagerPostfixTest, MasterWithoutQueueManagerServiceIsAFailedStart
 
 TEST_F(ServiceManagerPostfixTest, FailedStartIsTheScriptsResult)
 {
-    support::writeFile("/etc/postfix/master.cf", "no service\n");
+    support::writeFile(support::masterCfPath, "no service\n");
     EXPECT_EQ(1, ServiceManager::startServer());
     EXPECT_EQ(1, ServiceManager::restartServer());
     EXPECT_EQ(1, ServiceManager::statusServer(0));

@@ -1,12 +1,12 @@
 #include "unit/postfix/ToolStandIns.h"
 
-#include "unit/postfix/PostfixTestTools.h"
+#include "support/HeldLock.h"
+#include "support/Mounts.h"
+#include "support/OpenFds.h"
 
 #include <fcntl.h>
 #include <sys/auxv.h>
-#include <sys/file.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,11 +20,6 @@
 #include <stdexcept>
 
 namespace support {
-
-const char* const postconfPath = "/usr/sbin/postconf";
-const char* const postmapPath = "/usr/sbin/postmap";
-const char* const zorvorcPath = "/usr/local/maru/admin/sbin/zorvorc";
-const char* const registerServicePath = "/usr/local/maru/admin/sbin/register_service";
 
 namespace {
 
@@ -73,53 +68,12 @@ void writeAll(int fd, const std::string& text)
     }
 }
 
-std::string readAll(int fd)
-{
-    std::string text;
-    char part[65536];
-    for (;;) {
-        const ssize_t got = ::read(fd, part, sizeof part);
-        if (got == -1 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            return text;
-        text.append(part, static_cast<size_t>(got));
-    }
-}
-
-std::string slurp(const std::string& path)
-{
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd == -1)
-        return std::string();
-    const std::string text = readAll(fd);
-    ::close(fd);
-    return text;
-}
-
-void spill(const std::string& path, const std::string& text)
-{
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    writeAll(fd, text);
-    ::close(fd);
-}
-
 std::string seen(const std::string& path)
 {
     struct stat status = {};
     if (::lstat(path.c_str(), &status) != 0)
         return "absent";
-    return std::to_string(status.st_mode & 07777U) + ' ' + slurp(path);
-}
-
-bool held(const std::string& path)
-{
-    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd == -1)
-        return false;
-    const bool busy = ::flock(fd, LOCK_EX | LOCK_NB) == -1 && errno == EWOULDBLOCK;
-    ::close(fd);
-    return busy;
+    return std::to_string(status.st_mode & 07777U) + ' ' + (S_ISREG(status.st_mode) ? readFile(path) : "");
 }
 
 // The answer for this run: the first one-time answer that fits, else the last lasting one.
@@ -133,7 +87,7 @@ Fields chooseAnswer(const std::string& state, const std::string& program,
     std::sort(files.begin(), files.end());
     Fields chosen;
     for (const std::string& file : files) {
-        const Fields answer = decode(slurp(file));
+        const Fields answer = decode(readFile(file));
         std::vector<std::string> wanted;
         bool anyArguments = true;
         bool once = false;
@@ -159,39 +113,19 @@ Fields chooseAnswer(const std::string& state, const std::string& program,
     return chosen;
 }
 
-// Like postmap(1): "-i" and the key "-" mean that standard input is read.
-bool readsInput(const std::string& program, const std::vector<std::string>& args, const Fields& answer)
-{
-    const auto hasArgument = [&args](const char* arg) {
-        return std::find(args.begin(), args.end(), arg) != args.end();
-    };
-    const bool ignores = std::any_of(answer.begin(), answer.end(),
-                                     [](const auto& field) { return field.first == "ignores-input"; });
-    return program == postmapPath && (hasArgument("-i") || hasArgument("-")) && !ignores;
-}
-
 // What a test is told of this run: the arguments, the files and locks it asked about, the input.
 Fields observe(const std::string& state, const std::string& program, const std::vector<std::string>& argv)
 {
     Fields record{{"program", program}};
     for (const std::string& arg : argv)
         record.emplace_back("argument", arg);
-    for (const auto& [tag, value] : decode(slurp(state + "/watched"))) {
+    for (const auto& [tag, value] : decode(readFile(state + "/watched"))) {
         if (tag == "file")
             record.emplace_back("file", value + '\n' + seen(value));
         else
-            record.emplace_back("lock", value + '\n' + (held(value) ? "held" : "free"));
+            record.emplace_back("lock", value + '\n' + (isLocked(value) ? "held" : "free"));
     }
     return record;
-}
-
-[[noreturn]] void dieOf(int signal)
-{
-    const rlimit noCore = {0, 0};
-    ::setrlimit(RLIMIT_CORE, &noCore);
-    ::signal(signal, SIG_DFL);
-    ::raise(signal);
-    ::_exit(98);
 }
 
 // Prints, writes and ends as the answer says.
@@ -209,7 +143,7 @@ Fields observe(const std::string& state, const std::string& program, const std::
         else if (tag == "signal")
             signal = std::stoi(value);
         else if (tag == "write")
-            spill(value.substr(0, value.find('\n')), value.substr(value.find('\n') + 1));
+            writeFile(value.substr(0, value.find('\n')), value.substr(value.find('\n') + 1));
     }
     if (signal != 0)
         dieOf(signal);
@@ -232,7 +166,9 @@ Fields observe(const std::string& state, const std::string& program, const std::
     const std::vector<std::string> args(argv.empty() ? argv.begin() : argv.begin() + 1, argv.end());
     const Fields answer = chooseAnswer(state, program, args);
     Fields record = observe(state, program, argv);
-    if (readsInput(program, args, answer))
+    const bool ignoresInput = std::any_of(answer.begin(), answer.end(),
+                                          [](const auto& field) { return field.first == "ignores-input"; });
+    if (program == postmapPath && readsInput(args) && !ignoresInput)
         record.emplace_back("input", readAll(0));
     writeAll(call, encode(record));
     ::close(call);
@@ -244,9 +180,7 @@ __attribute__((constructor)) void takeStandInRole(int argc, char** argv, char** 
 {
     const char* const executed = reinterpret_cast<const char*>(::getauxval(AT_EXECFN));
     const std::string program = executed == nullptr ? "" : executed;
-    for (const char* const tool :
-         {"/usr/sbin/postconf", "/usr/sbin/postmap", "/usr/local/maru/admin/sbin/zorvorc",
-          "/usr/local/maru/admin/sbin/register_service"})
+    for (const char* const tool : {postconfPath, postmapPath, serviceScriptPath, registerServicePath})
         if (program == tool)
             actAsTool(program, std::vector<std::string>(argv, argv + argc));
 }
@@ -258,6 +192,11 @@ ToolAnswer ToolAnswer::prints(const std::string& text)
     ToolAnswer answer;
     answer.out = text;
     return answer;
+}
+
+ToolAnswer ToolAnswer::directory(const std::string& path)
+{
+    return prints(path + '\n');
 }
 
 ToolAnswer ToolAnswer::fails(int code, const std::string& errorOutput)
@@ -278,10 +217,10 @@ ToolAnswer ToolAnswer::dies(int signal, const std::string& errorOutput)
 
 ToolStandIns::ToolStandIns() : mounts_(canMount())
 {
-    if (mounts_)
-        takeMountNamespace();
+    if (mounts_ && !makeMountsPrivate())
+        throw std::runtime_error("cannot have a mount namespace");
     ::setenv(stateVariable, state_.path().c_str(), 1);
-    spill(state_.file("watched"), "");
+    writeFile(state_.file("watched"), "");
 }
 
 ToolStandIns::~ToolStandIns()
@@ -374,12 +313,12 @@ void ToolStandIns::answerOnce(const std::string& program, const ToolAnswer& answ
 
 void ToolStandIns::watchFile(const std::string& path)
 {
-    writeFile(state_.file("watched"), slurp(state_.file("watched")) + encode({{"file", path}}));
+    writeFile(state_.file("watched"), readFile(state_.file("watched")) + encode({{"file", path}}));
 }
 
 void ToolStandIns::probeLock(const std::string& path)
 {
-    writeFile(state_.file("watched"), slurp(state_.file("watched")) + encode({{"lock", path}}));
+    writeFile(state_.file("watched"), readFile(state_.file("watched")) + encode({{"lock", path}}));
 }
 
 std::vector<ToolCall> ToolStandIns::calls() const

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "support/ScratchDir.h"
+#include "support/ToolRuns.h"
 
 #include <map>
 #include <optional>
@@ -16,11 +17,6 @@
 #include <vector>
 
 namespace support {
-
-extern const char* const postconfPath;
-extern const char* const postmapPath;
-extern const char* const zorvorcPath;
-extern const char* const registerServicePath;
 
 /// What a stand-in does.
 struct ToolAnswer {
@@ -32,6 +28,8 @@ struct ToolAnswer {
     std::vector<std::pair<std::string, std::string>> writes; ///< Files to write: path and content.
 
     static ToolAnswer prints(const std::string& text);
+    /// As postconf(1) answers the question for its directory.
+    static ToolAnswer directory(const std::string& path = configDirectory);
     static ToolAnswer fails(int code, const std::string& errorOutput);
     static ToolAnswer dies(int signal, const std::string& errorOutput);
 };

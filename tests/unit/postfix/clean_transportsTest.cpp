@@ -6,12 +6,15 @@
 #include "postfix/PostfixError.h"
 #include "postfix/SenderTransport.h"
 #include "postfix/SenderTransportManager.h"
-#include "unit/postfix/FreshStart.h"
+#include "unit/postfix/OwnMasterCf.h"
 #include "unit/postfix/PostfixTestTools.h"
-#include "unit/postfix/ToolStandIns.h"
 
 #include "support/Child.h"
+#include "support/FixedPaths.h"
+#include "support/LockFiles.h"
+#include "support/RealPostfix.h"
 #include "support/ScratchDir.h"
+#include "support/TableFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -25,60 +28,46 @@
 
 namespace {
 
+using support::askDirectory;
+using support::disabledPath;
+using support::emptyTable;
 using support::exactMessageOf;
 using support::postconfPath;
 using support::postmapPath;
+using support::tableName;
+using support::tableSourcePath;
 using support::ToolAnswer;
 using namespace zorvo::mail::postfix;
 
 using CommandLines = std::vector<std::vector<std::string>>;
 
-const std::string table = senderTransportTable;
-const std::string tableSource = support::sourceOf(table);
-const std::vector<std::string> directoryQuery{postconfPath, "-h", "config_directory"};
-const std::vector<std::string> rebuild{postmapPath, "-r", table};
 const size_t parameters = std::size(removedParameters);
 
 /// The runs of a cleanup up to the removal of the first `removals` parameters, and then `others`.
 CommandLines runs(size_t removals, const CommandLines& others = {})
 {
-    CommandLines lines{directoryQuery};
+    CommandLines lines{askDirectory};
     for (size_t i = 0; i < removals; ++i)
-        lines.push_back({postconfPath, "-X", removedParameters[i]});
+        lines.push_back(support::removeParameter(removedParameters[i]));
     lines.insert(lines.end(), others.begin(), others.end());
     return lines;
 }
 
 /// With postconf and postmap replaced, and master.cf in a directory of the test's own.
-class CleanTransportsTest : public support::FreshProcessTest {
+class CleanTransportsTest : public support::OwnMasterCfAndTableTest {
 protected:
-    CleanTransportsTest()
-    {
-        tools_.replace(postconfPath);
-        tools_.replace(postmapPath);
-        tools_.answer(postconfPath, {"-h", "config_directory"}, ToolAnswer::prints(scratch_.path() + "\n"));
-        tools_.watchFile(path_);
-        tools_.watchFile(tableSource);
-    }
-
     std::string cleaned(const std::string& text)
     {
-        support::writeFile(path_, text);
+        writeMasterCf(text);
         clean_transports();
         return masterCf();
     }
-
-    std::string masterCf() const { return support::readFile(path_); }
-
-    support::ScratchDir scratch_;
-    support::ToolStandIns tools_;
-    const std::string path_ = scratch_.file("master.cf");
 };
 
 PROCESS_TEST_F(CleanTransportsTest, ToolsRunInOrder)
 {
     cleaned("zorvo-x unix - - n - - smtp\n");
-    EXPECT_EQ(runs(parameters, {rebuild, directoryQuery}), tools_.commandLines());
+    EXPECT_EQ(runs(parameters, {emptyTable, askDirectory}), tools_.commandLines());
 }
 
 // The table is rebuilt from an empty source file, which does not stay.
@@ -86,17 +75,17 @@ PROCESS_TEST_F(CleanTransportsTest, TableIsEmptiedBeforeMasterCfIsTouched)
 {
     cleaned("zorvo-x unix - - n - - smtp\n# end\n");
     const support::ToolCall run = tools_.calls().at(1 + parameters);
-    ASSERT_TRUE(run.files.at(tableSource).has_value());
-    EXPECT_EQ("", run.files.at(tableSource)->content);
+    ASSERT_TRUE(run.files.at(tableSourcePath).has_value());
+    EXPECT_EQ("", run.files.at(tableSourcePath)->content);
     EXPECT_EQ("zorvo-x unix - - n - - smtp\n# end\n", run.files.at(path_)->content);
-    EXPECT_FALSE(std::filesystem::exists(tableSource));
+    EXPECT_FALSE(std::filesystem::exists(tableSourcePath));
     EXPECT_EQ("# end\n", masterCf());
 }
 
 PROCESS_TEST_F(CleanTransportsTest, ParametersAreRemovedUnderTheLock)
 {
     const std::string mainCfLock = support::lockFileOf(scratch_.path() + "/main.cf");
-    const std::string tableLock = support::lockFileOf(tableSource);
+    const std::string tableLock = support::lockFileOf(tableSourcePath);
     tools_.probeLock(mainCfLock);
     tools_.probeLock(tableLock);
     cleaned("# top\n");
@@ -156,7 +145,6 @@ PROCESS_TEST_F(CleanTransportsTest, PrefixIsCaseSensitive)
 // A service of another type in master.cf does not cost a disabled one of its name.
 PROCESS_TEST_F(CleanTransportsTest, DisabledNamesakeStays)
 {
-    const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
     support::writeFile(disabledPath, "zorvo-x unix - - n - - smtp\n");
     EXPECT_EQ("zorvo-x inet n - n - - smtpd\n", cleaned("zorvo-x inet n - n - - smtpd\n"));
     EXPECT_EQ("zorvo-x unix - - n - - smtp\n", support::readFile(disabledPath));
@@ -165,7 +153,6 @@ PROCESS_TEST_F(CleanTransportsTest, DisabledNamesakeStays)
 // Disabled services are not in master.cf.
 PROCESS_TEST_F(CleanTransportsTest, DisabledServicesStay)
 {
-    const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
     support::writeFile(disabledPath, "zorvo-x unix - - n - - smtp\n");
     cleaned("zorvo-y unix - - n - - smtp\n# end\n");
     EXPECT_EQ("zorvo-x unix - - n - - smtp\n", support::readFile(disabledPath));
@@ -194,11 +181,11 @@ PROCESS_TEST_F(CleanTransportsTest, EarlierEditsAreStoredEvenWithoutAGeneratedSe
 PROCESS_TEST_F(CleanTransportsTest, SecondCleanupChangesNothingMore)
 {
     const std::string once = cleaned("# top\nzorvo-x unix - - n - - smtp\n# end\n");
-    EXPECT_EQ(runs(parameters, {rebuild, directoryQuery}), tools_.commandLines());
+    EXPECT_EQ(runs(parameters, {emptyTable, askDirectory}), tools_.commandLines());
     tools_.forget();
     clean_transports();
     EXPECT_EQ(once, masterCf());
-    CommandLines second = runs(parameters, {rebuild});
+    CommandLines second = runs(parameters, {emptyTable});
     second.erase(second.begin()); // The directory is known by then.
     EXPECT_EQ(second, tools_.commandLines());
 }
@@ -227,9 +214,9 @@ PROCESS_TEST_F(CleanTransportsTest, FailureOfTheTableLeavesTheServices)
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: fatal: x\n"));
     EXPECT_EQ("postmap: fatal: x\n", exactMessageOf<PostfixConfigurationError>(
                                          [this] { cleaned("zorvo-x unix - - n - - smtp\n"); }));
-    EXPECT_EQ(runs(parameters, {rebuild}), tools_.commandLines());
+    EXPECT_EQ(runs(parameters, {emptyTable}), tools_.commandLines());
     EXPECT_EQ("zorvo-x unix - - n - - smtp\n", masterCf());
-    EXPECT_FALSE(std::filesystem::exists(tableSource));
+    EXPECT_FALSE(std::filesystem::exists(tableSourcePath));
 }
 
 PROCESS_TEST_F(CleanTransportsTest, UnreadableMasterCfComesAfterTheRest)
@@ -237,7 +224,7 @@ PROCESS_TEST_F(CleanTransportsTest, UnreadableMasterCfComesAfterTheRest)
     EXPECT_EQ(
         "unable to parse " + path_ + ": syntax error at position 0 near 'Bad'",
         exactMessageOf<PostfixConfigurationError>([this] { cleaned("Bad\nzorvo-x unix - - n - - smtp\n"); }));
-    EXPECT_EQ(runs(parameters, {rebuild, directoryQuery}), tools_.commandLines());
+    EXPECT_EQ(runs(parameters, {emptyTable, askDirectory}), tools_.commandLines());
     EXPECT_EQ("Bad\nzorvo-x unix - - n - - smtp\n", masterCf());
 }
 
@@ -282,30 +269,30 @@ class CleanTransportsPostfixTest : public support::FreshProcessTest {};
 
 PROCESS_TEST_F(CleanTransportsPostfixTest, EverythingGeneratedIsGone)
 {
-    const std::string mainCf = support::readFile("/etc/postfix/main.cf");
-    const std::string masterCf = support::readFile("/etc/postfix/master.cf");
+    const std::string mainCf = support::readFile(support::mainCfPath);
+    const std::string masterCf = support::readFile(support::masterCfPath);
     std::string bound = mainCf;
     for (const std::string parameter : removedParameters)
         bound += parameter + " = 192.0.2.1\n";
-    support::writeFile("/etc/postfix/main.cf", bound);
-    support::writeFile("/etc/postfix/master.cf", masterCf + "zorvo-x unix - - n - - smtp\n  -o a=b\n");
+    support::writeFile(support::mainCfPath, bound);
+    support::writeFile(support::masterCfPath, masterCf + "zorvo-x unix - - n - - smtp\n  -o a=b\n");
     support::ageMainCf();
-    support::outputOf("echo '@example.org zorvo-x:' | /usr/sbin/postmap -r -i " + table);
+    support::outputOf("echo '@example.org zorvo-x:' | /usr/sbin/postmap -r -i " + tableName);
 
     clean_transports();
-    EXPECT_EQ(mainCf, support::readFile("/etc/postfix/main.cf"));
-    EXPECT_EQ(masterCf, support::readFile("/etc/postfix/master.cf"));
-    EXPECT_EQ(0644U, support::modeOf("/etc/postfix/master.cf"));
+    EXPECT_EQ(mainCf, support::readFile(support::mainCfPath));
+    EXPECT_EQ(masterCf, support::readFile(support::masterCfPath));
+    EXPECT_EQ(0644U, support::modeOf(support::masterCfPath));
     support::ageMainCf();
-    EXPECT_EQ("", support::outputOf("/usr/sbin/postmap -s " + table));
-    EXPECT_EQ(std::set<std::string>{support::databaseNameOf(table)},
-              support::namesIn("/var/spool/postfix/zorvo"));
+    EXPECT_EQ("", support::outputOf(support::postmapPath + std::string(" -s ") + tableName));
+    EXPECT_EQ(std::set<std::string>{std::filesystem::path(support::databaseOf(tableName)).filename()},
+              support::namesIn(support::spoolDirectory));
 
     clean_transports();
-    EXPECT_EQ(mainCf, support::readFile("/etc/postfix/main.cf"));
-    EXPECT_EQ(masterCf, support::readFile("/etc/postfix/master.cf"));
+    EXPECT_EQ(mainCf, support::readFile(support::mainCfPath));
+    EXPECT_EQ(masterCf, support::readFile(support::masterCfPath));
     support::ageMainCf();
-    EXPECT_EQ("", support::outputOf("/usr/sbin/postmap -s " + table));
+    EXPECT_EQ("", support::outputOf(support::postmapPath + std::string(" -s ") + tableName));
 }
 
 } // namespace

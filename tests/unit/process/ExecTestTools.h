@@ -7,14 +7,12 @@
 #include "support/OpenFds.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <functional>
 #include <initializer_list>
-#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -115,19 +113,5 @@ inline std::string numbers(int count)
         text += std::to_string(i / 10) + std::to_string(i % 10) + "\n";
     return text;
 }
-
-/// After each test no child and no descriptor may be left.
-class ExecTest : public testing::Test {
-protected:
-    ExecTest() : fds_(support::openFds()) {}
-    ~ExecTest() override
-    {
-        EXPECT_TRUE(support::hasNoChildren());
-        EXPECT_EQ(support::openFds(), fds_);
-    }
-
-private:
-    std::map<int, std::string> fds_;
-};
 
 } // namespace tools

@@ -187,7 +187,7 @@ TEST(PipeOwnerTest, ConnectsItsEnds)
     pipe.open("label");
     ASSERT_EQ(::write(pipe.writeEnd.get(), "data", 4), 4);
     pipe.writeEnd.close("label");
-    EXPECT_EQ(tools::readAll(pipe.readEnd.get()), "data");
+    EXPECT_EQ(support::readAll(pipe.readEnd.get()), "data");
 }
 
 TEST(PipeOwnerTest, EndsAreClosedOnExec)

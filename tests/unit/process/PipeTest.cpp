@@ -17,7 +17,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -29,15 +28,14 @@ using faults::FailingCall;
 using faults::Who;
 using support::hasNoChildren;
 using support::openFds;
+using support::ownSignals;
 using support::ScratchDir;
+using support::Signals;
+using support::signalsIn;
 using testing::ElementsAre;
-using tools::bit;
 using tools::childSystemError;
 using tools::dispositionOf;
 using tools::inOwnProcess;
-using tools::ownSignals;
-using tools::Signals;
-using tools::signalsIn;
 using tools::systemError;
 using tools::thrownBy;
 using zorvo::process::collectOutput;
@@ -114,9 +112,9 @@ struct LongReceiver {
 };
 
 /// Whatever a run does, it leaves no child and no descriptor, and signals as they were.
-class PipeTest : public testing::Test {
+class PipeTest : public tools::NothingLeftTest {
 protected:
-    PipeTest() : fds_(openFds()), signals_(ownSignals())
+    PipeTest() : signals_(ownSignals())
     {
         child_ = dispositionOf(SIGCHLD);
         pipe_ = dispositionOf(SIGPIPE);
@@ -125,15 +123,13 @@ protected:
 
     void checkNothingIsLeft() const
     {
-        EXPECT_TRUE(hasNoChildren());
-        EXPECT_EQ(openFds(), fds_);
+        NothingLeftTest::checkNothingIsLeft();
         EXPECT_EQ(ownSignals(), signals_);
         EXPECT_EQ(dispositionOf(SIGCHLD).sa_handler, child_.sa_handler);
         EXPECT_EQ(dispositionOf(SIGPIPE).sa_handler, pipe_.sa_handler);
     }
 
 private:
-    std::map<int, std::string> fds_;
     Signals signals_;
     struct sigaction child_ = {};
     struct sigaction pipe_ = {};
@@ -1317,7 +1313,7 @@ static std::vector<std::string> labelsOf(Call call, int error)
             return happened ? 0 : 1;
         });
         ::close(ends[1]);
-        const std::string label = tools::readAll(ends[0]);
+        const std::string label = support::readAll(ends[0]);
         ::close(ends[0]);
         const int status = support::waitFor(child);
         if (status == exited(1))
@@ -1612,7 +1608,7 @@ TEST_F(PipeTest, LaunchAllStartsRegistersAndUnblocks)
         EXPECT_TRUE(launches[1]->stdoutPipe().isOpen());
         ASSERT_EQ(::write(launches[0]->stdinPipe().get(), "text", 4), 4);
         launches[0]->stdinPipe().close_nothrow();
-        EXPECT_EQ(tools::readAll(launches[1]->stdoutPipe().get()), "text");
+        EXPECT_EQ(support::readAll(launches[1]->stdoutPipe().get()), "text");
         while (catcher.finishedCount() < 2) {
             fd_set readable;
             FD_ZERO(&readable);

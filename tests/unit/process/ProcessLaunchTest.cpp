@@ -39,15 +39,13 @@ using faults::ScriptedWait;
 using faults::Who;
 using support::hasNoChildren;
 using support::openFds;
+using support::readAll;
 using support::ScratchDir;
-using tools::bit;
+using support::Signals;
+using support::signalsIn;
 using tools::childSystemError;
 using tools::closeAllButStandard;
 using tools::inOwnProcess;
-using tools::ownSignals;
-using tools::readAll;
-using tools::Signals;
-using tools::signalsIn;
 using tools::systemError;
 using tools::thrownBy;
 using zorvo::SystemError;
@@ -1149,13 +1147,7 @@ TEST(ProcessLaunchTest, ParentsPipeEndsReachNoOtherChild)
 TEST(ProcessLaunchTest, SignalsOfTheStartReachTheProgram)
 {
     inOwnProcess([] {
-        ::signal(SIGCHLD, SIG_IGN);
-        ::signal(SIGPIPE, SIG_DFL);
-        tools::block(SIGCHLD);
-        tools::block(SIGPIPE);
-        tools::block(SIGUSR1);
-        const Signals start = ownSignals();
-        zorvo::process::takeOverSignals();
+        const Signals start = tools::takeOverOddSignals();
         Launch launch;
         launch.file = "/bin/cat";
         launch.arguments = {"cat", "/proc/self/status"};

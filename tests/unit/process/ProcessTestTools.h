@@ -1,28 +1,26 @@
 // Small tools shared by the tests of this directory: assertions in a process of their own, exceptions as
-// text, signal states, handshakes.
+// text, signals, handshakes.
 #pragma once
 
 #include "common/SystemError.h"
+#include "process/signals.h"
 #include "support/Child.h"
+#include "support/OpenFds.h"
+#include "support/SignalStates.h"
 
 #include <cxxabi.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
 #include <functional>
-#include <iterator>
+#include <map>
 #include <memory>
-#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <typeinfo>
 
@@ -89,49 +87,6 @@ inline std::string childSystemError(const std::string& label, int code)
     return systemError(zorvo::SystemError(label, code).what(), code);
 }
 
-/// The bit of a signal in the masks of /proc/PID/status.
-constexpr uint64_t bit(int signal)
-{
-    return uint64_t{1} << (signal - 1);
-}
-
-/// Blocked and ignored signals of a process.
-struct Signals {
-    uint64_t blocked = 0;
-    uint64_t ignored = 0;
-};
-
-inline bool operator==(const Signals& one, const Signals& other)
-{
-    return one.blocked == other.blocked && one.ignored == other.ignored;
-}
-
-inline std::ostream& operator<<(std::ostream& stream, const Signals& signals)
-{
-    return stream << std::hex << "blocked " << signals.blocked << ", ignored " << signals.ignored << std::dec;
-}
-
-/// From the text of a /proc/PID/status.
-inline Signals signalsIn(const std::string& status)
-{
-    Signals signals;
-    std::istringstream lines(status);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.compare(0, 7, "SigBlk:") == 0)
-            signals.blocked = std::stoull(line.substr(7), nullptr, 16);
-        if (line.compare(0, 7, "SigIgn:") == 0)
-            signals.ignored = std::stoull(line.substr(7), nullptr, 16);
-    }
-    return signals;
-}
-
-/// Of this process.
-inline Signals ownSignals()
-{
-    std::ifstream status("/proc/self/status");
-    return signalsIn({std::istreambuf_iterator<char>(status), std::istreambuf_iterator<char>()});
-}
-
 inline void block(int signal)
 {
     sigset_t set;
@@ -156,6 +111,21 @@ inline bool isBlocked(int signal)
     return sigismember(&set, signal) == 1;
 }
 
+/// Puts this process into a state that takeOverSignals() has to change in every way: SIGCHLD ignored and
+/// blocked, SIGPIPE blocked, and SIGUSR1 blocked, which is none of its business. Returns the state; it is
+/// taken over.
+inline support::Signals takeOverOddSignals()
+{
+    ::signal(SIGCHLD, SIG_IGN);
+    ::signal(SIGPIPE, SIG_DFL);
+    block(SIGCHLD);
+    block(SIGPIPE);
+    block(SIGUSR1);
+    const support::Signals start = support::ownSignals();
+    zorvo::process::takeOverSignals();
+    return start;
+}
+
 /// The current disposition of a signal.
 inline struct sigaction dispositionOf(int signal)
 {
@@ -163,6 +133,22 @@ inline struct sigaction dispositionOf(int signal)
     ::sigaction(signal, nullptr, &action);
     return action;
 }
+
+/// After each test no child and no descriptor may be left.
+class NothingLeftTest : public testing::Test {
+protected:
+    NothingLeftTest() : fds_(support::openFds()) {}
+    ~NothingLeftTest() override { checkNothingIsLeft(); }
+
+    void checkNothingIsLeft() const
+    {
+        EXPECT_TRUE(support::hasNoChildren());
+        EXPECT_EQ(support::openFds(), fds_);
+    }
+
+private:
+    std::map<int, std::string> fds_;
+};
 
 /// Waits until `child` has ended; it stays to be reaped.
 inline void waitUntilEnded(pid_t child)
@@ -216,37 +202,5 @@ public:
 private:
     int ends_[2] = {-1, -1};
 };
-
-/// Everything up to end of file.
-inline std::string readAll(int fd)
-{
-    std::string all;
-    char part[4096];
-    for (;;) {
-        const ssize_t got = ::read(fd, part, sizeof part);
-        if (got > 0)
-            all.append(part, static_cast<size_t>(got));
-        else if (got == 0 || errno != EINTR)
-            return all;
-    }
-}
-
-/// Makes the calling process's mounts its own, so that those of a test end with it.
-inline bool makeMountsPrivate()
-{
-    return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-}
-
-/// False where the kernel lets no process have mounts of its own; what needs them has to be skipped then.
-inline bool mountsCanBePrivate()
-{
-    return support::waitFor(support::forkChild([] { return makeMountsPrivate() ? 0 : 1; })) == 0;
-}
-
-/// An empty file system at `path`.
-inline void mountEmpty(const std::string& path)
-{
-    ASSERT_EQ(::mount("tmpfs", path.c_str(), "tmpfs", 0, nullptr), 0) << std::strerror(errno);
-}
 
 } // namespace tools

@@ -13,13 +13,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <map>
 #include <string>
 #include <vector>
 
 using faults::Call;
 using faults::FailingCall;
-using support::openFds;
 using testing::ElementsAre;
 using tools::systemError;
 using tools::thrownBy;
@@ -34,18 +32,14 @@ using zorvo::process::Pump;
 namespace {
 
 /// A pump beside a catcher that has no child, so that only the descriptors keep it running.
-class PumpTest : public testing::Test {
+class PumpTest : public tools::NothingLeftTest {
 protected:
-    PumpTest() : fds_(openFds())
+    PumpTest()
     {
         signals_.adapt();
         catcher_.install();
     }
-    ~PumpTest() noexcept override
-    {
-        catcher_.remove(false);
-        EXPECT_EQ(openFds(), fds_);
-    }
+    ~PumpTest() noexcept override { catcher_.remove(false); }
 
     /// A pipe with `text` in it and nobody to write more; its read end.
     static FdOwner filled(const std::string& text)
@@ -56,7 +50,6 @@ protected:
         return std::move(pipe.readEnd);
     }
 
-    std::map<int, std::string> fds_;
     LaunchSignals signals_;
     ProcessSetCatcher catcher_;
     Pump pump_;
@@ -107,7 +100,7 @@ TEST_F(PumpTest, InputIsWrittenWholeAndClosed)
     pump_.run(catcher_);
     EXPECT_FALSE(pipe.writeEnd.isOpen());
     EXPECT_FALSE(pump_.inputRefused());
-    EXPECT_EQ(tools::readAll(pipe.readEnd.get()), "input");
+    EXPECT_EQ(support::readAll(pipe.readEnd.get()), "input");
 }
 
 TEST_F(PumpTest, EmptySourceClosesTheInputAtOnce)

@@ -4,6 +4,7 @@
 #include "common/zorvo_log.h"
 #include "process/signals.h"
 #include "support/Capture.h"
+#include "support/Mounts.h"
 #include "support/OpenFds.h"
 #include "support/ScratchDir.h"
 #include "unit/process/ExecTestTools.h"
@@ -42,13 +43,13 @@ using support::runInChild;
 using support::ScratchDir;
 using testing::ElementsAre;
 using tools::closeAllButStandard;
-using tools::ExecTest;
 using tools::inOwnProcess;
+using tools::NothingLeftTest;
 using tools::openNumbers;
 
 namespace {
 
-class ClosefromTest : public ExecTest {};
+class ClosefromTest : public NothingLeftTest {};
 
 } // namespace
 
@@ -164,7 +165,7 @@ static std::vector<int> closedByNames(const std::vector<std::string>& names)
     if (::pipe2(ends, O_CLOEXEC) != 0)
         throw std::runtime_error("cannot make a pipe");
     const pid_t child = support::forkChild([&names, &ends] {
-        if (!tools::makeMountsPrivate() || ::mount("tmpfs", "/proc", "tmpfs", 0, nullptr) != 0)
+        if (!support::makeMountsPrivate() || !support::mountEmpty("/proc"))
             return 1;
         std::filesystem::create_directories("/proc/self/fd");
         for (const std::string& name : names)
@@ -180,7 +181,7 @@ static std::vector<int> closedByNames(const std::vector<std::string>& names)
         return ::write(600, report, sizeof report) == sizeof report ? 0 : 2;
     });
     ::close(ends[1]);
-    const std::string report = tools::readAll(ends[0]);
+    const std::string report = support::readAll(ends[0]);
     ::close(ends[0]);
     EXPECT_EQ(support::waitFor(child), 0);
     std::vector<int> result;
@@ -191,7 +192,7 @@ static std::vector<int> closedByNames(const std::vector<std::string>& names)
 
 TEST_F(ClosefromTest, ThroughProcBelievesOnlyPlainNumbersAndItsOwnDescriptor)
 {
-    if (!tools::mountsCanBePrivate())
+    if (!support::canMount())
         GTEST_SKIP() << "no private mounts here";
     EXPECT_THAT(closedByNames({"3", "4", "5", "6"}), ElementsAre(0, 0, 0, 0)); // Its own is 6.
     EXPECT_THAT(closedByNames({"0", "1", "4", "6"}), ElementsAre(0, 1, 0, 1));
@@ -207,7 +208,7 @@ TEST_F(ClosefromTest, ThroughProcBelievesOnlyPlainNumbersAndItsOwnDescriptor)
 
 TEST_F(ClosefromTest, ThroughProcWithoutItsOwnDescriptorIsNotToBeReliedUpon)
 {
-    if (!tools::mountsCanBePrivate())
+    if (!support::canMount())
         GTEST_SKIP() << "no private mounts here";
     EXPECT_EQ(closedByNames({"3", "4"})[0], -1);
 }

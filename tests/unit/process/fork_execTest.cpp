@@ -42,19 +42,18 @@ using faults::Who;
 using support::ChildResult;
 using support::runInChild;
 using support::ScratchDir;
+using support::Signals;
+using support::signalsIn;
 using tools::Arguments;
 using tools::end;
-using tools::ExecTest;
 using tools::inOwnProcess;
+using tools::NothingLeftTest;
 using tools::numbers;
 using tools::openNumbers;
-using tools::ownSignals;
 using tools::script;
 using tools::see;
 using tools::Seen;
 using tools::sh;
-using tools::Signals;
-using tools::signalsIn;
 using tools::taken;
 using tools::targetOf;
 
@@ -98,16 +97,16 @@ void endStoppedChild(pid_t child)
     support::waitFor(child);
 }
 
-class ForkExecWaitpidTest : public ExecTest {};
-class ForkExecvPipesTest : public ExecTest {};
-class ForkExecvGetouterrTest : public ExecTest {};
-class ForkExecvGetoutTest : public ExecTest {};
-class ForkExecvLogTest : public ExecTest {};
-class ForkExecvFdTest : public ExecTest {};
-class ForkExecvTest : public ExecTest {};
-class ReadToBufTest : public ExecTest {};
-class DoExecTest : public ExecTest {};
-class PrepareFdsToExecTest : public ExecTest {};
+class ForkExecWaitpidTest : public NothingLeftTest {};
+class ForkExecvPipesTest : public NothingLeftTest {};
+class ForkExecvGetouterrTest : public NothingLeftTest {};
+class ForkExecvGetoutTest : public NothingLeftTest {};
+class ForkExecvLogTest : public NothingLeftTest {};
+class ForkExecvFdTest : public NothingLeftTest {};
+class ForkExecvTest : public NothingLeftTest {};
+class ReadToBufTest : public NothingLeftTest {};
+class DoExecTest : public NothingLeftTest {};
+class PrepareFdsToExecTest : public NothingLeftTest {};
 
 } // namespace
 
@@ -362,7 +361,7 @@ TEST_F(ForkExecvPipesTest, ProgramHasNoFurtherDescriptor)
     Arguments arguments = {"ls", "/proc/self/fd"};
     const pid_t child = fork_execv_pipes(-1, ends[1], -1, "/bin/ls", arguments.get());
     ::close(ends[1]);
-    EXPECT_EQ(tools::readAll(ends[0]), "0\n1\n2\n3\n"); // 3 is the directory that ls reads.
+    EXPECT_EQ(support::readAll(ends[0]), "0\n1\n2\n3\n"); // 3 is the directory that ls reads.
     ::close(ends[0]);
     ::close(extra);
     EXPECT_EQ(fork_exec_waitpid(child, "ls", nullptr), 0);
@@ -466,13 +465,7 @@ TEST_F(ForkExecvPipesTest, InterruptedCallsAreRepeated)
 TEST_F(ForkExecvPipesTest, SignalsOfTheStartReachTheProgram)
 {
     inOwnProcess([] {
-        ::signal(SIGCHLD, SIG_IGN);
-        ::signal(SIGPIPE, SIG_DFL);
-        tools::block(SIGCHLD);
-        tools::block(SIGPIPE);
-        tools::block(SIGUSR1);
-        const Signals start = ownSignals();
-        zorvo::process::takeOverSignals();
+        const Signals start = tools::takeOverOddSignals();
         char* out = nullptr;
         Arguments arguments = {"cat", "/proc/self/status"};
         EXPECT_EQ(fork_execv_getout(&out, "/bin/cat", arguments.get()), 0);
@@ -487,7 +480,7 @@ TEST_F(ForkExecvPipesTest, VariableListIsTheArgumentVector)
     const pid_t child = fork_execl_pipes(-1, ends[1], -1, sh, "my name", "-c", "printf '<%s>' \"$0\" \"$@\"",
                                          "zeroth", "", "two words", end);
     ::close(ends[1]);
-    EXPECT_EQ(tools::readAll(ends[0]), "<zeroth><><two words>");
+    EXPECT_EQ(support::readAll(ends[0]), "<zeroth><><two words>");
     ::close(ends[0]);
     EXPECT_EQ(fork_exec_waitpid(child, sh, nullptr), 0);
 }
@@ -501,7 +494,7 @@ TEST_F(ForkExecvPipesTest, VariableListIsCutAfterAHundred)
     const pid_t child =
         fork_execl_pipes(-1, ends[1], -1, "/usr/bin/printf", "printf", "%s\\n", HUNDRED, "more", end);
     ::close(ends[1]);
-    EXPECT_EQ(tools::readAll(ends[0]), numbers(98));
+    EXPECT_EQ(support::readAll(ends[0]), numbers(98));
     ::close(ends[0]);
     EXPECT_EQ(fork_exec_waitpid(child, "printf", nullptr), 0);
 }
@@ -514,7 +507,7 @@ TEST_F(ForkExecvPipesTest, VariableListOfExactlyAHundredIsWhole)
     ::close(ends[1]);
     std::string expected = numbers(100).substr(3);
     std::replace(expected.begin(), expected.end() - 1, '\n', ' ');
-    EXPECT_EQ(tools::readAll(ends[0]), expected);
+    EXPECT_EQ(support::readAll(ends[0]), expected);
     ::close(ends[0]);
     EXPECT_EQ(fork_exec_waitpid(child, "echo", nullptr), 0);
 }
@@ -1281,7 +1274,7 @@ TEST_F(ForkExecvFdTest, ProgramHasNoFurtherDescriptor)
     ::close(extra);
     ::close(in);
     ::close(ends[1]);
-    EXPECT_EQ(tools::readAll(ends[0]), "0\n1\n2\n3\n"); // 3 is the directory that ls reads.
+    EXPECT_EQ(support::readAll(ends[0]), "0\n1\n2\n3\n"); // 3 is the directory that ls reads.
     ::close(ends[0]);
 }
 

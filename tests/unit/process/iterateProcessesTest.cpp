@@ -4,7 +4,7 @@
 
 #include "common/zorvo_log.h"
 #include "support/Capture.h"
-#include "support/OpenFds.h"
+#include "support/Mounts.h"
 #include "support/ScratchDir.h"
 #include "unit/process/FailingCall.h"
 #include "unit/process/ProcessTestTools.h"
@@ -27,7 +27,6 @@
 using faults::Call;
 using faults::FailingCall;
 using support::forkChild;
-using support::openFds;
 using support::ScratchDir;
 using support::waitFor;
 using support::writeFile;
@@ -137,8 +136,8 @@ Waiting named(const char* name)
 void withMadeUpProc(const std::function<void()>& body)
 {
     inOwnProcess([&body] {
-        ASSERT_TRUE(tools::makeMountsPrivate());
-        tools::mountEmpty("/proc");
+        ASSERT_TRUE(support::makeMountsPrivate());
+        ASSERT_TRUE(support::mountEmpty("/proc"));
         body();
     });
 }
@@ -162,24 +161,13 @@ void makeUp(int pid, const std::string& name, int parent)
     std::filesystem::create_symlink("/usr/bin/" + name, directory + "/exe");
 }
 
-class IterateProcessesTest : public testing::Test {
-protected:
-    IterateProcessesTest() : fds_(openFds()) {}
-    ~IterateProcessesTest() override
-    {
-        EXPECT_TRUE(support::hasNoChildren());
-        EXPECT_EQ(openFds(), fds_);
-    }
-
-private:
-    std::map<int, std::string> fds_;
-};
+class IterateProcessesTest : public tools::NothingLeftTest {};
 
 class IterateMadeUpProcessesTest : public IterateProcessesTest {
 protected:
     void SetUp() override
     {
-        if (!tools::mountsCanBePrivate())
+        if (!support::canMount())
             GTEST_SKIP() << "no private mounts here";
     }
 };

@@ -4,6 +4,7 @@
 #include "common/zorvo_log.h"
 #include "process/signals.h"
 #include "support/Capture.h"
+#include "support/Mounts.h"
 #include "support/OpenFds.h"
 #include "support/ScratchDir.h"
 #include "unit/process/ExecTestTools.h"
@@ -37,26 +38,26 @@
 using faults::Call;
 using faults::FailingCall;
 using support::ChildResult;
+using support::ownSignals;
 using support::runInChild;
 using support::ScratchDir;
+using support::Signals;
+using support::signalsIn;
 using tools::Arguments;
 using tools::end;
-using tools::ExecTest;
 using tools::inOwnProcess;
+using tools::NothingLeftTest;
 using tools::numbers;
-using tools::ownSignals;
 using tools::see;
 using tools::Seen;
 using tools::sh;
-using tools::Signals;
-using tools::signalsIn;
 using tools::taken;
 
 namespace {
 
-class PathExecTest : public ExecTest {};
-class UtilExecTest : public ExecTest {};
-class PopenExecTest : public ExecTest {};
+class PathExecTest : public NothingLeftTest {};
+class UtilExecTest : public NothingLeftTest {};
+class PopenExecTest : public NothingLeftTest {};
 
 } // namespace
 
@@ -128,12 +129,12 @@ void withTools(const std::function<void()>& body)
 {
     inOwnProcess([&body] {
         const ScratchDir scratch;
-        ASSERT_TRUE(tools::makeMountsPrivate());
-        tools::mountEmpty("/usr/local");
+        ASSERT_TRUE(support::makeMountsPrivate());
+        ASSERT_TRUE(support::mountEmpty("/usr/local"));
         std::filesystem::create_directories("/usr/local/maru/admin/sbin");
         writeTool("/usr/local/maru/admin/sbin/tool");
         // The dynamic loader has to stay where it is.
-        tools::mountEmpty(scratch.path());
+        ASSERT_TRUE(support::mountEmpty(scratch.path()));
         std::filesystem::copy("/usr/lib64", scratch.path(),
                               std::filesystem::copy_options::copy_symlinks |
                                   std::filesystem::copy_options::recursive);
@@ -150,7 +151,7 @@ void withTools(const std::function<void()>& body)
 
 TEST_F(UtilExecTest, RunsTheProductsUtility)
 {
-    if (!tools::mountsCanBePrivate())
+    if (!support::canMount())
         GTEST_SKIP() << "no private mounts here";
     withTools([] {
         const Seen seen = see([] { return util_exec("tool", "a", "", "b c", end); });
@@ -163,7 +164,7 @@ TEST_F(UtilExecTest, RunsTheProductsUtility)
 
 TEST_F(UtilExecTest, ArgsRunsTheProductsUtility)
 {
-    if (!tools::mountsCanBePrivate())
+    if (!support::canMount())
         GTEST_SKIP() << "no private mounts here";
     withTools([] {
         Arguments arguments = {"a", "", "b c"};
@@ -181,7 +182,7 @@ TEST_F(UtilExecTest, ArgsRunsTheProductsUtility)
 
 TEST_F(UtilExecTest, ArgsTakesAnyNumber)
 {
-    if (!tools::mountsCanBePrivate())
+    if (!support::canMount())
         GTEST_SKIP() << "no private mounts here";
     withTools([] {
         Arguments arguments(std::vector<std::string>(250, "x"));
@@ -196,7 +197,7 @@ TEST_F(UtilExecTest, ArgsTakesAnyNumber)
 
 TEST_F(UtilExecTest, LibexecRunsFromItsOwnDirectory)
 {
-    if (!tools::mountsCanBePrivate())
+    if (!support::canMount())
         GTEST_SKIP() << "no private mounts here";
     withTools([] {
         const Seen seen = see([] { return util_libexec("tool", "a", "b c", end); });
@@ -209,7 +210,7 @@ TEST_F(UtilExecTest, LibexecRunsFromItsOwnDirectory)
 
 TEST_F(UtilExecTest, ListsAreCutAfterAHundred)
 {
-    if (!tools::mountsCanBePrivate())
+    if (!support::canMount())
         GTEST_SKIP() << "no private mounts here";
     withTools([] {
         std::string hundred;

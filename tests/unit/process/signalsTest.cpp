@@ -17,13 +17,13 @@
 using faults::AtCall;
 using faults::Call;
 using faults::FailingCall;
-using tools::bit;
+using support::bit;
+using support::ownSignals;
+using support::Signals;
 using tools::block;
 using tools::dispositionOf;
 using tools::inOwnProcess;
 using tools::isBlocked;
-using tools::ownSignals;
-using tools::Signals;
 using tools::systemError;
 using tools::thrownBy;
 using zorvo::process::LaunchSignals;
