@@ -3,8 +3,8 @@
 #pragma once
 
 #include "support/Child.h"
+#include "support/Mounts.h"
 #include "support/ScratchDir.h"
-#include "unit/postfix/PostfixTestTools.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
