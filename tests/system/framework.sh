@@ -124,10 +124,10 @@ bind() {
 # $scratch/stdout and stderr. It must not change anything.
 check() {
     local before
-    before=$(fingerprint_with_processes)
+    before=$(state)
     status=0
     "$check_program" "$@" >"$scratch/stdout" 2>"$scratch/stderr" || status=$?
-    assert_equal "files, locks and master after a check" "$before" "$(fingerprint_with_processes)"
+    assert_equal "files, locks and queue manager after a check" "$before" "$(state)"
 }
 
 # assert_checked STATUS REPORT ARGUMENT...: runs a check and asserts the whole of what it says.
@@ -154,7 +154,10 @@ reload_postfix() {
     poll has_other_queue_manager "$before" || fail "Postfix did not reload"
 }
 queue_manager() { pgrep -P "$(master_pid)" -x qmgr; }
-has_other_queue_manager() { local now; now=$(queue_manager) && [[ $now != "$1" ]]; }
+has_other_queue_manager() {
+    local now
+    now=$(queue_manager) && ! grep -q -x "$1" <<<"$now"
+}
 
 # request DOMAIN IP4 IP6 ...: prints the JSON request of these triples.
 # shellcheck disable=SC2120 # none is a request as well
@@ -208,11 +211,10 @@ fingerprint() {
     stat -c '%n %i %a %y' "$master_cf" /var/spool/postfix/zorvo /var/spool/postfix/zorvo/*
 }
 
-# fingerprint_with_processes: likewise, with the lock files, the disabled services and the running Postfix.
-fingerprint_with_processes() {
-    fingerprint
-    find /run/lock/files /etc/postfix -printf '%p %i %s %T@\n' | sort
-    if [[ -e /var/spool/postfix/pid/master.pid ]]; then pgrep -P "$(master_pid)" -x 'qmgr|pickup' || :; fi
+# state: prints what a check could change: files and locks as the file system knows them, and the running Postfix.
+state() {
+    find /etc/postfix /var/spool/postfix/zorvo /run/lock/files -printf '%p %i %m %s %T@\n' | sort
+    if [[ -e /var/spool/postfix/pid/master.pid ]]; then queue_manager || :; fi
 }
 
 master_pid() { tr -d ' ' </var/spool/postfix/pid/master.pid; }
