@@ -131,6 +131,41 @@ const char soundReport[] = "domain       service           IPv4       IPv6  HELO
                            "\n"
                            "nothing wrong\n";
 
+const char jsonReport[] = R"({
+  "status": 1,
+  "routes": [
+    {
+      "domain": "one.example",
+      "service": "zorvo-127.0.0.2-",
+      "ip4": "127.0.0.2",
+      "ip6": "",
+      "helo": "mail.example",
+      "findings": [
+        "record-differs"
+      ]
+    }
+  ],
+  "findings": [
+    {
+      "identifier": "record-differs",
+      "gravity": "problem",
+      "domain": "one.example",
+      "values": {
+        "in the table": "smtp:",
+        "asked for": "zorvo-127.0.0.2-:"
+      }
+    }
+  ],
+  "kinds": {
+    "record-differs": {
+      "gravity": "problem",
+      "consequence": "The table gives the domain's mail to another service than the one asked for.",
+      "remedy": "Run zorvo-smtp-bind again with the whole request."
+    }
+  }
+}
+)";
+
 } // namespace
 
 TEST_F(CheckTest, SoundHostIsStatusZero)
@@ -204,40 +239,7 @@ TEST_F(CheckTest, JsonDocumentHasRoutesFindingsAndKinds)
 {
     bind({oneDomain});
     answer(Answer(listTable).prints("@one.example\tsmtp:\n"));
-    EXPECT_EQ(check({"-t", "domain-ip", "--json"}, request({oneDomain})).end, report(1, R"({
-  "status": 1,
-  "routes": [
-    {
-      "domain": "one.example",
-      "service": "zorvo-127.0.0.2-",
-      "ip4": "127.0.0.2",
-      "ip6": "",
-      "helo": "mail.example",
-      "findings": [
-        "record-differs"
-      ]
-    }
-  ],
-  "findings": [
-    {
-      "identifier": "record-differs",
-      "gravity": "problem",
-      "domain": "one.example",
-      "values": {
-        "in the table": "smtp:",
-        "asked for": "zorvo-127.0.0.2-:"
-      }
-    }
-  ],
-  "kinds": {
-    "record-differs": {
-      "gravity": "problem",
-      "consequence": "The table gives the domain's mail to another service than the one asked for.",
-      "remedy": "Run zorvo-smtp-bind again with the whole request."
-    }
-  }
-}
-)"));
+    EXPECT_EQ(check({"-t", "domain-ip", "--json"}, request({oneDomain})).end, report(1, jsonReport));
 }
 
 TEST_F(CheckTest, ToolsRunNoMoreOftenForManyDomains)
