@@ -182,9 +182,10 @@ const Call& Outcome::call(const Command& command) const
     throw std::out_of_range("not run: " + testing::PrintToString(command));
 }
 
-Program::Program(std::vector<std::string> arguments) : arguments_(std::move(arguments))
+Program::Program(std::vector<std::string> arguments, const std::string& path)
+    : arguments_(std::move(arguments))
 {
-    arguments_.insert(arguments_.begin(), ZORVO_PROGRAM);
+    arguments_.insert(arguments_.begin(), path);
 }
 
 Program::~Program()

@@ -80,7 +80,8 @@ struct Outcome {
 /// ignored or blocked.
 class Program {
 public:
-    explicit Program(std::vector<std::string> arguments);
+    /// Of zorvo-smtp-bind, or of the program at `path`.
+    explicit Program(std::vector<std::string> arguments, const std::string& path = ZORVO_PROGRAM);
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
     ~Program();

@@ -1,8 +1,8 @@
 # shellcheck shell=bash
-# Sourced by every system test: a real Postfix in the sandbox, the program, and what a test asserts of both.
+# Sourced by every system test: a real Postfix in the sandbox, the programs, and what a test asserts of them.
 #
-# A test is a bash script run as scripts/sandbox bash TEST.sh PROGRAM. It ends with 0 (passed), 1 (failed: the first
-# assertion that does not hold ends it, and says everything that is known) or 77 (skipped, with the reason).
+# A test is a bash script run as scripts/sandbox bash TEST.sh PROGRAM CHECK_PROGRAM. It ends with 0 (passed), 1 (failed:
+# the first assertion that does not hold ends it, and says everything that is known) or 77 (skipped, with the reason).
 #
 # After every run of the program the framework itself asserts what always holds: no file is left beside those that the
 # program maintains, master.cf is one that Postfix can read, with its owner and mode.
@@ -33,6 +33,7 @@ umask 022
     default_helo=sandbox.example
 }
 program=${1:-}
+check_program=${2:-}
 
 # dump: all that helps to understand a failure.
 dump() {
@@ -119,6 +120,45 @@ bind() {
     assert_equal "standard error" "" "$(<"$scratch/stderr")"
 }
 
+# check ARGUMENT...: runs zorvo-smtp-check with the caller's standard input; its status is in $status, its output in
+# $scratch/stdout and stderr. It must not change anything.
+check() {
+    local before
+    before=$(state)
+    status=0
+    "$check_program" "$@" >"$scratch/stdout" 2>"$scratch/stderr" || status=$?
+    assert_equal "files, locks and queue manager after a check" "$before" "$(state)"
+}
+
+# assert_checked STATUS REPORT ARGUMENT...: runs a check and asserts the whole of what it says.
+assert_checked() {
+    local expected_status=$1 report=$2
+    shift 2
+    check "$@"
+    assert_equal "standard error of the check" "" "$(<"$scratch/stderr")"
+    assert_equal "report" "$report" "$(<"$scratch/stdout")"
+    assert_equal "status of the check" "$expected_status" "$status"
+}
+
+# shellcheck disable=SC2034 # the end of a report that has nothing else to say of Postfix's default
+enforce_off='warning: enforce-off
+  If an address is taken off the host, Postfix logs a warning and sends from the default one.
+  Set "smtp_bind_address_enforce = yes" in main.cf if such mail shall wait in the queue instead.'
+
+# reload_postfix: returns when it has read its files again.
+reload_postfix() {
+    local before
+    before=$(queue_manager)
+    touch -d '1 hour ago' "$main_cf"
+    postfix reload 2>/dev/null
+    poll has_other_queue_manager "$before" || fail "Postfix did not reload"
+}
+queue_manager() { pgrep -P "$(master_pid)" -x qmgr; }
+has_other_queue_manager() {
+    local now
+    now=$(queue_manager) && ! grep -q -x "$1" <<<"$now"
+}
+
 # request DOMAIN IP4 IP6 ...: prints the JSON request of these triples.
 # shellcheck disable=SC2120 # none is a request as well
 request() {
@@ -171,6 +211,12 @@ fingerprint() {
     stat -c '%n %i %a %y' "$master_cf" /var/spool/postfix/zorvo /var/spool/postfix/zorvo/*
 }
 
+# state: prints what a check could change: files and locks as the file system knows them, and the running Postfix.
+state() {
+    find /etc/postfix /var/spool/postfix/zorvo /run/lock/files -printf '%p %i %m %s %T@\n' | sort
+    if [[ -e /var/spool/postfix/pid/master.pid ]]; then queue_manager || :; fi
+}
+
 master_pid() { tr -d ' ' </var/spool/postfix/pid/master.pid; }
 postfix_is_up() { [[ -n $(pgrep -P "$(master_pid)" -x qmgr) ]]; }
 
@@ -185,3 +231,17 @@ assert_mail() {
     assert_equal "sender, service, source address and HELO name" "<$1> $3 $4 $5" \
         "$(received_header "$name" X-Mail-Args) $(seen_service "$name") $(seen_source "$name") $(seen_helo "$name")"
 }
+
+# assert_deferred SENDER 4|6 REASON: sends a mail and asserts that Postfix keeps it, for a reason that begins like this,
+# and that no receiver saw it.
+assert_deferred() {
+    local name
+    mail_count=$((mail_count + 1))
+    name=$(recipient "mail$mail_count" "$2")
+    send_mail "$1" "$name"
+    poll deferral_is_logged "$name" || fail "no deferred mail from $1 to $name within $mail_deadline seconds"
+    assert_equal "reason of the deferral" "$3" "$(deferral "$name" | head -c ${#3})"
+    assert_equal "what a receiver saw of it" "" "$(received_header "$name" X-Mail-Args || :)"
+}
+deferral() { grep -F "to=<$1>," /run/postfix.log | sed -n 's/.*status=deferred (\(.*\))$/\1/p' | head -n 1; }
+deferral_is_logged() { [[ -n $(deferral "$1") ]]; }

@@ -7,7 +7,7 @@
 mkdir "$scratch/own"
 own_test=$scratch/own/test.sh
 
-# outcome PROGRAM: runs the test on standard input with PROGRAM; prints its status and what it says first.
+# outcome PROGRAM: runs the test on standard input with PROGRAM in place of both; prints its status and what it says first.
 # Everything but that line (the dump) is left in $scratch/own/output.
 outcome() {
     local status=0
@@ -15,7 +15,7 @@ outcome() {
         echo ". '$framework_folder/framework.sh'"
         cat
     } >"$own_test"
-    bash "$own_test" "$1" >"$scratch/own/output" 2>&1 </dev/null || status=$?
+    bash "$own_test" "$1" "$1" >"$scratch/own/output" 2>&1 </dev/null || status=$?
     echo "$status $(head -n 1 "$scratch/own/output")"
 }
 
@@ -56,6 +56,18 @@ chmod 644 "$master_cf"
 assert_equal "a broken master.cf is noticed" "1 FAILED at test.sh:2: master.cf according to postconf" \
     "$(outcome "$(program_that 'echo x >>/etc/postfix/master.cf')" <<<'run_program')"
 cp "$stock" "$master_cf"
+
+assert_equal "a check that changes a file is noticed" \
+    "1 FAILED at test.sh:2: files, locks and queue manager after a check" \
+    "$(outcome "$(program_that ': >/run/lock/files/x')" <<<'check')"
+rm /run/lock/files/x
+assert_equal "assert_checked wants no error output" "1 FAILED at test.sh:2: standard error of the check" \
+    "$(outcome "$(program_that 'echo x >&2')" <<<'assert_checked 0 ""')"
+assert_equal "assert_checked wants the whole report" "1 FAILED at test.sh:2: report" \
+    "$(outcome "$(program_that 'echo x; echo y')" <<<'assert_checked 0 x')"
+assert_equal "assert_checked wants the status" "1 FAILED at test.sh:2: status of the check" \
+    "$(outcome "$(program_that 'echo x; exit 1')" <<<'assert_checked 0 x')"
+assert_equal "assert_checked passes" "0 " "$(outcome "$(program_that 'echo x; exit 1')" <<<'assert_checked 1 x')"
 
 assert_equal "a request of two" '{"domains": [
   {"domain": "a", "ip4_addr": "b", "ip6_addr": ""},
