@@ -69,18 +69,24 @@ bool canBeInterrupted(const Event& event)
     return interruptible.count(event.call) != 0 && !onlyLooks;
 }
 
-/// Without the calls by which glibc 2.41 puts the signal mask back in fork(3), after it blocked everything:
-/// it counts on them, since sigprocmask(2) has no EINTR.
+/// Without the calls by which glibc 2.41 blocks all signals around the fork of fork(3), and puts the mask
+/// back: it counts on them, since sigprocmask(2) has no EINTR.
 std::vector<Event> withoutThoseOfFork(const std::vector<Event>& events)
 {
-    std::vector<Event> kept;
-    std::map<int, std::string> callBefore; ///< Of each process.
-    for (const Event& event : events) {
-        std::string& before = callBefore[event.process];
-        if (event.call != "rt_sigprocmask" || before != "fork")
-            kept.push_back(event);
-        before = event.call;
+    std::set<size_t> ofFork;
+    std::map<int, size_t> latest; ///< The event before, of each process.
+    for (size_t i = 0; i < events.size(); ++i) {
+        const auto before = latest.find(events[i].process);
+        if (before != latest.end() && events[i].call == "fork")
+            ofFork.insert(before->second);
+        if (before != latest.end() && events[before->second].call == "fork")
+            ofFork.insert(i);
+        latest[events[i].process] = i;
     }
+    std::vector<Event> kept;
+    for (size_t i = 0; i < events.size(); ++i)
+        if (events[i].call != "rt_sigprocmask" || ofFork.count(i) == 0)
+            kept.push_back(events[i]);
     return kept;
 }
 

@@ -28,7 +28,8 @@ umask 022
     stock=/usr/share/postfix/master.cf.dist
     master_cf=/etc/postfix/master.cf
     main_cf=/etc/postfix/main.cf
-    table=$(sed -n 's/.* tableName\[\] = "\(.*\)";/\1/p' "${BASH_SOURCE[0]%/*}/../support/FixedPaths.h")
+    paths=${BASH_SOURCE[0]%/*}/../support/FixedPaths.h
+    table=$(sed -n 's/.* tableType = "\(.*\)";/\1/p' "$paths")$(sed -n 's/.* tableSourcePath\[\] = "\(.*\)";/\1/p' "$paths")
     zorvorc=/usr/local/maru/admin/sbin/zorvorc
     default_helo=sandbox.example
 }
