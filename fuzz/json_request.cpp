@@ -1,14 +1,19 @@
-// Fuzz target: the request document (app/transport_info.h) read by the JSON reader (common/sj.h).
+// Fuzz target: the request document (app/transport_info.h) read by the JSON reader (common/sj.h), and what
+// zorvo-smtp-check says of it.
 //
 // Input: one byte, then the document. The low six bits of the byte are the number of allocations granted
 // before memory runs out; 63 ('?') grants all.
 #include "app/transport_info.h"
+#include "check/checkRequest.h"
+#include "check/report.h"
+#include "check/routes.h"
 #include "common/sj.h"
 #include "fuzz/JsonReference.h"
 #include "fuzz/fuzz.h"
 
 #include <algorithm>
 #include <optional>
+#include <sstream>
 #include <vector>
 
 namespace {
@@ -213,6 +218,24 @@ std::optional<Outcome> read(const std::string& document, Hooks& hooks)
     return outcome;
 }
 
+/// The report on a request that was read: nothing in it can act on a terminal, whatever the request holds.
+void checkRequestOf(const Outcome& outcome)
+{
+    zorvo::check::Request request;
+    for (const Entry& entry : outcome.entries)
+        request.bindings.push_back({entry.domain.value(), entry.ip4_addr.value(), entry.ip6_addr.value()});
+    for (const auto type : {zorvo::check::TransportType::DomainIp, zorvo::check::TransportType::DomainName}) {
+        request.type = type;
+        const zorvo::check::Report report = {plannedRoutes(request), checkRequest(request)};
+        std::ostringstream table;
+        std::ostringstream document;
+        writeTable(table, report, false);
+        writeJson(document, report);
+        for (const char c : table.str() + document.str())
+            FUZZ_CHECK(c == '\n' || static_cast<signed char>(c) >= ' ');
+    }
+}
+
 bool same(const Outcome& one, const Outcome& other)
 {
     return one.error == other.error && one.offset == other.offset && one.entries == other.entries;
@@ -232,6 +255,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     FUZZ_CHECK(full.has_value());
     if (const std::optional<Outcome> expected = ReferenceReader(document).read())
         FUZZ_CHECK(same(*full, *expected));
+    if (full->error == 0)
+        checkRequestOf(*full);
 
     const unsigned granted = data[0] & all;
     if (granted == all)
