@@ -37,7 +37,18 @@ void* operator new(size_t size)
     return allocate(size);
 }
 
+// std::stable_sort asks with it; a sanitizer's own would not go with the operators below.
+void* operator new(size_t size, const std::nothrow_t&) noexcept
+{
+    return std::malloc(size == 0 ? 1 : size);
+}
+
 void operator delete(void* block) noexcept
+{
+    std::free(block);
+}
+
+void operator delete(void* block, const std::nothrow_t&) noexcept
 {
     std::free(block);
 }
