@@ -21,8 +21,7 @@ struct Report {
 int exitStatus(const Findings& findings);
 
 /// `text` with every byte except printable ASCII as "\xNN" (line feed "\n", tab "\t", carriage return "\r"),
-/// and
-/// "\\" for a backslash.
+/// and "\\" for a backslash.
 std::string escaped(const std::string& text);
 
 /// The same for a message that was written to be read: line feeds and backslashes stay.
