@@ -7,7 +7,7 @@ one_domain() { request one.example 192.0.2.2 ""; }
 
 start_receivers
 bind -t domain-ip < <(one_domain)
-mv "${table#hash:}.db" "$scratch/"
+mv "$database" "$scratch/"
 reload_postfix
 assert_checked 1 "domain       service           IPv4       IPv6  HELO name        verdict
 one.example  zorvo-192.0.2.2-  192.0.2.2  -     sandbox.example  table-unavailable

@@ -174,7 +174,7 @@ TEST_F(BatchDatabaseHelperTest, GatheredChangesRunNothingAndWriteNothing)
 TEST_F(BatchDatabaseHelperTest, CommitMergesTablesInTheOrderOfTheirNames)
 {
     BatchDatabaseHelper helper(true, false);
-    const std::string lateName = "lmdb:" + scratch_.file("0"), earlyName = "btree:" + scratch_.file("z");
+    const std::string lateName = "z:" + scratch_.file("0"), earlyName = "a:" + scratch_.file("z");
     add(helper, lateName, {{"l", "1"}});
     add(helper, b_, {{"b", "1"}});
     add(helper, a_, {{"a", "1"}});
