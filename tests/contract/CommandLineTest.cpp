@@ -165,7 +165,7 @@ TEST_F(CommandLineTest, ShortOptionsTakeTheirValueAttachedOrApart)
                                              setParameter("smtp_bind_address6=2001:db8::1"), restart}));
 }
 
-TEST_F(CommandLineTest, WordsThatAreNoOptionsAreIgnored)
+TEST_F(CommandLineTest, PositionalArgumentsAreIgnored)
 {
     const Outcome outcome =
         Program({"first", "-t", "explicit-ip", "-4", "192.0.2.1", "-", "--", "-6", "::1"}).run();

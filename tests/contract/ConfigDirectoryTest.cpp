@@ -115,7 +115,7 @@ TEST_F(ConfigDirectoryTest, BlanksAroundTheAnswerDoNotCount)
     EXPECT_NE(masterCf(), plainServices);
 }
 
-TEST_F(ConfigDirectoryTest, MasterCfIsSoughtInTheDirectory)
+TEST_F(ConfigDirectoryTest, MasterCfIsReadFromTheDirectory)
 {
     std::filesystem::create_directory("/etc/postfix/other");
     writeWhole("/etc/postfix/other/master.cf", "smtp inet n - y - - smtpd\nzorvo-x unix - - n - - smtp\n");
@@ -129,7 +129,7 @@ TEST_F(ConfigDirectoryTest, MasterCfIsSoughtInTheDirectory)
                                               lockNameOf("/etc/postfix/other/master.cf")));
 }
 
-TEST_F(ConfigDirectoryTest, SecondAnswerIsTheOneThatFindsMasterCf)
+TEST_F(ConfigDirectoryTest, MasterCfIsReadFromTheDirectoryOfTheSecondAnswer)
 {
     answer(Answer(askDirectory).onRun(1).prints("/nowhere\n"));
     const Outcome outcome = runExplicitIp();
@@ -137,7 +137,7 @@ TEST_F(ConfigDirectoryTest, SecondAnswerIsTheOneThatFindsMasterCf)
     EXPECT_EQ(outcome.call(removeFirstParameter).heldLocks, heldWith(lockNameOf("/nowhere/main.cf")));
 }
 
-TEST_F(ConfigDirectoryTest, EmptySecondAnswerSeeksMasterCfInTheRoot)
+TEST_F(ConfigDirectoryTest, EmptySecondAnswerReadsMasterCfFromTheRoot)
 {
     answer(Answer(askDirectory).onRun(2));
     const Outcome outcome = runExplicitIp();

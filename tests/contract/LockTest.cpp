@@ -112,7 +112,7 @@ TEST_F(LockTest, LockFilesThatExistAreTruncatedAndKept)
     EXPECT_EQ(world().at(path(tableLock)) + "4711\n", before.at(path(tableLock)));
 }
 
-TEST_F(LockTest, RunWaitsForTheOneBeforeWithNothingButTheQueryMade)
+TEST_F(LockTest, RunThatWaitsForAnotherHasOnlyAskedForTheDirectory)
 {
     writeMasterCf(generatedServices);
     HeldLock held(path(runLock));

@@ -108,7 +108,7 @@ TEST(RequestTest, FlawIsReportedWithItsPlace)
                                                 "Error occured at offset 13, character '}'. ");
 }
 
-TEST(RequestTest, NothingAtAllIsRefused)
+TEST(RequestTest, EmptyInputIsRefused)
 {
     EXPECT_EQ(refusalOf(""), "can not parse data from stdin : JSON object is expected. "
                              "Error occured at offset 0, character '\\x00'. ");

@@ -9,7 +9,7 @@ namespace zorvo::check {
 
 using std::chrono::milliseconds;
 
-TEST(ProgressLineTest, FirstSecondIsSilent)
+TEST(ProgressLineTest, NothingIsShownInTheFirstSecond)
 {
     std::ostringstream terminal;
     {

@@ -49,7 +49,7 @@ protected:
 
 } // namespace
 
-TEST_F(SpfEvaluatorTest, EachResultIsTold)
+TEST_F(SpfEvaluatorTest, EachResultIsReported)
 {
     EXPECT_EQ(SpfResult::Pass, ofRecord("v=spf1 ip4:192.0.2.0/24 -all").result);
     EXPECT_EQ(SpfResult::Fail, ofRecord("v=spf1 -all").result);

@@ -91,7 +91,7 @@ TEST_F(CheckPostfixTest, PostfixThatDoesNotRunIsNamed)
     EXPECT_THAT(heldAgainstItself(), ElementsAre(about(Kind::PostfixNotRunning, "", {})));
 }
 
-TEST_F(CheckPostfixTest, PostfixOfWhichNothingIsKnownIsNotBlamed)
+TEST_F(CheckPostfixTest, PostfixInAnUnknownStateHasNoFindings)
 {
     postfix.running.reset();
     postfix.started.reset();

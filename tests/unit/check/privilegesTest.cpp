@@ -67,7 +67,7 @@ TEST(GiveUpPrivilegesTest, RootThatIsOnlySavedIsGivenUpAsWell)
     EXPECT_EQ("escaped: cannot give up privileges: setgroups: Operation not permitted\n", child.err);
 }
 
-TEST(GiveUpPrivilegesTest, AnotherUserOnlyLosesTheMeansToGainRights)
+TEST(GiveUpPrivilegesTest, OtherUserCanNoLongerGainPrivileges)
 {
     const support::ChildResult child = support::runInChild([] {
         if (::setgroups(0, nullptr) != 0 || ::setresgid(1, 1, 1) != 0 || ::setresuid(1, 1, 1) != 0)

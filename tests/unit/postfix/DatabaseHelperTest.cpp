@@ -257,7 +257,7 @@ TEST_F(DatabaseHelperTest, ToolThatSucceedsWithoutReadingFailsTheWrite)
     EXPECT_TRUE(support::hasNoChildren());
 }
 
-TEST_F(DatabaseHelperTest, ToolThatFailsWithoutReadingIsReportedInItsOwnWords)
+TEST_F(DatabaseHelperTest, ToolThatFailsWithoutReadingIsReportedWithItsErrorOutput)
 {
     RecordList many;
     for (int i = 0; i < 50000; ++i)
@@ -274,7 +274,7 @@ TEST_F(DatabaseHelperTest, ToolThatFailsWithoutReadingIsReportedInItsOwnWords)
     EXPECT_EQ("unknown error", exactMessageOf<PostfixConfigurationError>([&] { add(table_, many); }));
 }
 
-TEST_F(DatabaseHelperTest, RemovalThatFailsWithoutReadingIsReportedInItsOwnWords)
+TEST_F(DatabaseHelperTest, RemovalThatFailsWithoutReadingIsReportedWithItsErrorOutput)
 {
     std::list<std::string> keys;
     for (int i = 0; i < 50000; ++i)
@@ -353,7 +353,7 @@ TEST_F(DatabaseHelperTest, RemovalWithExitZeroSucceedsWhateverWasReported)
 }
 
 // Killed is failed, also without a word: no substitute text on this way.
-TEST_F(DatabaseHelperTest, KilledRemovalFailsWithItsOwnWords)
+TEST_F(DatabaseHelperTest, KilledRemovalFailsWithItsErrorOutput)
 {
     tools_.answer(postmapPath, ToolAnswer::dies(SIGKILL, ""));
     EXPECT_EQ("",
@@ -393,7 +393,7 @@ TEST_F(DatabaseHelperTest, RemovingManyRunsUnderTheLock)
     EXPECT_TRUE(support::lockIsFree(lock_));
 }
 
-TEST_F(DatabaseHelperTest, RemovalOfManyIsJudgedLikeRemovalOfOne)
+TEST_F(DatabaseHelperTest, RemovalOfManyFailsAsRemovalOfOneDoes)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: warning: x\n"));
     EXPECT_EQ("(no exception)", messageOf<std::exception>([this] { remove(table_, {"a"}); }));

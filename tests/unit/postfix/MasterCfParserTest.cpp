@@ -223,7 +223,7 @@ TEST_F(MasterCfParserTest, BlankLineAtTheEndIsNotAContinuation)
 
 // --- names
 
-TEST_F(MasterCfParserTest, EveryByteInAServiceNameIsJudged)
+TEST_F(MasterCfParserTest, EveryByteAsAServiceNameIsReadOrRefused)
 {
     const std::string allowed = "-abcdefghijklmnopqrstuvwxyz0123456789_:.";
     for (int code = 0; code < 256; ++code) {
@@ -247,7 +247,7 @@ TEST_F(MasterCfParserTest, EveryByteInAServiceNameIsJudged)
     }
 }
 
-TEST_F(MasterCfParserTest, EveryByteInsideAServiceNameIsJudged)
+TEST_F(MasterCfParserTest, EveryByteInsideAServiceNameIsReadOrRefused)
 {
     const std::string allowed = "-abcdefghijklmnopqrstuvwxyz0123456789_:.";
     for (int code = 0; code < 256; ++code) {
@@ -458,7 +458,7 @@ bool isCommandCharacter(char c)
     return c > ' ' && c <= '~' && c != '#';
 }
 
-TEST_F(MasterCfParserTest, EveryByteAsACommandWordIsJudged)
+TEST_F(MasterCfParserTest, EveryByteAsACommandWordIsReadOrRefused)
 {
     for (int code = 0; code < 256; ++code) {
         const char c = static_cast<char>(code);
@@ -473,7 +473,7 @@ TEST_F(MasterCfParserTest, EveryByteAsACommandWordIsJudged)
     }
 }
 
-TEST_F(MasterCfParserTest, EveryByteInsideACommandWordIsJudged)
+TEST_F(MasterCfParserTest, EveryByteInsideACommandWordIsReadOrRefused)
 {
     for (int code = 0; code < 256; ++code) {
         const char c = static_cast<char>(code);

@@ -38,7 +38,7 @@ TEST_F(PostconfReaderTest, ReadsAllParametersInOneRun)
                                                               "smtp_bind_address", "maps", "unknown")));
 }
 
-TEST_F(PostconfReaderTest, RefusedMainCfThrowsTheToolsWords)
+TEST_F(PostconfReaderTest, RefusedMainCfThrowsTheToolsErrorOutput)
 {
     tools.answer(postconfPath, ToolAnswer::fails(1, "postconf: fatal: open main.cf: no\n"));
     try {

@@ -157,7 +157,7 @@ TEST_F(ServiceManagerTest, ExitCodeOfTheScriptIsReturned)
     }
 }
 
-TEST_F(ServiceManagerTest, FailureIsSilent)
+TEST_F(ServiceManagerTest, FailureIsNotReported)
 {
     ToolAnswer answer = ToolAnswer::fails(3, "error text\n");
     answer.out = "output text\n";
@@ -252,7 +252,7 @@ TEST_F(ServiceManagerTest, ServiceIsRegisteredByItsTool)
               tools_.commandLines());
 }
 
-TEST_F(ServiceManagerTest, FailureToRegisterIsSilent)
+TEST_F(ServiceManagerTest, FailureToRegisterIsNotReported)
 {
     tools_.replace(registerServicePath);
     ToolAnswer answer = ToolAnswer::fails(4, "error text\n");
@@ -480,7 +480,7 @@ TEST_F(ServiceManagerTest, NegativeAttemptsLookOnce)
     EXPECT_EQ(1, looks.count());
 }
 
-TEST_F(ServiceManagerTest, AttemptsAreLooksAfterTheFirst)
+TEST_F(ServiceManagerTest, AttemptsAreCountedAfterTheFirstLook)
 {
     writePidFile(ownPid());
     OpenCounter looks(pidFilePath);
@@ -498,7 +498,7 @@ TEST_F(ServiceManagerTest, FirstSuccessfulLookIsTheLast)
 }
 
 // The file appears after the first look: a helper writes it as soon as that was made.
-TEST_F(ServiceManagerTest, MasterThatComesUpBetweenLooksIsNoticed)
+TEST_F(ServiceManagerTest, MasterThatComesUpBetweenLooksIsFound)
 {
     const NamedProcess qmgr("qmgr");
     writePidFile("letters\n");
@@ -629,7 +629,7 @@ TEST_F(ServiceManagerTest, MilterOperationsReturnTheScriptsResult)
     EXPECT_EQ(9, ServiceManager::statusMilter());
 }
 
-TEST_F(ServiceManagerTest, OperationsAreSilentWhenTheScriptFails)
+TEST_F(ServiceManagerTest, OperationsDoNotReportAFailureOfTheScript)
 {
     const NamedProcess qmgr("qmgr");
     writePidFile(ownPid());

@@ -43,7 +43,7 @@ TEST_F(TableReaderTest, EmptyTableHasNoRecords)
     EXPECT_THAT(TableReader::readAll("hash:/table"), IsEmpty());
 }
 
-TEST_F(TableReaderTest, TableThatCannotBeReadThrowsTheToolsWords)
+TEST_F(TableReaderTest, UnreadableTableThrowsTheToolsErrorOutput)
 {
     tools.answer(postmapPath, ToolAnswer::fails(1, "postmap: fatal: open database /table.db: no\n"));
     try {
@@ -65,19 +65,19 @@ TEST_F(TableReaderTest, LooksUpAllKeysInOneRun)
     EXPECT_EQ(calls[0].input, "@one.example\n@two.example\n");
 }
 
-TEST_F(TableReaderTest, NoKeysNeedNoRun)
+TEST_F(TableReaderTest, LookupWithoutKeysRunsNothing)
 {
     EXPECT_THAT(TableReader::lookUp("hash:/table", {""}), IsEmpty());
     EXPECT_THAT(tools.commandLines(), IsEmpty());
 }
 
-TEST_F(TableReaderTest, KeysThatAreNotFoundAreNoFailure)
+TEST_F(TableReaderTest, KeysThatAreNotFoundAreNotAFailure)
 {
     tools.answer(postmapPath, ToolAnswer::fails(1, ""));
     EXPECT_THAT(TableReader::lookUp("hash:/table", {"@one.example"}), IsEmpty());
 }
 
-TEST_F(TableReaderTest, LookupThatFailsThrowsTheToolsWords)
+TEST_F(TableReaderTest, FailedLookupThrowsTheToolsErrorOutput)
 {
     tools.answer(postmapPath, ToolAnswer::fails(1, "postmap: fatal: open /table: no\n"));
     try {
@@ -88,7 +88,7 @@ TEST_F(TableReaderTest, LookupThatFailsThrowsTheToolsWords)
     }
 }
 
-TEST_F(TableReaderTest, LookupThatIsKilledThrows)
+TEST_F(TableReaderTest, KilledLookupThrows)
 {
     tools.answer(postmapPath, ToolAnswer::dies(9, ""));
     EXPECT_THROW((void)TableReader::lookUp("hash:/table", {"@one.example"}), PostfixDatabaseError);

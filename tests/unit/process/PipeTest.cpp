@@ -190,7 +190,7 @@ TEST(PipeParametersTest, AllTenStringsCount)
     EXPECT_THAT(process.arguments, ElementsAre("0", "1", "2", "3", "4", "5", "6", "7", "8", "9"));
 }
 
-TEST(PipeParametersTest, RoomForTenIsReserved)
+TEST(PipeParametersTest, CapacityForTenIsReserved)
 {
     EXPECT_GE(Process("x").arguments.capacity(), 10U);
 }
@@ -415,7 +415,7 @@ TEST_F(PipeTest, ChunksHaveAtMost1024Bytes)
     EXPECT_THAT(sizes, ElementsAre(1024, 1024, 1024, 1024, 904));
 }
 
-TEST_F(PipeTest, ReceiverIsNotCalledForSilence)
+TEST_F(PipeTest, ReceiverIsNotCalledWithoutOutput)
 {
     int calls = 0;
     Pipe pipe;
@@ -439,7 +439,7 @@ TEST_F(PipeTest, PipeWithoutAReceiverFailsAtTheFirstOutput)
     EXPECT_EQ(thrownBy([&err] { err.run(); }), failure);
 }
 
-TEST_F(PipeTest, PipeWithoutAReceiverIsNotAFailureForSilence)
+TEST_F(PipeTest, PipeWithoutAReceiverSucceedsWithoutOutput)
 {
     Pipe pipe;
     pipe.processes().push_back(shell("exit 3"));
@@ -722,7 +722,7 @@ struct Fed {
 } // namespace
 
 // Nine in ten end before the first byte is written, the others when they like.
-TEST_F(PipeTest, ProcessThatFailsWithoutReadingSpeaksForItself)
+TEST_F(PipeTest, ProcessThatFailsWithoutReadingIsNotAFailedWrite)
 {
     for (int i = 0; i < 100; ++i) {
         Fed fed("echo 'tool: fatal: no space' >&2; exit 1", "short\n", i % 10 != 0);
@@ -735,7 +735,7 @@ TEST_F(PipeTest, ProcessThatFailsWithoutReadingSpeaksForItself)
     }
 }
 
-TEST_F(PipeTest, ProcessThatIsKilledWithoutReadingSpeaksForItself)
+TEST_F(PipeTest, ProcessThatIsKilledWithoutReadingIsNotAFailedWrite)
 {
     for (int i = 0; i < 20; ++i) {
         Fed fed("printf last >&2; kill -KILL $$", "short\n", i % 2 != 0);
@@ -746,7 +746,7 @@ TEST_F(PipeTest, ProcessThatIsKilledWithoutReadingSpeaksForItself)
     }
 }
 
-TEST_F(PipeTest, ProcessThatFailsAmidMuchInputSpeaksForItself)
+TEST_F(PipeTest, ProcessThatFailsAmidMuchInputIsNotAFailedWrite)
 {
     Fed fed("head -c 1 >/dev/null; echo 'tool: fatal: enough' >&2; exit 75", std::string(2000000, 'x'),
             false);
@@ -788,7 +788,7 @@ TEST_F(PipeTest, ProcessThatSucceedsButStopsReadingIsAFailedWrite)
 }
 
 // It is the end of the process that was fed that counts, not that of the last one.
-TEST_F(PipeTest, InAPipelineTheFirstProcessAnswersForItsInput)
+TEST_F(PipeTest, InAPipelineTheStatusOfTheFirstProcessDecidesOnRefusedInput)
 {
     for (const int code : {0, 4}) {
         SCOPED_TRACE(code);
@@ -1561,7 +1561,7 @@ TEST_F(PipeTest, RunsWithoutStandardDescriptors)
 }
 
 // select(2) cannot watch descriptors from 1024 on: a clear error instead of a write beyond its sets.
-TEST_F(PipeTest, DescriptorNumbersBeyondSelectAreAnError)
+TEST_F(PipeTest, DescriptorNumbersTooLargeForSelectAreAnError)
 {
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -1636,7 +1636,7 @@ TEST_F(PipeTest, LaunchAllEndsWhatItStartedAfterAFailure)
 }
 
 // A caller may use its array again: what stands in it goes when the slot's turn comes, and not before.
-TEST_F(PipeTest, LaunchAllReplacesALaunchWhenItsTurnComes)
+TEST_F(PipeTest, LaunchAllReplacesAnEarlierLaunchOnlyInItsTurn)
 {
     boost::scoped_ptr<ProcessLaunch> launches[3];
     const ProcessLaunch* before[3];

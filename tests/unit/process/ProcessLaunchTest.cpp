@@ -251,7 +251,7 @@ void writeToControlPipe(const std::string& bytes)
 
 // ---- Selectors
 
-TEST(ProcessLaunchSelectorTest, StdinRefusesWhatIsNotASelectorForIt)
+TEST(ProcessLaunchSelectorTest, StdinRefusesOtherSelectors)
 {
     for (const int selector : {-1, static_cast<int>(kSameAsStdoutFd), -6, std::numeric_limits<int>::min()}) {
         SCOPED_TRACE(selector);
@@ -261,7 +261,7 @@ TEST(ProcessLaunchSelectorTest, StdinRefusesWhatIsNotASelectorForIt)
     }
 }
 
-TEST(ProcessLaunchSelectorTest, StdoutRefusesWhatIsNotASelectorForIt)
+TEST(ProcessLaunchSelectorTest, StdoutRefusesOtherSelectors)
 {
     for (const int selector : {-1, static_cast<int>(kSameAsStdoutFd), -6, std::numeric_limits<int>::min()}) {
         SCOPED_TRACE(selector);
@@ -272,7 +272,7 @@ TEST(ProcessLaunchSelectorTest, StdoutRefusesWhatIsNotASelectorForIt)
     }
 }
 
-TEST(ProcessLaunchSelectorTest, StderrRefusesWhatIsNotASelectorForIt)
+TEST(ProcessLaunchSelectorTest, StderrRefusesOtherSelectors)
 {
     for (const int selector : {-1, -6, std::numeric_limits<int>::min()}) {
         SCOPED_TRACE(selector);
@@ -870,7 +870,7 @@ TEST(ProcessLaunchChildFailureTest, LongTextArrivesWhole)
     EXPECT_TRUE(failure == "std::runtime_error: " + text + "; 66");
 }
 
-TEST(ProcessLaunchChildFailureTest, HookThatEndsTheChildIsNoFailureOfTheLaunch)
+TEST(ProcessLaunchChildFailureTest, HookThatEndsTheChildIsNotAFailureOfTheLaunch)
 {
     Launch launch;
     launch.hook = [] { ::_exit(5); };
@@ -1187,7 +1187,7 @@ TEST(RethrowReportTest, EmptyOrMissingTextBecomesAStandardOne)
               "zorvo::SystemError(2): an error in child process: No such file or directory");
 }
 
-TEST(RethrowReportTest, WithoutATypeTheOthersMeanNothing)
+TEST(RethrowReportTest, RecordsWithoutATypeMeanSuccess)
 {
     EXPECT_EQ(reportOf(records({"EM: text", "EC: 13"})), "nothing");
 }

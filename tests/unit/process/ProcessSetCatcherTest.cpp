@@ -724,7 +724,7 @@ TEST_F(ProcessSetCatcherTest, FailedCloseDoesNotPreventRemoval)
     }
 }
 
-TEST_F(ProcessSetCatcherTest, FailedCloseOnDestructionIsSilentWhileAnExceptionIsInFlight)
+TEST_F(ProcessSetCatcherTest, FailedCloseOnDestructionIsNotThrownWhileAnExceptionIsInFlight)
 {
     EXPECT_EQ(thrownBy([] {
                   std::optional<FailingCall> failing;

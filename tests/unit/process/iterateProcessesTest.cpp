@@ -196,7 +196,7 @@ TEST_F(IterateProcessesTest, EveryProcessIsVisitedOnce)
     EXPECT_EQ(std::set<int>(pids.begin(), pids.end()).size(), pids.size());
 }
 
-TEST_F(IterateProcessesTest, NothingIsFilledThatWasNotAskedFor)
+TEST_F(IterateProcessesTest, OnlyRequestedFieldsAreFilled)
 {
     const Record record = recordOf(::getpid(), 0);
     EXPECT_THAT(record.parent, testing::AnyOf(0, -1));

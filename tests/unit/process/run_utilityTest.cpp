@@ -322,7 +322,7 @@ TEST_F(PopenExecTest, OutputIsGiven)
     EXPECT_EQ(seen.err, "error\n");
 }
 
-TEST_F(PopenExecTest, SilenceGivesNull)
+TEST_F(PopenExecTest, NoOutputGivesNull)
 {
     char* out = reinterpret_cast<char*>(1);
     EXPECT_EQ(popen_exec_getoutput("exit 0", &out), 0);

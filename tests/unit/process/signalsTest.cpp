@@ -129,7 +129,7 @@ TEST(SigBlockerTest, MaskThatCannotBeRestoredThrows)
     });
 }
 
-TEST(SigBlockerTest, MaskThatCannotBeRestoredIsSilentWhileAnExceptionIsInFlight)
+TEST(SigBlockerTest, MaskThatCannotBeRestoredIsNotThrownWhileAnExceptionIsInFlight)
 {
     inOwnProcess([] {
         const std::string thrown = thrownBy([] {
@@ -198,7 +198,7 @@ Signals restoredInChild()
 
 } // namespace
 
-TEST(TakeOverSignalsTest, LaunchingWorksAndALostReaderDoesNotKill)
+TEST(TakeOverSignalsTest, LaunchingWorksAndTheProcessSurvivesALostReader)
 {
     for (unsigned variant = 0; variant < 16; ++variant) {
         SCOPED_TRACE(variant);
@@ -347,7 +347,7 @@ TEST(LaunchSignalsTest, RecordOfTheStartCountsWithinAndAfterItsScope)
     });
 }
 
-TEST(LaunchSignalsTest, ChangesNothingItself)
+TEST(LaunchSignalsTest, ConstructionChangesNoSignal)
 {
     inOwnProcess([] {
         enterState(15);
@@ -376,7 +376,7 @@ TEST(LaunchSignalsTest, InnerScopeChangesNothingOfTheOuterOnesRecord)
     });
 }
 
-TEST(LaunchSignalsTest, AdaptedProcessCanLaunchAndALostReaderDoesNotKill)
+TEST(LaunchSignalsTest, AdaptedProcessCanLaunchAndSurvivesALostReader)
 {
     for (unsigned variant = 0; variant < 16; ++variant) {
         SCOPED_TRACE(variant);
