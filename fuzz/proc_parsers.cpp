@@ -41,7 +41,7 @@ public:
             ++position_;
     }
 
-    /// The next characters that are no white space, at most `limit`.
+    /// The next characters that are not white space, at most `limit`.
     std::string takeWord(size_t limit)
     {
         skipSpace();

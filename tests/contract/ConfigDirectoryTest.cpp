@@ -77,7 +77,7 @@ TEST_F(ConfigDirectoryTest, AnswerOfBlanksIsEmpty)
                   configurationError("unable to determine Postfix config_directory parameter"));
 }
 
-// A tab between the colon and the word hides it from the judgement of the message.
+// A word that follows the colon after a tab does not count as an error.
 TEST_F(ConfigDirectoryTest, FatalMessageAfterATabIsNotAnError)
 {
     expectStopped(Answer(askDirectory).complains("postconf:\tfatal: bad main.cf: line 1\n"),
@@ -153,7 +153,7 @@ TEST_F(ConfigDirectoryTest, EmptySecondAnswerWithAFatalMessageIsReported)
     EXPECT_EQ(outcome.commands(), afterWipe({}));
 }
 
-// main.cf is postconf's alone.
+// Only postconf changes main.cf.
 TEST_F(ConfigDirectoryTest, MainCfIsNeverTouched)
 {
     writeWhole(mainCfPath, "smtp_bind_address = 192.0.2.9\n");

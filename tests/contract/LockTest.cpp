@@ -1,4 +1,5 @@
-// The locks: which are held while what runs, who waits for them, and what is said of one that cannot be had.
+// The locks: which are held during which tool run, who waits for them, and the message when one cannot be
+// taken.
 #include "Fixture.h"
 
 #include <csignal>

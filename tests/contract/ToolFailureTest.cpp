@@ -241,8 +241,8 @@ TEST_F(ToolFailureTest, PostmapThatIsADirectoryStopsTheRunBeforeTheTable)
     EXPECT_EQ(outcome.commands(), wipeBefore(emptyTable));
 }
 
-// Tools that end before they have read their input. What no pipe holds they cannot have been given whole; a
-// short record is still on its way, or not yet, when the tool ends.
+// Tools that end before they have read their input. Input that is larger than a pipe cannot have been written
+// completely by then; a short record may or may not have been.
 
 TEST_F(ToolFailureTest, ToolThatSucceedsWithoutReadingItsInputIsAFailedWrite)
 {
@@ -289,7 +289,7 @@ TEST_F(ToolFailureTest, ToolThatFailsAfterReadingItsInputIsAConfigurationError)
     EXPECT_EQ(outcome.call(addRecord).input.size(), 1 + 300000 + 1 + 6 + 300000 + 13u);
 }
 
-// A failed tool leaves no lock behind and the next run starts afresh.
+// A failed tool leaves no lock, and the next run succeeds.
 TEST_F(ToolFailureTest, RunAfterAFailureSucceeds)
 {
     answer(Answer(addRecord).onRun(1).exits(1));

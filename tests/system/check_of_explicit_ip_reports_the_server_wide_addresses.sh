@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# The pair of the whole server: right as asked for, a problem when main.cf names another one.
+# The addresses of the whole server: ok as asked for, a problem when main.cf names another one.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Mail of a domain whose service stands in the file of disabled ones waits in the queue.
+# Mail of a domain whose service is in the file of disabled ones waits in the queue.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# A record that the request does not name binds its domain all the same.
+# A record that is not in the request still binds its domain.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

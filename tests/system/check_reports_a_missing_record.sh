@@ -21,7 +21,7 @@ $enforce_off
 
 1 problem, 1 warning" -t domain-ip < <(two_domains)
 
-# Without the request, nothing tells that the domain should be bound. Its service remains to be seen.
+# Without the request nothing says that the domain should be bound. Its service is still there.
 assert_checked 0 "domain       service           IPv4       IPv6  HELO name        verdict
 two.example  zorvo-192.0.2.3-  192.0.2.3  -     sandbox.example  ok
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Before Postfix has read the edited service, mail leaves as before; afterwards as it was edited.
+# Mail leaves as before until Postfix has read the edited service, and as edited from then on.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Mail of a domain whose address was taken off leaves from the default one, or waits with enforcement.
+# Mail of a domain whose address was removed leaves from the default one, or waits where binding is enforced.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

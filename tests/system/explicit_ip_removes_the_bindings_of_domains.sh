@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# An explicit-ip run removes what a domain run generated, and is removed by one.
+# An explicit-ip run removes what a domain run generated, and the other way round.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# An address that is not given loses the binding that an earlier run gave it.
+# An address that is not given is removed, although an earlier run set it.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# The framework's own test: a test that should fail does, says why, and one that cannot run is skipped.
+# The test of the framework itself: a test that should fail does and says why, and one that cannot run is skipped.
 # shellcheck disable=SC2016 # the inner tests expand what is quoted here
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
@@ -29,7 +29,7 @@ program_that() {
 idle=/bin/true
 assert_equal "an empty test passes" "0 " "$(outcome $idle </dev/null)"
 assert_equal "equal values pass" "0 " "$(outcome $idle <<<'assert_equal x "a b" "a b"')"
-assert_equal "patterns are no equality" "1 FAILED at test.sh:2: x" "$(outcome $idle <<<'assert_equal x "a*" "ab"')"
+assert_equal "a pattern does not equal its match" "1 FAILED at test.sh:2: x" "$(outcome $idle <<<'assert_equal x "a*" "ab"')"
 assert_true "both values are said" grep -q '^expected: a\*$' "$scratch/own/output"
 assert_true "a failure dumps the state" grep -q '^--- changes of master.cf$' "$scratch/own/output"
 assert_equal "different files fail" "1 FAILED at test.sh:2: x" \

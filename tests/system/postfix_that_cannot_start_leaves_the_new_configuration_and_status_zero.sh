@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# A main.cf that Postfix refuses leaves the run's own work done.
+# With a main.cf that Postfix refuses to start with, the run does its work and reports nothing.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What the other tests stand on: the stand-in of the panel's service script does what it says, with true exit codes.
+# The other tests rely on it: the sandbox's service script does what it says, with the right exit codes.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 
@@ -32,7 +32,7 @@ assert_true "try-restart ended the old process" test ! -e "/proc/$second"
 third=$(master_pid)
 assert_equal "stop" 0 "$(control postfix stop)"
 assert_true "stop ended the process" test ! -e "/proc/$third"
-echo 'this is no service' >>"$master_cf"
+echo 'this is not a service' >>"$master_cf"
 assert_equal "starting with a master.cf that cannot be read" 1 "$(control postfix start)"
 
 assert_equal "status of a stopped qfilter" 3 "$(control qfilter status)"

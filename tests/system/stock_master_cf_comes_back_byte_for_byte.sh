@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# The package's master.cf comes back byte for byte from a run that has no service to add.
+# A run that adds no service leaves the package's master.cf as it is, byte for byte, even when it stores it.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

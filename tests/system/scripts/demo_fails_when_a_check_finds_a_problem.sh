@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# All mail leaves as requested, but a check that finds a problem, or that cannot be made, does not get past the demo.
+# All mail leaves as requested, but zorvo-smtp-check finds a problem or fails.
 # shellcheck source=outside.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/outside.sh"
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# A program that binds one domain wrongly and touches files for a malformed request does not get past the demo.
+# The program binds one domain wrongly, and changes files for a malformed request.
 # shellcheck source=outside.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/outside.sh"
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# The package tools are stood in for: which of them are run, and with what, is the test.
+# The package tools are replaced by stand-ins that record how they are run.
 # shellcheck source=outside.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/outside.sh"
 
@@ -41,7 +41,7 @@ update="update -q -o APT::Update::Error-Mode=any"
 install="install -q -y --no-install-recommends --no-remove"
 
 attempt "" 0 0
-assert_equal "all there: no word, no call" "0   " "$status $stdout $stderr $calls"
+assert_equal "all there: no output, no call" "0   " "$status $stdout $stderr $calls"
 attempt "cmake strace" 0 0
 assert_equal "two missing" "0 install-deps: installing cmake strace  $update
 $install cmake strace" "$status $stdout $stderr $calls"

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Whatever a command does to what the sandbox makes private, the machine has none of it.
+# Whatever a command does to what the sandbox makes private does not reach the machine.
 # shellcheck disable=SC2016 # expanded inside
 # shellcheck source=outside.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/outside.sh"

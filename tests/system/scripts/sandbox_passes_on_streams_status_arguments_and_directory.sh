@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# The command sees what its caller gave it, and the caller what the command gave back.
+# The command gets the caller's streams, arguments, directory and environment, and the caller gets its status.
 # shellcheck source=outside.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/outside.sh"
 
@@ -20,4 +20,4 @@ done
 run "$sandbox" /nonexistent/program
 assert_equal "a missing program" 127 "$status"
 run "$sandbox" /etc/passwd
-assert_equal "a file that is no program" 126 "$status"
+assert_equal "a file that is not a program" 126 "$status"

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Without private namespaces nothing is done to a machine with a configured Postfix, or to one that is no container.
+# Without private namespaces nothing is done to a machine with a configured Postfix, or to one that is not a container.
 # shellcheck source=outside.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/outside.sh"
 
@@ -10,7 +10,7 @@ run "$throw_away" sh -c 'echo "# in use" >/etc/postfix/main.cf
 assert_equal "a configured Postfix" "0 125
 # in use
 lock sandbox: the kernel refuses private namespaces (unshare: unshare failed: Operation not permitted), and Postfix is configured on this machine (/etc/postfix/main.cf)" "$status $stdout $stderr"
-# No mark of a container, and an init as the first process.
+# Without the file that marks a container, and with an init as the first process.
 # shellcheck disable=SC2016
 run "$throw_away" sh -c 'rm /.dockerenv; cp /bin/sh /run/init
     exec /run/init -c "scripts/sandbox touch /run/touched; echo \$?; ls /run"'

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Each script that cannot work says why and fails; none does half of its work.
+# Each script that cannot work says why and fails before it has done anything.
 # shellcheck source=outside.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/outside.sh"
 

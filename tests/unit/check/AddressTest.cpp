@@ -1,4 +1,4 @@
-// What Postfix makes of a text that stands for an address, and how the text is spelled.
+// How Postfix reads the text of an address, and how the text is spelled.
 #include "check/Address.h"
 
 #include <gtest/gtest.h>

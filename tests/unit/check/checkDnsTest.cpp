@@ -1,4 +1,4 @@
-// What receivers make of the DNS, from made facts.
+// What receivers conclude from the DNS, with made-up facts.
 #include "check/checkDns.h"
 
 #include "unit/check/CheckTestTools.h"

@@ -1,4 +1,4 @@
-// Postfix held against a request, and its files against each other, from made facts.
+// Postfix compared with a request, and its files with each other, with made-up facts.
 #include "check/checkPostfix.h"
 
 #include "check/routes.h"

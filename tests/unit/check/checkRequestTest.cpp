@@ -1,4 +1,4 @@
-// Each flaw that a request can have by itself, and what is not one.
+// Every flaw that a request can have, and what is not a flaw.
 #include "check/checkRequest.h"
 
 #include "unit/check/CheckTestTools.h"
@@ -52,7 +52,7 @@ Finding aboutIp6(Kind kind, const std::string& text)
     return {kind, "one.example", {{"IPv6", text}}};
 }
 
-/// The same of a text that stands for another address than it spells.
+/// The same finding, with the address as which Postfix reads the text.
 Finding readAs(Finding finding, const std::string& canonical)
 {
     finding.values.emplace_back("read as", canonical);

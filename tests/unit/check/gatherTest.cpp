@@ -1,4 +1,4 @@
-// What is gathered of a real host.
+// What is gathered from a real host.
 #include "check/gather.h"
 
 #include <gmock/gmock.h>

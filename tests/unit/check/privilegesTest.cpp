@@ -82,7 +82,7 @@ TEST(GiveUpPrivilegesTest, OtherUserCanNoLongerGainPrivileges)
     EXPECT_TRUE(child.exitedWith(0));
 }
 
-// As a service manager may start it, a process keeps its capabilities when its user ids change.
+// A service manager may start a process so that it keeps its capabilities when its user ids change.
 TEST(GiveUpPrivilegesTest, ProcessThatCouldBecomeRootAgainIsRefused)
 {
     const support::ChildResult child = support::runInChild([] {

@@ -123,7 +123,7 @@ TEST(CheckProgramTest, MissingDnsRecordsAreReportedWithDns)
         "3 problems\n");
 }
 
-// With no other user to become, it must not get as far as the first question.
+// Without a user to change to, the first question must not be asked.
 TEST(CheckProgramTest, RootIsGivenUpBeforeTheDnsIsAsked)
 {
     if (!support::canMount())

@@ -1,5 +1,5 @@
-// DatabaseHelper: which run of postmap(1) each change is, what it is fed, which files lie beside it, under
-// which lock, and how its end is judged.
+// DatabaseHelper: the run of postmap(1) for each change, its input, its files and its lock, and what counts
+// as its failure.
 #include "postfix/DatabaseHelper.h"
 
 #include "common/SystemError.h"
@@ -226,7 +226,7 @@ TEST_F(DatabaseHelperTest, FailedAdditionWithoutErrorOutputIsUnknown)
               exactMessageOf<PostfixConfigurationError>([this] { add(table_, twoRecords); }));
 }
 
-// Judged by the tool's end alone, unlike a removal.
+// Only the exit status counts, unlike for a removal.
 TEST_F(DatabaseHelperTest, AdditionWithToleratedErrorOutputStillFails)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: warning: x\n"));
@@ -352,7 +352,7 @@ TEST_F(DatabaseHelperTest, RemovalWithExitZeroSucceedsWhateverWasReported)
               messageOf<std::exception>([this] { DatabaseHelper::removeRecord(table_, "key"); }));
 }
 
-// Killed is failed, also without a word: no substitute text on this way.
+// A killed tool is a failure even without output: there is no substitute text here.
 TEST_F(DatabaseHelperTest, KilledRemovalFailsWithItsErrorOutput)
 {
     tools_.answer(postmapPath, ToolAnswer::dies(SIGKILL, ""));
@@ -495,7 +495,7 @@ TEST_F(DatabaseHelperTest, RebuildingRunsUnderTheLock)
     EXPECT_TRUE(support::lockIsFree(lock_));
 }
 
-// Not even the source file is written before the lock is there.
+// Not even the source file is written before the lock is held.
 TEST_F(DatabaseHelperTest, RebuildingWaitsForTheLock)
 {
     support::HeldLock lock(lock_);
@@ -690,7 +690,7 @@ TEST_F(DatabaseHelperTest, OtherTypesKeepTheirDatabaseFiles)
     }
 }
 
-// A name that only contains the word is none of that type: its source file has a longer name.
+// A name that only contains "lmdb:" is not of that type: its source file has a longer name.
 TEST_F(DatabaseHelperTest, LmdbLaterInTheNameIsNotTheType)
 {
     const std::filesystem::path before = std::filesystem::current_path();
@@ -839,7 +839,7 @@ TEST_F(DatabaseHelperPostfixTest, RemovedRecordsAreGone)
     EXPECT_EQ("c\t3\n", content());
 }
 
-// postmap(1) exits with 1 without a word.
+// postmap(1) exits with 1 without any output.
 TEST_F(DatabaseHelperPostfixTest, RemovingAnAbsentKeySucceeds)
 {
     replace({{"a", "1"}});

@@ -1,11 +1,7 @@
-// Tables read through postmap: the runs of the tool and what is made of its output.
+// Tables read through postmap: the runs of the tool, and how its output is read.
 #include "postfix/TableReader.h"
 
-#include "postfix/PostfixError.h"
-#include "unit/postfix/ToolStandIns.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "unit/postfix/ReaderTest.h"
 
 namespace zorvo::mail::postfix {
 
@@ -13,17 +9,14 @@ namespace {
 
 using support::postmapPath;
 using support::ToolAnswer;
-using support::ToolStandIns;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Pair;
 using ::testing::UnorderedElementsAre;
 
-class TableReaderTest : public ::testing::Test {
+class TableReaderTest : public support::ReaderTest {
 protected:
-    TableReaderTest() { tools.replace(postmapPath); }
-
-    ToolStandIns tools;
+    TableReaderTest() : ReaderTest(postmapPath) {}
 };
 
 } // namespace

@@ -35,27 +35,9 @@
 #include <utility>
 #include <vector>
 
-using faults::Call;
-using faults::FailingCall;
-using faults::ScriptedWait;
-using faults::Who;
-using support::ChildResult;
-using support::runInChild;
-using support::ScratchDir;
-using support::Signals;
-using support::signalsIn;
-using tools::Arguments;
-using tools::end;
-using tools::inOwnProcess;
-using tools::NothingLeftTest;
-using tools::numbers;
-using tools::openNumbers;
-using tools::script;
-using tools::see;
-using tools::Seen;
-using tools::sh;
-using tools::taken;
-using tools::targetOf;
+using namespace faults;
+using namespace support;
+using namespace tools;
 
 namespace {
 
@@ -227,7 +209,7 @@ TEST_F(ForkExecWaitpidTest, InterruptedWaitIsRepeated)
     EXPECT_EQ(seen.out, "");
 }
 
-// Priority 3 for what went wrong here, 4 for what became of the child.
+// Priority 3 for failures of this process, 4 for those of the child.
 TEST_F(ForkExecWaitpidTest, PrioritiesAreErrorAndWarning)
 {
     inOwnProcess([] {
@@ -309,7 +291,7 @@ TEST_F(ForkExecvPipesTest, GivenDescriptorsAreUsedAndStayOpen)
     EXPECT_EQ(support::readFile(scratch.file("err")), "error\n");
 }
 
-// Each is closed at its old number before the next one's turn.
+// Each is closed at its old number before the next one is moved.
 TEST_F(ForkExecvPipesTest, DescriptorGivenTwiceIsABadOneAtItsSecondUse)
 {
     const ScratchDir scratch;

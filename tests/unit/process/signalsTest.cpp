@@ -1,5 +1,5 @@
-// signals: a signal is blocked or ignored within a scope, all is as before after it, and launched programs
-// see nothing of it.
+// signals: a signal is blocked or ignored for a scope, everything is as before afterwards, and launched
+// programs see nothing of it.
 #include "process/signals.h"
 
 #include "unit/process/FailingCall.h"
@@ -437,7 +437,7 @@ TEST(LaunchSignalsTest, BlockedSigpipeIsNotLeftPending)
     });
 }
 
-// At every step of the way back, in a process that has SIGPIPE blocked but not ignored.
+// At every step of restoring, in a process that has SIGPIPE blocked but not ignored.
 TEST(LaunchSignalsTest, SigpipeWhileAllIsPutBackDoesNotKill)
 {
     int steps = 0;
