@@ -28,8 +28,8 @@ const char* const explicitIp = "explicit-ip";
 const char* const domainIp = "domain-ip";
 const char* const domainName = "domain-name";
 
-/// What the lock is named by that a run holds from its first change to its end. No file is locked by this
-/// name.
+/// The name of the lock that a run holds from its first change to its end. No file is changed under a lock of
+/// this name.
 const char* const runLockName = "/var/spool/postfix/zorvo";
 
 /// The server-wide pair of addresses.
@@ -79,9 +79,9 @@ ExplicitAddresses readAddresses(const po::variables_map& options)
     return addresses;
 }
 
-/// Waits, without limit, until no other run is under way; others wait while the result lives. The lock of
-/// main.cf comes first, for a moment: where no lock can be had at all, the one of the first change is to be
-/// reported.
+/// Waits, without limit, until no other run is in progress; others wait while the result lives. Takes the
+/// lock of main.cf for a moment before: if no lock can be taken, the failure of the first change's lock is
+/// the one to report.
 zorvo::MKLock lockRuns(const std::string& mainCfPath)
 {
     {
@@ -121,7 +121,7 @@ int do_main(int argc, char* argv[])
         return 1;
     }
 
-    // All input is read and judged before anything is changed.
+    // All input is read and checked before anything is changed.
     const std::string type = options["transport-type"].as<std::string>();
     ExplicitAddresses addresses;
     std::vector<Binding> bindings;
@@ -136,7 +136,7 @@ int do_main(int argc, char* argv[])
 
     clean_transports();
 
-    // Any other type leaves it at that: everything generated is removed.
+    // Any other type only removes everything that was generated.
     if (type == explicitIp)
         bindServer(addresses);
     else if (type == domainIp)

@@ -1,5 +1,4 @@
-// main: makes the process fit to work, runs the utility, turns an exception into a message and an exit
-// status.
+// main: prepares the process, runs the utility, turns an exception into a message and an exit status.
 #include "app/do_main.h"
 #include "common/SystemError.h"
 #include "common/UtilityErrorStream.h"

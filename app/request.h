@@ -1,10 +1,10 @@
-// request: the domains that a caller asks for on standard input, read and judged as a whole.
+// request: the domains that a caller asks for on standard input, read and checked as a whole.
 //
 //     for (const Binding& binding : readRequest())
 //         ...
 //
-// The document is described in app/transport_info.h. Only its form is judged: the strings are as given,
-// whatever they hold.
+// The document is described in app/transport_info.h. Only its form is checked: the strings are returned
+// as given, whatever they contain.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// Address: a text that stands for a source address, as Postfix reads it and as inet_ntop(3) would write it.
+// Address: the text of a source address, as Postfix reads it and as inet_ntop(3) would write it.
 #pragma once
 
 #include <string>

@@ -41,7 +41,7 @@ struct Route {
 struct InterfaceAddress {
     std::string interface;
     std::string address;   ///< As inet_ntop(3) writes it.
-    std::string broadcast; ///< Likewise; empty without one.
+    std::string broadcast; ///< In the same form; empty without one.
 };
 
 struct HostFacts {
@@ -80,7 +80,7 @@ struct DnsAnswer {
     enum class State {
         Found,
         NotThere, ///< The name does not exist, or has no record of this type.
-        NotKnown  ///< No server, no answer in time, or a server that could not tell.
+        NotKnown  ///< No server, no answer in time, or a server that did not know.
     };
     State state = State::NotKnown;
     std::vector<std::string> values;     ///< The records; written by strangers.

@@ -1,7 +1,7 @@
 // Finding: one thing that is wrong with a request, a host or its Postfix, as data.
 //
 // Each kind has an identifier that does not change, and two sentences that hold for all findings of the kind:
-// what will happen to mail, and what to do. What differs from one finding to the next stands in its values.
+// what will happen to mail, and what to do. What differs from one finding to the next is in its values.
 #pragma once
 
 #include <string>
@@ -10,11 +10,11 @@
 
 namespace zorvo::check {
 
-/// The gravest first.
+/// The most serious first.
 enum class Gravity {
     Severe,  ///< All mail, all bindings, or every later run.
-    Problem, ///< Mail of some domains leaves from elsewhere than asked for, or not at all, or is refused.
-    Warning  ///< Where mail leaves from is not touched.
+    Problem, ///< Mail of some domains leaves from the wrong address or not at all, or is refused.
+    Warning  ///< Mail leaves from the right address, or this is not known.
 };
 
 /// "severe", "problem" or "warning".

@@ -1,4 +1,4 @@
-// ProgressLine: one line on a terminal that tells how far the questions to the DNS are.
+// ProgressLine: one line on a terminal that shows the progress of the DNS queries.
 #pragma once
 
 #include <chrono>

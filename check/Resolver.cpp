@@ -46,7 +46,7 @@ ares_channeldata* newChannel(ares_sock_state_cb onSocket, void* owner)
     return channel;
 }
 
-/// Whether a server said something, if only that it cannot tell.
+/// Whether a server replied, if only to say that it does not know.
 bool isFromServer(int status)
 {
     return status == ARES_SUCCESS || status == ARES_ENODATA || status == ARES_ENOTFOUND ||
@@ -135,7 +135,7 @@ void Resolver::_finish(Entry& entry, DnsAnswer::State state)
     ++done_;
 }
 
-/// An answer that comes after its question was given up changes nothing any more.
+/// An answer that comes after its question was given up is ignored.
 void Resolver::_answer(Entry& entry, int status, const unsigned char* message, int size)
 {
     if (isFromServer(status))

@@ -1,10 +1,10 @@
 // Resolver: many questions to the DNS at once, each asked once.
 //
-// Who needs an answer asks find(). What is not known yet is noted there, and resolve() asks all that was
-// noted, in parallel; then one tries again:
+// A caller that needs an answer calls find(), which notes the question if the answer is not known yet.
+// resolve() then asks all noted questions in parallel, and the caller tries again:
 //
 //     do {
-//         ... find() whatever is needed, and do without what is missing ...
+//         ... find() whatever is needed, and skip what is missing ...
 //     } while (resolver.resolve());
 //
 // /etc/hosts comes first; the servers are those of resolv.conf(5), but names are never completed with its
@@ -70,12 +70,12 @@ private:
     std::deque<Entry*> asked_; ///< In the order of asking; answered ones leave when they get to the front.
     size_t open_ = 0;          ///< Asked and not done.
     size_t done_ = 0;
-    /// Given up in a row without a word from any server. As many as are asked at once may be those of silent
-    /// zones. A server that never said a word is not granted them.
+    /// Questions given up in a row without any reply. With servers that have replied before, as many as are
+    /// asked at once may belong to silent zones; servers that never replied are not given that benefit.
     size_t unheard_;
     Clock::time_point begin_;
     std::map<int, short> sockets_; ///< Events of poll(2) by descriptor.
-    /// Ends last questions through the callback, so it goes first.
+    /// Its destructor ends open questions through the callback, so it has to be destroyed first.
     std::unique_ptr<ares_channeldata, void (*)(ares_channeldata*)> channel_;
 };
 

@@ -57,8 +57,8 @@ void addRecord(SPF_dns_rr_t& answer, ns_type type, const std::string& value)
     answer.num_rr = place + 1;
 }
 
-/// A record that cannot be read has no result, and its errors are told as messages; so has one that cannot be
-/// looked up.
+/// Neither a record that cannot be read nor one that cannot be looked up has a result; the errors are given
+/// as messages.
 SpfVerdict verdictOf(SPF_response_t& response, SPF_errcode_t error)
 {
     switch (SPF_response_result(&response)) {
@@ -97,7 +97,7 @@ SpfEvaluator::SpfEvaluator(Lookup lookup)
     dns_->lookup = [](SPF_dns_server_t* server, const char* name, ns_type type, int) noexcept {
         return static_cast<SpfEvaluator*>(server->hook)->_lookUp(name, type);
     };
-    // The text for refused senders (exp=) takes another lookup, and nobody reads it here.
+    // The text for refused senders (exp=) takes another lookup, and is not used here.
     dns_->get_exp = [](SPF_server_t*, const char*, char**, size_t*) { return SPF_E_NOT_CONFIG; };
     server_.reset(SPF_server_new_dns(dns_.get(), 0));
     if (server_ == nullptr)

@@ -33,7 +33,7 @@ bool isLoopback(const std::string& address)
     return address == "::1" || boost::algorithm::starts_with(address, "127.");
 }
 
-/// The host as the routes are held against it, one at a time.
+/// Compares the routes with the host, one at a time.
 class HostCheck {
 public:
     HostCheck(const HostFacts& host, const PostfixFacts& postfix);

@@ -39,7 +39,7 @@ std::string commandOf(const ModuleInfo& service)
     return boost::algorithm::join(service.command, " ");
 }
 
-/// The command in a line of postconf -M: what stands after seven columns.
+/// The command in a line of postconf -M: what comes after seven columns.
 std::string commandOf(const std::string& line)
 {
     constexpr int columns = 7;
@@ -49,7 +49,7 @@ std::string commandOf(const std::string& line)
     return begin == std::string::npos ? std::string() : line.substr(begin + 1);
 }
 
-/// Postfix as it is held against what is wanted.
+/// Compares Postfix with what is wanted.
 class PostfixCheck {
 public:
     explicit PostfixCheck(const PostfixFacts& postfix) : postfix_(postfix) {}
@@ -244,7 +244,7 @@ void PostfixCheck::checkEnforce(const std::vector<Route>& routes)
 }
 
 /// The command that zorvo-smtp-bind would write for the addresses and the HELO name of a present route;
-/// empty if it would name the service otherwise.
+/// empty if it would give the service another name.
 std::string commandByName(const Route& route)
 {
     const TransportType type = route.helo.empty() ? TransportType::DomainIp : TransportType::DomainName;

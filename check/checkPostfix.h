@@ -1,5 +1,4 @@
-// checkPostfix: whether Postfix sends the mail of each domain the way that is asked for, or that its own
-// files tell.
+// checkPostfix: whether Postfix sends the mail of each domain as a request asks, or as its own files say.
 #pragma once
 
 #include "check/Facts.h"
@@ -16,10 +15,10 @@ std::vector<std::string> tablesOf(const std::string& value);
 /// The tables that are searched before the generated one; all of them where it is not among them.
 std::vector<std::string> tablesBefore(const std::string& value);
 
-/// Holds Postfix against `request`.
+/// Compares Postfix with `request`.
 Findings checkPostfix(const Request& request, const PostfixFacts& postfix);
 
-/// Holds Postfix's files against each other.
+/// Compares Postfix's files with each other.
 Findings checkPostfix(const PostfixFacts& postfix);
 
 } // namespace zorvo::check

@@ -140,7 +140,7 @@ std::string flawOfHostName(const std::string& name)
     }
 }
 
-/// Adds what is wrong with the name itself, the gravest flaw only.
+/// Adds what is wrong with the name itself, only the most serious flaw.
 void checkDomain(Findings& findings, const std::string& domain)
 {
     const auto isBeyondAscii = [](char c) { return static_cast<unsigned char>(c) > 127; };
@@ -170,7 +170,7 @@ bool isReadable(const ModuleInfo& service)
     return content.getModule(service.name, service.type).first.command == service.command;
 }
 
-/// Adds what is wrong with the service. `named` tells that the cause has been told already.
+/// Adds what is wrong with the service. `named`: the cause has been reported already.
 void checkService(Findings& findings, const std::string& domain, const ModuleInfo& service, bool named)
 {
     if (service.name.size() > longestServiceName)
@@ -202,7 +202,7 @@ Findings checkBinding(TransportType type, const Binding& binding)
     return findings;
 }
 
-/// Adds the domains that stand in several elements with different addresses, at the last of them.
+/// Adds the domains that several elements give different addresses, at the last of these elements.
 void checkRepetition(Findings& findings, const std::vector<Binding>& bindings)
 {
     struct Seen {

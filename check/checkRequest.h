@@ -1,4 +1,4 @@
-// checkRequest: whether a request is fit to be run, judged by the request alone.
+// checkRequest: whether a request is fit to be run, judging by the request alone.
 #pragma once
 
 #include "check/Facts.h"

@@ -86,7 +86,7 @@ std::optional<Request> requestOf(const po::variables_map& options)
     return request;
 }
 
-/// What is bound, as if it had been requested, so that its addresses and names are looked at likewise.
+/// What is bound, as if it had been requested, so that its addresses and names are checked in the same way.
 Findings checkAddresses(const std::vector<Route>& routes)
 {
     Findings findings;
@@ -102,7 +102,7 @@ Findings checkAddresses(const std::vector<Route>& routes)
     return findings;
 }
 
-/// The report on the host, held against `request` if there is one.
+/// The report on the host, compared with `request` if there is one.
 Report reportOnHost(const std::optional<Request>& request)
 {
     const PostfixFacts postfix = gatherPostfix(request ? &*request : nullptr);
@@ -123,8 +123,8 @@ Report reportOnHost(const std::optional<Request>& request)
     return report;
 }
 
-/// Adds what receivers find in the DNS. From here on the process reads what strangers wrote, so nothing that
-/// needs root can follow.
+/// Adds what receivers find in the DNS. From here on the process reads data from strangers, and is not root
+/// any more.
 void addDns(Report& report)
 {
     giveUpPrivileges();
@@ -144,7 +144,7 @@ void requireWritten()
         throw std::runtime_error("cannot write to standard output");
 }
 
-/// Whether standard output is a terminal that shows colours to somebody who wants them (no-color.org).
+/// Whether standard output is a terminal that shows colours, and the user wants them (no-color.org).
 bool wantsColour()
 {
     const char* const terminal = std::getenv("TERM");

@@ -133,8 +133,8 @@ int findQueueManager(process_info* info, void* context)
     return 0;
 }
 
-/// The queue manager lives from a start or a reload of Postfix to the next one, so its start tells when the
-/// files were read last.
+/// The queue manager lives from a start or a reload of Postfix to the next one, so its start is when the
+/// files were last read.
 void gatherProcesses(PostfixFacts& facts)
 {
     QueueManager wanted{mail::postfix::ServiceManager::getMasterPid()};

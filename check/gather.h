@@ -1,4 +1,4 @@
-// gather: looks at the host and at Postfix, and puts down what is there. Changes nothing.
+// gather: collects the facts about the host and Postfix. Changes nothing.
 #pragma once
 
 #include "check/Facts.h"

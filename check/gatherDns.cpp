@@ -13,7 +13,7 @@ namespace {
 /// The names of an address that are followed; RFC 7208, 5.5 stops there as well.
 constexpr size_t mostNames = 10;
 
-/// One address that mail leaves from, and what it goes with.
+/// One address that mail leaves from, and the names that go with it.
 struct Sender {
     std::string domain;
     std::string helo;

@@ -12,8 +12,8 @@ namespace zorvo::check {
 /// can leave from are passed over, and so are HELO names that are empty or written as an address
 /// ("[192.0.2.1]"). A route for the whole server has no domain to ask the SPF record of.
 ///
-/// Reads what strangers wrote: call giveUpPrivileges() before. Throws std::runtime_error if the DNS cannot be
-/// used at all; silent servers make answers that are not known.
+/// Reads data from strangers: call giveUpPrivileges() before. Throws std::runtime_error if the DNS cannot be
+/// used at all; if servers are silent, answers are not known.
 DnsFacts gatherDns(const std::vector<Route>& routes, Resolver::Progress progress);
 
 } // namespace zorvo::check

@@ -1,6 +1,6 @@
-// main of zorvo-smtp-check: makes the process fit to work, runs it, turns an exception into a message and
-// exit status 2. The messages have zorvo-smtp-bind's form, but stand on standard error alone: standard output
-// is for the report.
+// main of zorvo-smtp-check: prepares the process, runs the program, turns an exception into a message and
+// exit status 2. The messages have the form of zorvo-smtp-bind's, but go to standard error only: standard
+// output is for the report.
 #include "check/do_check.h"
 #include "check/report.h"
 #include "common/SystemError.h"

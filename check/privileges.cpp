@@ -31,7 +31,7 @@ bool isRoot()
 }
 
 /// A process that was started without the usual treatment of user ids (capabilities(7),
-/// SECBIT_NO_SETUID_FIXUP) keeps its capabilities, and with them the way back.
+/// SECBIT_NO_SETUID_FIXUP) keeps its capabilities, and with them a way back.
 void requireNoWayBack()
 {
     if (::setresuid(0, 0, 0) == 0 || ::setresgid(0, 0, 0) == 0 || isRoot())

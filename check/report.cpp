@@ -26,7 +26,7 @@ Order orderOf(const Finding& finding)
     return {infoOf(finding.kind).gravity, finding.kind};
 }
 
-/// The findings of each kind, the gravest first.
+/// The findings of each kind, the most serious first.
 using Groups = std::map<Order, std::vector<const Finding*>>;
 
 Groups groupsOf(const Findings& findings)
@@ -49,8 +49,8 @@ public:
         }
     }
 
-    /// The kinds that concern `route`, the gravest first: its own, and the severe ones of the whole server.
-    /// Warnings about the server are not about its route.
+    /// The kinds that concern `route`, the most serious first: its own, and the severe ones of the whole
+    /// server. Warnings about the server are not about its route.
     std::set<Order> of(const Route& route) const
     {
         std::set<Order> kinds = global_;
@@ -115,7 +115,7 @@ Row rowOf(const Route& route)
             cell(route.ip4), cell(route.ip6), cell(route.helo)};
 }
 
-/// "ok", or the gravest kind and how many there are besides.
+/// "ok", or the most serious kind and how many others there are.
 std::string verdictText(const std::set<Order>& kinds, bool colour)
 {
     if (kinds.empty())

@@ -27,7 +27,7 @@ std::string escaped(const std::string& text);
 /// The same for a message that was written to be read: line feeds and backslashes stay.
 std::string escapedMessage(const std::string& text);
 
-/// One line for each route, then the findings, the gravest first; ten and more of one kind as one line.
+/// One line for each route, then the findings, the most serious first; ten or more of one kind as one line.
 void writeTable(std::ostream& out, const Report& report, bool colour);
 
 /// One JSON document. Bytes that are not UTF-8 are replaced by U+FFFD.

@@ -19,7 +19,7 @@ public:
     SystemError(const std::string& message, int code);
 
     /// `message`, ": " and strerror(code()); only the latter where the message is empty. The text is built on
-    /// the first call and kept; where there is no memory for it, the bare message is returned.
+    /// the first call and kept; if there is no memory for it, the bare message is returned.
     /// The pointer is valid as long as this object lives.
     const char* what() const noexcept override;
 

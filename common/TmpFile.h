@@ -1,4 +1,4 @@
-// TmpFile: a new, uniquely named file beside a target, written as a stream, removed unless it replaces the
+// TmpFile: a new, uniquely named file next to a target, written as a stream, removed unless it replaces the
 // target.
 //
 //     TmpFile file(target, true);

@@ -1,5 +1,4 @@
-// System calls and file streams that survive a signal, and whole buffers in and out: each loop stands here
-// once.
+// System calls and file streams that survive a signal, and reading and writing of whole buffers.
 //
 //     const std::optional<std::string> text = readAll(fd);
 //     if (!text)

@@ -48,5 +48,5 @@ char* mk_flock_path(const char* name);
 
 /// Writes the MD5 of `prefix` followed by `text` (null counts as empty) as 32 lower-case hex digits and a NUL
 /// into `buffer` of at least md5_text_length + 1 bytes. Returns 0, or -1 when libcrypto reports a failure;
-/// `buffer` then holds the empty text. MD5 only spreads names here; nothing rests on its strength.
+/// `buffer` then holds the empty text. MD5 only serves to derive names; its strength does not matter.
 int get_md5sum(const char* prefix, const char* text, char* buffer);

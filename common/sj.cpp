@@ -93,7 +93,7 @@ template <class Number, class Convert>
 Number parseInteger(sj_parser* parser, Convert convert)
 {
     char* end = nullptr;
-    // Only ERANGE tells of an overflow. Otherwise errno stays what it was: sj_parser_strerror() shows it.
+    // Only ERANGE means an overflow. Otherwise errno stays what it was: sj_parser_strerror() shows it.
     const int before = errno;
     errno = 0;
     const Number number = convert(parser->cursor, &end);
@@ -497,7 +497,7 @@ char* sj_parse_string(sj_parser* parser)
     char* in = text;
     while (isPlain(*in))
         ++in;
-    char* out = in; // falls behind `in` at the first escape
+    char* out = in; // stays back from `in` after the first escape
     int error = SJ_OK;
     while (*in != '"' && error == SJ_OK) {
         if (*in == '\\')

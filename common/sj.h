@@ -4,7 +4,7 @@
 // unescaped inside the caller's buffer, which the reader therefore changes, and returned as pointers into it.
 // Failures are stored in the parser's error field: stop at the first one and show sj_parser_strerror().
 // The reader takes a subset of JSON: integers (no fractions, except in values that are skipped), no \u escape
-// but \u0000, and only 7-bit characters inside strings. Nothing here throws or prints.
+// except \u0000, and only 7-bit characters inside strings. Nothing here throws or prints.
 //
 //     sj_parser* p = sj_create_parser(text, nullptr);
 //     if (sj_parse_object_start(p) == 0) ...

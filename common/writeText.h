@@ -2,9 +2,9 @@
 //
 //     writeText(std::cerr, {e.what(), "\n"});
 //
-// What is printed may be the last word of a run: it goes out at once, in as few writes as possible so that
-// lines of several processes stay whole, is continued after an interruption, which stdio is not, and is
-// given up silently on any other error.
+// A run may end right after the text, so it is written at once, in as few writes as possible so that lines of
+// several processes stay whole. Unlike with stdio, writing goes on after an interruption; any other error
+// ends it silently.
 #pragma once
 
 #include <cstdio>
@@ -19,7 +19,7 @@ namespace zorvo {
 void writeText(std::FILE* stream, std::initializer_list<std::string_view> pieces) noexcept;
 
 /// The same for std::cout, std::cerr and std::clog, after a flush of the stream they are tied to. A stream
-/// that does not stand over stdio gets the pieces through its own buffer, unflushed, and sets its state;
+/// that is not based on stdio gets the pieces through its own buffer, unflushed, and sets its state;
 /// a stream that is not good gets nothing.
 void writeText(std::ostream& stream, std::initializer_list<std::string_view> pieces);
 

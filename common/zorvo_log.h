@@ -8,7 +8,7 @@
 
 #include <cstdarg>
 
-/// Option bit of zorvo_log_init beside those of openlog(3): put a trace id in front of syslog lines.
+/// Option bit of zorvo_log_init in addition to those of openlog(3): put a trace id in front of syslog lines.
 constexpr int ZORVO_LOG_TRACE = 0x40;
 
 /// Level bit of zorvo_log_init and zorvo_log_set_level: let ZORVO_LOG_LEVEL in the environment raise it.
@@ -33,7 +33,7 @@ extern void (*zorvo_logv)(int priority, const char* format, va_list args);
 void zorvo_log_init(const char* location, int level, int facility, int options, const char* ident);
 
 /// Sets the level to the low three bits of `level`. With ZORVO_LOG_LEVEL_FROM_ENV a ZORVO_LOG_LEVEL of one
-/// digit 0 to 7 can raise it, never lower it. In syslog mode setlogmask(3) is set likewise.
+/// digit 0 to 7 can raise it, never lower it. In syslog mode setlogmask(3) is set to match.
 void zorvo_log_set_level(int level);
 
 /// LogOpts.

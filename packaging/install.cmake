@@ -1,11 +1,11 @@
 # What `cmake --install` and the Debian package put where. Two components:
-#   runtime      the programs and their companions, at the paths that the panel, man(1), bash and systemd look at
+#   runtime      the programs and their companions, at the paths where the panel, man(1), bash and systemd look
 #   development  the static libraries with their headers and the CMake package zorvo-mail, below the prefix
 # Included by the root CMakeLists.txt.
 include(CMakePackageConfigHelpers)
 
 # The panel starts zorvo-smtp-bind at this very path, so it does not follow CMAKE_INSTALL_PREFIX; DESTDIR moves it.
-# zorvo-smtp-check stands beside it.
+# zorvo-smtp-check goes into the same directory.
 install(TARGETS zorvo-smtp-bind zorvo-smtp-check RUNTIME DESTINATION /usr/local/maru/admin/sbin COMPONENT runtime)
 
 # The manual pages carry the version, and are stored as man(1) and Debian keep all pages.

@@ -27,7 +27,7 @@ struct comments_parser : classic::grammar<comments_parser> {
 };
 extern const comments_parser comments_p;
 
-/// Blanks, or nothing at all.
+/// Blanks, or nothing.
 struct empty_line_parser : classic::grammar<empty_line_parser> {
     template <class Scanner>
     struct definition {

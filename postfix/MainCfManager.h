@@ -30,7 +30,7 @@ public:
     /// the tool reports an error (see checkOutput), which is thrown.
     std::string getStringValue(const std::string& name, bool useDefault, bool expand) const;
 
-    /// `postconf -e name=value`, under the lock. An empty value sets the parameter to nothing.
+    /// `postconf -e name=value`, under the lock. An empty value is written as such.
     void replaceStringValue(const std::string& name, const std::string& value);
 
     /// `postconf -X name`, under the lock: the parameter falls back to its default.
@@ -48,7 +48,7 @@ public:
     /// Replaces `list` with the elements of the value; an empty value gives one empty element.
     void getList(const std::string& name, std::deque<std::string>& list) const;
 
-    /// Writes the elements; none at all sets the parameter to nothing.
+    /// Writes the elements; an empty list makes the value empty.
     void setList(const std::string& name, const std::deque<std::string>& list);
 
     /// Replaces each element by transform(element), an empty result dropping it. Writes and returns true only
@@ -59,8 +59,8 @@ public:
     /// Drops every element equal to `value`. Returns whether there was one.
     bool removeListElement(const std::string& name, const std::string& value);
 
-    /// Adds `value` after the current value as it stands, unless it is an element already. Only "mynetworks"
-    /// is then written all the same, as it is, which makes a default explicit.
+    /// Appends `value` to the current value, unless it is an element already. In that case only "mynetworks"
+    /// is written, unchanged, which makes a default explicit.
     void appendStringValue(const std::string& name, const std::string& value);
 
     /// Adds the element "key value" unless it is there already; elements are separated by commas alone here,

@@ -13,7 +13,7 @@ namespace zorvo::mail::postfix {
 enum class ModuleType { Inet = 0, Unix = 1, UnixDgram = 2, Fifo = 3, Pass = 4 };
 
 /// One service. The initial values are what a "-" in the file stands for; that of `chroot` is "n", as it is
-/// meant to be: a "-" read from that column is written as "n" when the entry is written anew.
+/// meant to be: a "-" read from that column is written as "n" when the entry is rewritten.
 struct ModuleInfo {
     std::string name;
     ModuleType type = ModuleType::Inet;
@@ -26,7 +26,7 @@ struct ModuleInfo {
     std::list<std::string> command; ///< The command's name and its arguments, one word each.
 };
 
-/// The word for `type` in the file.
+/// The name of `type` in the file.
 const char* typeKeyword(ModuleType type) noexcept;
 
 /// The entry as one line without line feed: the columns and the words, one blank between them.

@@ -39,7 +39,7 @@ const char* const disabledPath = "/var/spool/postfix/zorvo/master.cf.disabled";
 constexpr unsigned masterCfMode = 0644;
 
 /// Writes the lines up to the last one that is not empty; all of them where all are empty. Each line is
-/// flushed, so that a full disk is met at a line's end.
+/// flushed, so that a full disk is noticed at the end of a line.
 void writeLines(std::ostream& out, const std::list<std::string>& lines)
 {
     const auto lastText =
@@ -64,8 +64,8 @@ MappedFile mapFile(const std::string& path)
     return file;
 }
 
-/// Size of the file of disabled services; 0 without one. Everything else that keeps it from being told is an
-/// error: a file that is taken for absent is replaced by the next store.
+/// Size of the file of disabled services; 0 without one. Any other reason for not knowing it is an error:
+/// a file that is taken for absent is replaced by the next store.
 std::uintmax_t disabledFileSize()
 {
     std::error_code error;

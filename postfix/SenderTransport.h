@@ -6,7 +6,7 @@
 //     run recognises and removes;
 //   - can be made from (domain, ip4, ip6): the domain in lower case where the caller made it so, and at least
 //     one address where a service is bound;
-//   - has `bool ownsService(const std::string& serviceName) const`, which tells by the name whether a service
+//   - has `bool ownsService(const std::string& serviceName) const`, which says by the name whether a service
 //     is this transport's. Only removeSenderTransport() asks; a run removes by generatedPrefix.
 // SenderTransportManager works with any such class, and app/do_main.cpp offers it to the user.
 // Nothing is validated: addresses and names go into the service as they are.
@@ -48,7 +48,7 @@ public:
     std::string ip6;
 
 protected:
-    /// The service's name is nameOf(ownName). `ownName` holds all that tells two services of a kind apart,
+    /// The service's name is nameOf(ownName). `ownName` holds all that distinguishes two services of a kind,
     /// the addresses included.
     BaseSenderTransport(const std::string& ownName, const std::string& ip4Address,
                         const std::string& ip6Address);

@@ -9,7 +9,7 @@
 int invoke_zorvorc(const char* service, const char* action);
 int invoke_zorvorc_keep_fail_msg(const char* service, const char* action);
 
-/// Register a service with the panel, or take it off; silent; 0 or the tool's exit code.
+/// Register a service with the panel, or remove it; silent; 0 or the tool's exit code.
 int enable_service(const char* name);
 int disable_service(const char* name);
 

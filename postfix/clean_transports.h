@@ -1,4 +1,4 @@
-// clean_transports: takes Postfix back to a state without any generated outgoing binding.
+// clean_transports: removes every generated binding from Postfix.
 #pragma once
 
 /// Removes the parameters of removedParameters from main.cf, empties the sender-dependent transport table and

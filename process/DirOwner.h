@@ -7,7 +7,7 @@ namespace zorvo::process {
 
 class DirOwner {
 public:
-    /// Opens `path`, close-on-exec. Look at isOpen(); errno tells the reason of a failure.
+    /// Opens `path`, close-on-exec. Look at isOpen(); errno gives the reason of a failure.
     explicit DirOwner(const char* path) noexcept;
     DirOwner(const DirOwner&) = delete;
     DirOwner& operator=(const DirOwner&) = delete;

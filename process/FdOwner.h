@@ -24,10 +24,10 @@ public:
     /// Gives the descriptor to the caller, who closes it; -1 when empty.
     [[nodiscard]] int release() noexcept { return std::exchange(fd_, -1); }
 
-    /// Closes and leaves -1 behind, also on failure: then throws SystemError with `label`.
+    /// Closes; holds -1 afterwards, also on failure: then throws SystemError with `label`.
     void close(const char* label);
 
-    /// Closes, ignoring failures and keeping errno, and leaves -1 behind. Async-signal-safe.
+    /// Closes, ignoring failures and keeping errno; holds -1 afterwards. Async-signal-safe.
     void close_nothrow() noexcept;
 
 private:

@@ -94,7 +94,7 @@ void launchAll(const std::vector<Parameters<PipeProcessFlags>>& processes, int f
             const int pid = launches[i]->pid();
             catcher.children()[pid] = ProcessStatus();
             statuses[i].pid = pid;
-            // From now on only the new process reads it, so that the one before sees when nobody does.
+            // From now on only the new process reads it, so that the one before notices when it ends.
             if (i > 0)
                 launches[i - 1]->stdoutPipe().close("pipe read-end close");
             if (processes[i].launchCallback)

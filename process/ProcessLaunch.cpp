@@ -1,5 +1,5 @@
-// The way to read this file: the constructor is the parent's side of a launch, _prepareChild the child's,
-// rethrowReport the way back of a failure.
+// The constructor is the parent's side of a launch, _prepareChild the child's, and rethrowReport brings a
+// failure back to the parent.
 #include "process/ProcessLaunch.h"
 
 #include "common/SystemError.h"
@@ -190,7 +190,7 @@ ProcessLaunch::ProcessLaunch(const char* const* argv, const char* file, const ch
         for (ChildFd* const fd : {&standard.in, &standard.out, &standard.err})
             fd->created.close("close");
     } catch (...) {
-        end(); // nobody else will know of it
+        end(); // the caller will not learn of this child
         throw;
     }
 }

@@ -1,6 +1,6 @@
 // ProcessLaunch: one child process, from fork to exec, with its standard descriptors.
 //
-// The constructor returns as soon as the child exists; waitExec() tells whether it came to execute its
+// The constructor returns as soon as the child exists; waitExec() says whether it came to execute its
 // program. What fails in the child before that travels back through a control pipe and is thrown here, in
 // the parent, with the label of the failed step. Pipe is the public face; use this class directly only where
 // a pipeline is not what is wanted.

@@ -1,4 +1,4 @@
-// ProcessSetCatcher: reaps a known set of children from a SIGCHLD handler and tells a select(2) loop of it.
+// ProcessSetCatcher: reaps a known set of children from a SIGCHLD handler and wakes a select(2) loop.
 //
 // The handler stores each wait status in the table of children and writes a byte into a non-blocking pipe
 // whose read end sits in the loop's set. Enter children only while SIGCHLD is blocked. One catcher can be

@@ -17,7 +17,7 @@ namespace {
 constexpr size_t chunkSize = 1024;
 const char* const closeLabel = "pipe read-end close";
 
-/// fd_set has no room for a higher number, and select(2) would write past its end.
+/// fd_set cannot hold a higher number, and select(2) would write past its end.
 void checkSelectable(int fd)
 {
     if (fd >= FD_SETSIZE)

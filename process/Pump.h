@@ -7,10 +7,10 @@
 //     pump.run(catcher);
 //
 // What it is given is borrowed and has to outlive it. SIGCHLD has to come through and SIGPIPE has to be
-// ignored meanwhile (LaunchSignals::adapt). Descriptors are closed as soon as they are of no more use; after
-// an exception some may be open. Everything throws SystemError with the label of the failed call: "select"
-// (also with EMFILE, for a descriptor number that select(2) cannot watch), "fcntl", "read", "write" or
-// "pipe read-end close".
+// ignored meanwhile (LaunchSignals::adapt). Descriptors are closed as soon as they are not needed any more;
+// after an exception some may be open. Everything throws SystemError with the label of the failed call:
+// "select" (also with EMFILE, for a descriptor number that select(2) cannot watch), "fcntl", "read", "write"
+// or "pipe read-end close".
 #pragma once
 
 #include "process/FdOwner.h"
@@ -43,8 +43,8 @@ public:
     /// receiver or the source throws.
     void run(ProcessSetCatcher& catcher);
 
-    /// True when there was input left that nobody reads any more (EPIPE). The descriptor was closed then, and
-    /// the output collected to its end as usual: why a child did not read it can tell best itself.
+    /// True when input was left that no process reads any more (EPIPE). The descriptor was closed then, and
+    /// the output collected to its end as usual: it may say why the child did not read.
     bool inputRefused() const noexcept { return inputRefused_; }
 
 private:

@@ -430,8 +430,8 @@ void read_to_buf(int* fd, char** buffer, int* size, int* used)
         *buffer = larger;
         *size = newSize;
     }
-    const auto room = static_cast<size_t>(*size - *used - 1);
-    const ssize_t got = retryOnEintr([&] { return ::read(*fd, *buffer + *used, room); });
+    const auto space = static_cast<size_t>(*size - *used - 1);
+    const ssize_t got = retryOnEintr([&] { return ::read(*fd, *buffer + *used, space); });
     if (got > 0) {
         *used += static_cast<int>(got);
         return;

@@ -1,7 +1,7 @@
 // fork_exec: plain functions that run a program, wait for it and translate its end.
 //
-// Argument vectors are null-terminated and begin with the program's name. Variable lists do likewise and end
-// with a (char*)NULL; of them at most 100 arguments are taken. Unless said otherwise a function blocks until
+// Argument vectors are null-terminated and begin with the program's name. Variable lists do so too, and end
+// with a (char*)NULL; at most 100 of their arguments are taken. Unless said otherwise a function blocks until
 // its child has ended and returns the child's exit code, or -1 when it was killed, stopped or lost, which is
 // logged through zorvo_log. Three kinds of failure: no resources in the parent: messlog2 and exit(1); no exec
 // in the child: a line on its standard error and status 255; trouble with waiting: a log line and -1.
@@ -24,7 +24,7 @@ int fork_execl_log(int quiet, const char* path, ...);
 
 /// Runs `path` with standard output and error captured into new NUL-terminated malloc'd buffers for the
 /// caller to free; null where nothing was written. Standard input is inherited. When the child ends while a
-/// process it left behind keeps the pipes open, returns within about a second; what comes later is lost.
+/// process that it started keeps the pipes open, returns within about a second; what comes later is lost.
 int fork_execv_getouterr(char** out, char** err, const char* path, char* const argv[]);
 int fork_execl_getouterr(char** out, char** err, const char* path, ...);
 
@@ -57,7 +57,7 @@ int fork_exec_waitpid(pid_t pid, const char* name, int* status);
 int fork_exec_getres(pid_t pid, const char* name);
 
 /// One read from a non-blocking pipe into a growing malloc'd buffer of `*size` bytes, `*used` of them filled;
-/// always leaves room for a NUL. At end of file and after an error `*fd` is closed and set to -1.
+/// always leaves space for a NUL. At end of file and after an error `*fd` is closed and set to -1.
 void read_to_buf(int* fd, char** buffer, int* size, int* used);
 
 /// Forks, executes `path`, waits and returns the raw wait status, or -1. Without a fork the process ends with

@@ -28,7 +28,7 @@ using zorvo::process::FdOwner;
 
 namespace {
 
-/// Reads what /proc tells about one process after the other.
+/// Reads what /proc has about one process after the other.
 class ProcessReader {
 public:
     explicit ProcessReader(int procFd) : procFd_(procFd) {}

@@ -1,7 +1,7 @@
 // iterateProcesses: a walk over the processes in /proc (proc(5)).
 //
-// It is a snapshot: a process that ends during the walk, or whose requested data cannot be read, is passed
-// over without a word.
+// It is a snapshot: a process that ends during the walk, or whose requested data cannot be read, is
+// silently skipped.
 #pragma once
 
 /// What a process's record holds; combine the wanted ones with |.
@@ -24,7 +24,7 @@ struct process_info {
     const char* executable; ///< Target of /proc/PID/exe, at most 4096 bytes.
     char* const* argv;      ///< /proc/PID/cmdline, null-terminated; empty for kernel threads and zombies.
     int uid[4];             ///< Real, effective, saved, file-system.
-    int gid[4];             ///< Likewise.
+    int gid[4];             ///< The same four.
     int owner_uid;          ///< Owner of /proc/PID; -1 when it cannot be read.
 };
 

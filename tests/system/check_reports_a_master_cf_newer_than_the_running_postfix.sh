@@ -13,7 +13,7 @@ one.example  zorvo-192.0.2.2-  192.0.2.2  -     sandbox.example  postfix-older-t
 
 severe: postfix-older-than-file
     file $master_cf
-  Postfix was started before the last change of the file and may still send as before it.
+  Postfix was started before the file was last changed, and may still send as it did before.
   Restart Postfix.
 
 $enforce_off

@@ -7,7 +7,7 @@ one_domain() { request one.example 192.0.2.2 ""; }
 rest="-o smtp_bind_address6= -o smtp_address_preference=ipv4 -o inet_protocols=ipv4"
 service_differs="problem: service-differs
     one.example: service zorvo-192.0.2.2-, in master.cf \"smtp -o smtp_bind_address=192.0.2.3 $rest\", asked for \"smtp -o smtp_bind_address=192.0.2.2 $rest\"
-  master.cf sets up the service otherwise than zorvo-smtp-bind does, and mail leaves as master.cf tells.
+  The service in master.cf is not as zorvo-smtp-bind sets it up, and mail leaves as master.cf says.
   Run zorvo-smtp-bind again with the whole request."
 
 start_receivers
@@ -18,7 +18,7 @@ one.example  zorvo-192.0.2.2-  192.0.2.2  -     sandbox.example  postfix-older-t
 
 severe: postfix-older-than-file
     file $master_cf
-  Postfix was started before the last change of the file and may still send as before it.
+  Postfix was started before the file was last changed, and may still send as it did before.
   Restart Postfix.
 
 $service_differs

@@ -17,7 +17,7 @@ two.example  zorvo-192.0.2.3-  192.0.2.3  -     sandbox.example  ok
 
 problem: earlier-table-catches-domain
     one.example: table $earlier, result smtp:
-  Postfix finds the domain in a table that comes first, and mail leaves as that one tells.
+  Postfix finds the domain in an earlier table, and mail leaves as that table says.
   Take the domain out of that table, or put the generated table before it in sender_dependent_default_transport_maps.
 
 $enforce_off

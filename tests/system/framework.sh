@@ -145,7 +145,7 @@ assert_checked() {
 # shellcheck disable=SC2034 # the end of each report, because of Postfix's default
 enforce_off='warning: enforce-off
   If an address is taken off the host, Postfix logs a warning and sends from the default one.
-  Set "smtp_bind_address_enforce = yes" in main.cf if such mail shall wait in the queue instead.'
+  Set "smtp_bind_address_enforce = yes" in main.cf if such mail should wait in the queue instead.'
 
 # reload_postfix: returns when it has read its files again.
 reload_postfix() {

@@ -16,4 +16,4 @@ real " "$status $stdout $stderr"
 run "$sandbox" /usr/sbin/postconf -h myhostname
 assert_equal "without" "0 sandbox.example " "$status $stdout $stderr"
 run "$sandbox" --tools /nonexistent true
-assert_equal "no such folder" "125  sandbox: /nonexistent is no folder" "$status $stdout $stderr"
+assert_equal "no such folder" "125  sandbox: /nonexistent is not a folder" "$status $stdout $stderr"

@@ -16,4 +16,4 @@ run "$throw_away" sh -c 'rm /.dockerenv; cp /bin/sh /run/init
     exec /run/init -c "scripts/sandbox touch /run/touched; echo \$?; ls /run"'
 assert_equal "no container" "0 125
 init
-lock sandbox: the kernel refuses private namespaces (unshare: unshare failed: Operation not permitted), and this machine is no container: it might be somebody's mail server" "$status $stdout $stderr"
+lock sandbox: the kernel refuses private namespaces (unshare: unshare failed: Operation not permitted), and this machine is not a container: it might be somebody's mail server" "$status $stdout $stderr"

@@ -181,7 +181,8 @@ TEST(CheckProgramTest, HostIsComparedWithTheRequest)
         "\n"
         "warning: enforce-off\n"
         "  If an address is taken off the host, Postfix logs a warning and sends from the default one.\n"
-        "  Set \"smtp_bind_address_enforce = yes\" in main.cf if such mail shall wait in the queue instead.\n"
+        "  Set \"smtp_bind_address_enforce = yes\" in main.cf if such mail should wait in the queue "
+        "instead.\n"
         "\n"
         "2 severe, 2 problems, 1 warning\n");
 }

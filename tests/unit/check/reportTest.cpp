@@ -101,7 +101,8 @@ TEST(WriteTableTest, FindingsFollowTheGravestFirst)
         "\n"
         "warning: enforce-off\n"
         "  If an address is taken off the host, Postfix logs a warning and sends from the default one.\n"
-        "  Set \"smtp_bind_address_enforce = yes\" in main.cf if such mail shall wait in the queue instead.\n"
+        "  Set \"smtp_bind_address_enforce = yes\" in main.cf if such mail should wait in the queue "
+        "instead.\n"
         "\n"
         "1 severe, 2 problems, 1 warning\n");
 }
@@ -120,7 +121,8 @@ TEST(WriteTableTest, SevereFindingOfTheServerIsTheVerdictOfEveryDomain)
         "\n"
         "warning: enforce-off\n"
         "  If an address is taken off the host, Postfix logs a warning and sends from the default one.\n"
-        "  Set \"smtp_bind_address_enforce = yes\" in main.cf if such mail shall wait in the queue instead.\n"
+        "  Set \"smtp_bind_address_enforce = yes\" in main.cf if such mail should wait in the queue "
+        "instead.\n"
         "\n"
         "1 severe, 1 warning\n");
 }
@@ -239,7 +241,7 @@ TEST(WriteJsonTest, DocumentHoldsRoutesFindingsAndTheirKinds)
     "enforce-off": {
       "gravity": "warning",
       "consequence": "If an address is taken off the host, Postfix logs a warning and sends from the default one.",
-      "remedy": "Set \"smtp_bind_address_enforce = yes\" in main.cf if such mail shall wait in the queue instead."
+      "remedy": "Set \"smtp_bind_address_enforce = yes\" in main.cf if such mail should wait in the queue instead."
     }
   }
 }
