@@ -71,8 +71,8 @@ sorted() { printf '%s\n' "$@" | sort | xargs; }
 build=(cmake g++ libboost-dev libboost-program-options-dev libc-ares-dev libspf2-dev libssl-dev ninja-build nlohmann-json3-dev)
 assert_equal "demo" "$(sorted "${build[@]}" iproute2 postfix util-linux)" "$(asked_for demo)"
 assert_equal "package" "$(sorted "${build[@]}" dpkg-dev file lintian)" "$(asked_for package)"
-assert_equal "documentation" "doxygen man-db mandoc" "$(asked_for documentation)"
-assert_equal "two groups" "$(sorted "${build[@]}" dpkg-dev doxygen file lintian man-db mandoc)" \
+assert_equal "documentation" "doxygen man-db mandoc python3-rich" "$(asked_for documentation)"
+assert_equal "two groups" "$(sorted "${build[@]}" dpkg-dev doxygen file lintian man-db mandoc python3-rich)" \
     "$(asked_for documentation package)"
 all=$(asked_for)
 for group in test lint fuzz bench compatibility; do
