@@ -1,5 +1,5 @@
 // bench_postconf: runs the real postconf, then gives main.cf an old time stamp. Postfix's tools wait until
-// main.cf has been left alone for a while; on both sides of a comparison that wait would drown everything.
+// main.cf has not changed for a while; on both sides of a comparison that wait would hide everything else.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>

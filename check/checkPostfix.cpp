@@ -146,7 +146,7 @@ void PostfixCheck::checkServerPair(const Route& server)
 
 void PostfixCheck::checkNoServerPair()
 {
-    for (const char* const parameter : mail::postfix::removedParameters) {
+    for (const char* const parameter : {bindAddressParameter, bindAddress6Parameter}) {
         const std::string present = parameterOf(postfix_, parameter);
         if (!present.empty())
             _add(Kind::BindAddressBesideDomains, "", {{parameter, present}});

@@ -12,7 +12,7 @@ namespace fuzz {
 /// Holds any sum or product that is met here.
 __extension__ typedef __int128 WideInteger;
 
-/// One reader over one text. Its functions bear the names of those of sj.h, and do the same to `cursor` and
+/// One reader over one text. Its functions have the names of those of sj.h, and do the same to `cursor` and
 /// `error` as those do to the parser's.
 class JsonReference {
 public:
@@ -45,7 +45,7 @@ public:
     /// The character at the cursor; NUL at the end.
     char peek() const { return at(cursor); }
 
-    /// The nesting was deeper than a recursion should be; nothing else is to be relied upon then.
+    /// The nesting was too deep for a recursion; do not rely on anything else then.
     bool tooDeep() const { return tooDeep_; }
 
 private:

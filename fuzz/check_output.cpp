@@ -1,5 +1,5 @@
-// Fuzz target: the judging of what Postfix's tools print (postfix/PostfixTool.h), lenient and strict, against
-// a model that follows a line character by character.
+// Fuzz target: how the output of Postfix's tools is judged (postfix/PostfixTool.h), leniently and strictly,
+// against a model that follows a line character by character.
 #include "fuzz/fuzz.h"
 #include "postfix/PostfixTool.h"
 

@@ -31,7 +31,7 @@ inline std::string toString(const uint8_t* data, size_t size)
 }
 
 /// A NUL-terminated copy of `text` up to its first NUL, in a block of exactly that size, so that
-/// AddressSanitizer sees whoever reads or writes past the end.
+/// AddressSanitizer reports any access past the end.
 class ExactText {
 public:
     explicit ExactText(const std::string& text)
@@ -57,5 +57,5 @@ private:
 
 } // namespace fuzz
 
-/// Ends the process, which is what a fuzzer takes for a find, unless `condition` holds.
+/// Ends the process, which a fuzzer reports as a find, unless `condition` holds.
 #define FUZZ_CHECK(condition) ((condition) ? void() : fuzz::fail(#condition, __FILE__, __LINE__))

@@ -72,7 +72,7 @@ struct Entry {
     }
 };
 
-/// What reading a document comes to.
+/// The result of reading a document.
 struct Outcome {
     int error = 0;
     size_t offset = 0;
@@ -90,7 +90,7 @@ class ReferenceReader {
 public:
     explicit ReferenceReader(const std::string& text) : json_(text) {}
 
-    /// No value where the nesting is too deep for a recursion.
+    /// No value if the nesting is too deep for a recursion.
     std::optional<Outcome> read()
     {
         readDocument();
@@ -195,7 +195,7 @@ Outcome outcomeOf(const fuzz::ExactText& text, const sj_parser& parser, const tr
     return outcome;
 }
 
-/// Reads the document with `hooks`; no value where there was no memory for the parser or the object.
+/// Reads the document with `hooks`; no value if there was not enough memory for the parser or the object.
 std::optional<Outcome> read(const std::string& document, Hooks& hooks)
 {
     const fuzz::ExactText text(document);

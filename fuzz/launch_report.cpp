@@ -1,7 +1,7 @@
 // Fuzz target: what a child sends through the control pipe before exec (rethrowReport of
 // process/ProcessLaunch.h).
 //
-// Input: one byte that is skipped, then the report, which comes out as a simple model of it says.
+// Input: one byte that is skipped, then the report. The result is compared with a simple model.
 #include "common/SystemError.h"
 #include "fuzz/fuzz.h"
 #include "process/ProcessLaunch.h"
@@ -33,7 +33,7 @@ private:
     std::streambuf* old_;
 };
 
-/// What a report comes to: the exception, and what was logged on the way.
+/// The result of a report: the exception, and what was logged on the way.
 struct Outcome {
     std::string type; ///< Empty: the child executed its program.
     std::string message;

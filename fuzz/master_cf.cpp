@@ -97,7 +97,7 @@ private:
             position_ = std::min(text_.find('\n', position_), text_.size());
     }
 
-    /// What may stand between two columns or words: blanks, and whole lines of blanks and comments as long as
+    /// What may separate two columns or words: blanks, and whole lines of blanks and comments as long as
     /// a line with a blank in front follows.
     void skipSeparator()
     {

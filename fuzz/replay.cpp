@@ -1,6 +1,6 @@
 // Runs a fuzz target on kept inputs: every file named, and every file in the folders named, in the order of
-// their names. Prints how many. The first input that breaks a promise ends the process; its name then stands
-// last on standard error.
+// their names. Prints how many. The first input that breaks a promise ends the process; its name is then the
+// last line on standard error.
 //
 // exits: 0 all inputs ran; 1 a name could not be read, or there was no input at all
 #include "fuzz/fuzz.h"

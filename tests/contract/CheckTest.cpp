@@ -1,4 +1,5 @@
-// zorvo-smtp-check whole, against recorded answers of Postfix's tools: what it runs, says and leaves alone.
+// The whole of zorvo-smtp-check with prepared answers of Postfix's tools: what it runs and prints, and that
+// it changes nothing.
 #include "Fixture.h"
 
 #include <chrono>

@@ -17,7 +17,7 @@ End refused(const std::string& type, const std::string& text)
 
 class CommandLineTest : public ContractTest {
 protected:
-    // Runs with a good request at hand; nothing may be changed, nor the request be touched.
+    // Runs with a good request on standard input; nothing may be changed, and the request not be read.
     static void expectNothingDone(const std::vector<std::string>& arguments, const End& end)
     {
         const World before = world();
@@ -165,7 +165,7 @@ TEST_F(CommandLineTest, ShortOptionsTakeTheirValueAttachedOrApart)
                                              setParameter("smtp_bind_address6=2001:db8::1"), restart}));
 }
 
-TEST_F(CommandLineTest, WordsThatAreNoOptionsAreIgnored)
+TEST_F(CommandLineTest, PositionalArgumentsAreIgnored)
 {
     const Outcome outcome =
         Program({"first", "-t", "explicit-ip", "-4", "192.0.2.1", "-", "--", "-6", "::1"}).run();

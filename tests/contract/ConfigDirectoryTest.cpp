@@ -77,7 +77,7 @@ TEST_F(ConfigDirectoryTest, AnswerOfBlanksIsEmpty)
                   configurationError("unable to determine Postfix config_directory parameter"));
 }
 
-// A tab between the colon and the word hides it from the judgement of the message.
+// A word that follows the colon after a tab does not count as an error.
 TEST_F(ConfigDirectoryTest, FatalMessageAfterATabIsNotAnError)
 {
     expectStopped(Answer(askDirectory).complains("postconf:\tfatal: bad main.cf: line 1\n"),
@@ -115,7 +115,7 @@ TEST_F(ConfigDirectoryTest, BlanksAroundTheAnswerDoNotCount)
     EXPECT_NE(masterCf(), plainServices);
 }
 
-TEST_F(ConfigDirectoryTest, MasterCfIsSoughtInTheDirectory)
+TEST_F(ConfigDirectoryTest, MasterCfIsReadFromTheDirectory)
 {
     std::filesystem::create_directory("/etc/postfix/other");
     writeWhole("/etc/postfix/other/master.cf", "smtp inet n - y - - smtpd\nzorvo-x unix - - n - - smtp\n");
@@ -129,7 +129,7 @@ TEST_F(ConfigDirectoryTest, MasterCfIsSoughtInTheDirectory)
                                               lockNameOf("/etc/postfix/other/master.cf")));
 }
 
-TEST_F(ConfigDirectoryTest, SecondAnswerIsTheOneThatFindsMasterCf)
+TEST_F(ConfigDirectoryTest, MasterCfIsReadFromTheDirectoryOfTheSecondAnswer)
 {
     answer(Answer(askDirectory).onRun(1).prints("/nowhere\n"));
     const Outcome outcome = runExplicitIp();
@@ -137,7 +137,7 @@ TEST_F(ConfigDirectoryTest, SecondAnswerIsTheOneThatFindsMasterCf)
     EXPECT_EQ(outcome.call(removeFirstParameter).heldLocks, heldWith(lockNameOf("/nowhere/main.cf")));
 }
 
-TEST_F(ConfigDirectoryTest, EmptySecondAnswerSeeksMasterCfInTheRoot)
+TEST_F(ConfigDirectoryTest, EmptySecondAnswerReadsMasterCfFromTheRoot)
 {
     answer(Answer(askDirectory).onRun(2));
     const Outcome outcome = runExplicitIp();
@@ -153,7 +153,7 @@ TEST_F(ConfigDirectoryTest, EmptySecondAnswerWithAFatalMessageIsReported)
     EXPECT_EQ(outcome.commands(), afterWipe({}));
 }
 
-// main.cf is postconf's alone.
+// Only postconf changes main.cf.
 TEST_F(ConfigDirectoryTest, MainCfIsNeverTouched)
 {
     writeWhole(mainCfPath, "smtp_bind_address = 192.0.2.9\n");

@@ -37,7 +37,7 @@ TEST_F(DisabledServicesTest, FileWithOtherServicesStaysAsItIs)
     EXPECT_EQ(world().at(disabledPath), before.at(disabledPath));
 }
 
-TEST_F(DisabledServicesTest, GeneratedServiceThatIsOnlyDisabledSurvivesTheWiping)
+TEST_F(DisabledServicesTest, GeneratedServiceThatIsOnlyDisabledIsNotRemoved)
 {
     writeWhole(disabledPath, generated);
     const World before = world();
@@ -46,7 +46,7 @@ TEST_F(DisabledServicesTest, GeneratedServiceThatIsOnlyDisabledSurvivesTheWiping
     EXPECT_EQ(world().at(disabledPath), before.at(disabledPath));
 }
 
-TEST_F(DisabledServicesTest, ServiceThatIsWipedFromMasterCfIsWipedHereToo)
+TEST_F(DisabledServicesTest, ServiceRemovedFromMasterCfIsRemovedFromTheDisabledOnesToo)
 {
     writeMasterCf("smtp inet n - y - - smtpd\nzorvo-192.0.2.1- unix - - n - - smtp\n");
     writeWhole(disabledPath, "# off\n" + std::string(generated) + "old unix - - n - - smtp\n\n\n");
@@ -57,7 +57,7 @@ TEST_F(DisabledServicesTest, ServiceThatIsWipedFromMasterCfIsWipedHereToo)
     EXPECT_EQ(stateOf(disabledPath), (FileState{0644, "# off\nold unix - - n - - smtp\n"}));
 }
 
-TEST_F(DisabledServicesTest, ServiceOfAnotherTypeInMasterCfDoesNotWipeItsNamesakeHere)
+TEST_F(DisabledServicesTest, ServiceOfAnotherTypeInMasterCfKeepsTheDisabledOneOfItsName)
 {
     writeMasterCf("zorvo-192.0.2.1- inet n - n - - smtpd\n");
     writeWhole(disabledPath, generated);

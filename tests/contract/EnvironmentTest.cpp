@@ -58,7 +58,7 @@ protected:
 
 // Environment and the like.
 
-TEST_F(EnvironmentTest, ToolsGetTheEnvironmentAsItIs)
+TEST_F(EnvironmentTest, ToolsInheritTheEnvironment)
 {
     const std::vector<std::string> variables = {"ZORVO_LOG_TRACE_ID=M1", "PATH=/nowhere",
                                                 "EMPTY=", "LC_ALL=C"};
@@ -82,7 +82,7 @@ TEST_F(EnvironmentTest, RunWorksWithAnEmptyEnvironment)
         EXPECT_EQ(call.environment, std::vector<std::string>());
 }
 
-TEST_F(EnvironmentTest, ToolsGetDirectoryMaskSessionAndGroup)
+TEST_F(EnvironmentTest, ToolsInheritDirectoryMaskSessionAndGroup)
 {
     const Outcome outcome = runWith([] {
         if (chdir("/var/spool") != 0)
@@ -121,7 +121,7 @@ TEST_F(EnvironmentTest, ToolsStartWithSigpipeIgnoredWhenTheCallerDid)
     }
 }
 
-TEST_F(EnvironmentTest, RunWorksWithSigchldIgnoredAndToolsStartSo)
+TEST_F(EnvironmentTest, RunWorksWithSigchldIgnoredAndToolsInheritThat)
 {
     const Outcome outcome = runWith([] { signal(SIGCHLD, SIG_IGN); });
     EXPECT_EQ(outcome.end, success());
@@ -129,7 +129,7 @@ TEST_F(EnvironmentTest, RunWorksWithSigchldIgnoredAndToolsStartSo)
         EXPECT_EQ(call.ignoredSignals & (bit(SIGPIPE) | bit(SIGCHLD)), bit(SIGCHLD));
 }
 
-TEST_F(EnvironmentTest, FailingToolIsNoticedWithSigchldIgnored)
+TEST_F(EnvironmentTest, FailingToolIsReportedWithSigchldIgnored)
 {
     answer(Answer(addRecord).complains("postmap: fatal: no\n").exits(1));
     const Outcome outcome = Program({"-t", "domain-ip"})
@@ -139,7 +139,7 @@ TEST_F(EnvironmentTest, FailingToolIsNoticedWithSigchldIgnored)
     EXPECT_EQ(outcome.end, failure("zorvo::mail::postfix::PostfixConfigurationError(postmap: fatal: no\n)"));
 }
 
-TEST_F(EnvironmentTest, RunWorksWithBlockedSignalsAndToolsStartSo)
+TEST_F(EnvironmentTest, RunWorksWithBlockedSignalsAndToolsInheritThem)
 {
     const Outcome outcome = runWith([] {
         sigset_t mask;
@@ -153,7 +153,7 @@ TEST_F(EnvironmentTest, RunWorksWithBlockedSignalsAndToolsStartSo)
         EXPECT_EQ(call.blockedSignals, bit(SIGCHLD) | bit(SIGPIPE) | bit(SIGTERM));
 }
 
-TEST_F(EnvironmentTest, ChildOfTheCallersOwnDoesNotDisturb)
+TEST_F(EnvironmentTest, RunWorksWithAnInheritedChild)
 {
     const Outcome outcome = runWith([] {
         for (int i = 0; i < 3; ++i)
@@ -206,7 +206,7 @@ TEST_F(EnvironmentTest, ToolsGetNoFurtherDescriptors)
     }
 }
 
-TEST_F(EnvironmentTest, DescriptorOfTheCallersOwnReachesPostfixsToolsButNotTheScript)
+TEST_F(EnvironmentTest, CallersDescriptorReachesPostfixsToolsButNotTheScript)
 {
     const Outcome outcome = runWith([] { dup2(open("/dev/zero", O_RDONLY | O_CLOEXEC), 7); });
     EXPECT_EQ(outcome.end, success());
@@ -218,7 +218,7 @@ TEST_F(EnvironmentTest, DescriptorOfTheCallersOwnReachesPostfixsToolsButNotTheSc
     }
 }
 
-TEST_F(EnvironmentTest, ToolsInheritStandardInputButForRecords)
+TEST_F(EnvironmentTest, ToolsInheritStandardInputExceptForRecords)
 {
     const Outcome outcome = runWith([] {});
     for (const Call& call : outcome.calls) {

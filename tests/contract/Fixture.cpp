@@ -431,7 +431,7 @@ void ContractTest::SetUp()
         putLink(ZORVO_STANDIN, path);
     writeMasterCf(plainServices);
     answer(Answer(askDirectory).prints(configDirectory + std::string(1, '\n')));
-    // What a run leaves behind becomes a child of this process.
+    // Processes that a run leaves behind become children of this process.
     check(prctl(PR_SET_CHILD_SUBREAPER, 1), "prctl");
     startQmgr();
 }

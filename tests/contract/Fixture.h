@@ -51,7 +51,7 @@ struct End {
 };
 std::ostream& operator<<(std::ostream& stream, const End& end);
 
-/// Status 0 without a word.
+/// Status 0 without output.
 End success();
 
 /// Status 1 and "Fatal error: DESCRIPTION" once on each stream, after `earlier` on each.

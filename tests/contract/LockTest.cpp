@@ -1,4 +1,5 @@
-// The locks: which are held while what runs, who waits for them, and what is said of one that cannot be had.
+// The locks: which are held during which tool run, who waits for them, and the message when one cannot be
+// taken.
 #include "Fixture.h"
 
 #include <csignal>
@@ -112,7 +113,7 @@ TEST_F(LockTest, LockFilesThatExistAreTruncatedAndKept)
     EXPECT_EQ(world().at(path(tableLock)) + "4711\n", before.at(path(tableLock)));
 }
 
-TEST_F(LockTest, RunWaitsForTheOneBeforeWithNothingButTheQueryMade)
+TEST_F(LockTest, RunThatWaitsForAnotherHasOnlyAskedForTheDirectory)
 {
     writeMasterCf(generatedServices);
     HeldLock held(path(runLock));

@@ -1,4 +1,4 @@
-// master.cf: its bytes and mode after a run, and what is said of one that cannot be read.
+// master.cf: its bytes and mode after a run, and the message when it cannot be read.
 #include "Fixture.h"
 
 #include <filesystem>
@@ -25,7 +25,7 @@ protected:
         EXPECT_EQ(masterCf(), after);
     }
 
-    // A file that the wiping has no reason to store stays the same file.
+    // Where there is nothing to remove, the file is not replaced.
     static void expectNotStored(const std::string& bytes)
     {
         writeMasterCf(bytes);

@@ -1,4 +1,4 @@
-// The request document on standard input: what is accepted, and the exact words about what is not.
+// The request document on standard input: what is accepted, and the exact message for everything else.
 #include "Fixture.h"
 
 #include <unistd.h>
@@ -51,7 +51,7 @@ protected:
     }
 };
 
-// Stands in no message: the system error of an unfinished or failed call that has nothing to do with it.
+// No message contains the system error of an unrelated call.
 class RequestErrnoTest : public RequestTest {};
 
 const char noObject[] = "JSON object is expected. Error occured at offset 0, character '['. ";

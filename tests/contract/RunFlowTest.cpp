@@ -160,7 +160,7 @@ TEST_F(RunFlowTest, UnknownTypeOnlyRemoves)
     EXPECT_EQ(masterCf(), withoutGenerated);
 }
 
-TEST_F(RunFlowTest, UnknownTypeDoesNotLookAtTheBindings)
+TEST_F(RunFlowTest, UnknownTypeIgnoresTheBindings)
 {
     const Outcome outcome = Program({"-t", "domain-ip "}).pipe(request({{"", "", ""}})).run();
     EXPECT_EQ(outcome.end, success());

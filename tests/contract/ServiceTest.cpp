@@ -1,4 +1,4 @@
-// The restart at the end of a run: one run of the service script, whose failure is nobody's.
+// The restart at the end of a run: one run of the service script, whose failure is not one of the run.
 #include "Fixture.h"
 
 #include <csignal>
@@ -15,7 +15,7 @@ const char scriptPath[] = "/usr/local/maru/admin/sbin/zorvorc";
 
 class ServiceTest : public ContractTest {
 protected:
-    // Whatever the script does: it is run once, nothing is said, and the run has done its work.
+    // Whatever the script does, it is run once, nothing is reported, and the run has done its work.
     static void expectSilentSuccess(const Answer& script)
     {
         answer(script);

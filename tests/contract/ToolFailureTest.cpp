@@ -42,19 +42,19 @@ protected:
 
 // Every step in turn.
 
-TEST_F(ToolFailureTest, FirstRemovalFailing)
+TEST_F(ToolFailureTest, FirstRemovalThatFailsStopsTheRun)
 {
     answer(Answer(removeFirstParameter).complains(complaint).exits(1));
     expectWipingStopped(wipeUpTo(removeFirstParameter), configurationError(complaint));
 }
 
-TEST_F(ToolFailureTest, SecondRemovalFailing)
+TEST_F(ToolFailureTest, LastRemovalThatFailsStopsTheRun)
 {
     answer(Answer(removeLastParameter).complains(complaint).exits(1));
     expectWipingStopped(wipeBefore(emptyTable), configurationError(complaint));
 }
 
-TEST_F(ToolFailureTest, EmptyingTheTableFailing)
+TEST_F(ToolFailureTest, TableThatCannotBeEmptiedStopsTheRun)
 {
     answer(Answer(emptyTable).complains("postmap: fatal: open database: No space left on device\n").exits(1));
     expectWipingStopped(wipeUpTo(emptyTable),
@@ -69,13 +69,13 @@ TEST_F(ToolFailureTest, TableSourceIsThereWhileEmptyingFails)
     EXPECT_EQ(stateOf(tableSourcePath), FileState());
 }
 
-TEST_F(ToolFailureTest, SecondQueryFailingHasNoFallback)
+TEST_F(ToolFailureTest, SecondQueryThatFailsHasNoFallback)
 {
     answer(Answer(askDirectory).onRun(2).complains(complaint).exits(1));
     expectWipingStopped(afterWipe({}), configurationError(complaint));
 }
 
-TEST_F(ToolFailureTest, SettingTheIpv4AddressFailing)
+TEST_F(ToolFailureTest, Ipv4AddressThatCannotBeSetStopsTheRun)
 {
     writeMasterCf(generatedServices);
     answer(Answer(setParameter("smtp_bind_address=192.0.2.1")).complains(complaint).exits(1));
@@ -85,7 +85,7 @@ TEST_F(ToolFailureTest, SettingTheIpv4AddressFailing)
     EXPECT_EQ(masterCf(), "smtp inet n - y - - smtpd\n");
 }
 
-TEST_F(ToolFailureTest, SettingTheIpv6AddressFailing)
+TEST_F(ToolFailureTest, Ipv6AddressThatCannotBeSetStopsTheRun)
 {
     answer(Answer(setParameter("smtp_bind_address6=2001:db8::1")).complains(complaint).exits(1));
     const Outcome outcome = Program({"-t", "explicit-ip", "-4", "192.0.2.1", "-6", "2001:db8::1"}).run();
@@ -94,7 +94,7 @@ TEST_F(ToolFailureTest, SettingTheIpv6AddressFailing)
                                              setParameter("smtp_bind_address6=2001:db8::1")}));
 }
 
-TEST_F(ToolFailureTest, AddingARecordFailingKeepsItsService)
+TEST_F(ToolFailureTest, RecordThatCannotBeAddedStopsTheRunAndKeepsItsService)
 {
     answer(Answer(addRecord).onRun(2).complains("postmap: fatal: full\n").exits(1));
     const Outcome outcome = runDomainIp({{"one.example", "192.0.2.1", ""},
@@ -114,7 +114,7 @@ TEST_F(ToolFailureTest, AddingARecordFailingKeepsItsService)
 
 // What makes a failure, and its text.
 
-TEST_F(ToolFailureTest, FailureWithoutAWordIsAnUnknownError)
+TEST_F(ToolFailureTest, FailureWithoutErrorOutputIsAnUnknownError)
 {
     answer(Answer(removeFirstParameter).exits(1));
     expectWipingStopped(wipeUpTo(removeFirstParameter), configurationError("unknown error"));
@@ -132,7 +132,7 @@ TEST_F(ToolFailureTest, ExitCodeWithOnlyTheHighestBitIsAFailure)
     expectWipingStopped(wipeUpTo(emptyTable), configurationError("unknown error"));
 }
 
-TEST_F(ToolFailureTest, DeathBySignalWithoutAWordIsAnUnknownError)
+TEST_F(ToolFailureTest, DeathBySignalWithoutErrorOutputIsAnUnknownError)
 {
     answer(Answer(removeLastParameter).diesBy(SIGKILL));
     expectWipingStopped(wipeBefore(emptyTable), configurationError("unknown error"));
@@ -200,14 +200,14 @@ TEST_F(ToolFailureTest, OutputOfAddingARecordPassesThrough)
 
 // Tools that cannot be executed.
 
-TEST_F(ToolFailureTest, MissingPostconf)
+TEST_F(ToolFailureTest, MissingPostconfStopsTheRunAtOnce)
 {
     fs::remove(postconfPath);
     expectWipingStopped(
         {}, failure("zorvo::SystemError(execv: No such file or directory: No such file or directory)"));
 }
 
-TEST_F(ToolFailureTest, MissingPostmap)
+TEST_F(ToolFailureTest, MissingPostmapStopsTheRunBeforeTheTable)
 {
     fs::remove(postmapPath);
     expectWipingStopped(
@@ -215,14 +215,14 @@ TEST_F(ToolFailureTest, MissingPostmap)
         failure("zorvo::SystemError(execv: No such file or directory: No such file or directory)"));
 }
 
-TEST_F(ToolFailureTest, PostconfThatMayNotBeExecuted)
+TEST_F(ToolFailureTest, PostconfThatMayNotBeExecutedStopsTheRunAtOnce)
 {
     fs::remove(postconfPath);
     writeWhole(postconfPath, "");
     expectWipingStopped({}, failure("zorvo::SystemError(execv: Permission denied: Permission denied)"));
 }
 
-TEST_F(ToolFailureTest, PostmapThatIsNotAProgram)
+TEST_F(ToolFailureTest, PostmapThatIsNotAProgramStopsTheRunBeforeTheTable)
 {
     fs::remove(postmapPath);
     writeWhole(postmapPath, "no program\n");
@@ -231,7 +231,7 @@ TEST_F(ToolFailureTest, PostmapThatIsNotAProgram)
                         failure("zorvo::SystemError(execv: Exec format error: Exec format error)"));
 }
 
-TEST_F(ToolFailureTest, PostmapThatIsADirectory)
+TEST_F(ToolFailureTest, PostmapThatIsADirectoryStopsTheRunBeforeTheTable)
 {
     fs::remove(postmapPath);
     fs::create_directory(postmapPath);
@@ -241,8 +241,8 @@ TEST_F(ToolFailureTest, PostmapThatIsADirectory)
     EXPECT_EQ(outcome.commands(), wipeBefore(emptyTable));
 }
 
-// Tools that end before they have read their input. What no pipe holds they cannot have been given whole; a
-// short record is still on its way, or not yet, when the tool ends.
+// Tools that end before they have read their input. Input that is larger than a pipe cannot have been written
+// completely by then; a short record may or may not have been.
 
 TEST_F(ToolFailureTest, ToolThatSucceedsWithoutReadingItsInputIsAFailedWrite)
 {
@@ -254,7 +254,7 @@ TEST_F(ToolFailureTest, ToolThatSucceedsWithoutReadingItsInputIsAFailedWrite)
     EXPECT_EQ(outcome.leftProcesses, 0);
 }
 
-TEST_F(ToolFailureTest, ToolThatFailsWithoutReadingItsInputSpeaksForItself)
+TEST_F(ToolFailureTest, ToolThatFailsWithoutReadingItsInputIsReportedWithItsErrorOutput)
 {
     answer(Answer(addRecord).leavesInput().complains("postmap: fatal: no\n").exits(1));
     const Outcome outcome = runDomainName({{std::string(2000000, 'a'), "192.0.2.1", ""}});
@@ -263,7 +263,7 @@ TEST_F(ToolFailureTest, ToolThatFailsWithoutReadingItsInputSpeaksForItself)
     EXPECT_EQ(outcome.leftProcesses, 0);
 }
 
-TEST_F(ToolFailureTest, ToolThatFailsWithoutReadingAShortRecordSpeaksForItself)
+TEST_F(ToolFailureTest, ToolThatFailsWithoutReadingAShortRecordIsReportedWithItsErrorOutput)
 {
     answer(Answer(addRecord).leavesInput().complains("postmap: fatal: no\n").exits(1));
     for (int run = 0; run < 20; ++run) {
@@ -289,7 +289,7 @@ TEST_F(ToolFailureTest, ToolThatFailsAfterReadingItsInputIsAConfigurationError)
     EXPECT_EQ(outcome.call(addRecord).input.size(), 1 + 300000 + 1 + 6 + 300000 + 13u);
 }
 
-// A failed tool leaves no lock behind and the next run starts afresh.
+// A failed tool leaves no lock, and the next run succeeds.
 TEST_F(ToolFailureTest, RunAfterAFailureSucceeds)
 {
     answer(Answer(addRecord).onRun(1).exits(1));

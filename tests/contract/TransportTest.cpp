@@ -228,7 +228,7 @@ TEST_F(TransportTest, TableIsEmptyAfterAnExplicitIpRun)
               (std::map<std::string, std::string>{}));
 }
 
-// A binding that cannot be made stops the run where it stands.
+// A binding that cannot be made stops the run at this point.
 
 TEST_F(TransportTest, EmptyDomainStopsTheRunAndKeepsWhatWasAdded)
 {

@@ -40,7 +40,7 @@ private:
 
 class Report {
 public:
-    /// For the whole of the points, or for one share of them: number `share`, counted from 1, of `shares`.
+    /// For all points, or for one share of them: number `share`, counted from 1, of `shares`.
     explicit Report(unsigned share = 1, unsigned shares = 1) : share_(share - 1), shares_(shares) {}
 
     /// Asked once for each point, in the same order in every share: whether this share is to strike it.
@@ -52,7 +52,7 @@ public:
     /// Counts something worth knowing in the row's last column.
     void count(const std::string& name, const std::string& what, unsigned number = 1);
 
-    /// A try whose fault found no occasion: the order of signals is chance.
+    /// A try in which the fault did not happen, because the order of signals is random.
     void missed(const std::string& name);
 
     /// Prints the table. Returns whether anything was tried, next to nothing missed, and everything survived.

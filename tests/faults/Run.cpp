@@ -301,7 +301,7 @@ void Runner::_runChild(int inputEnd)
     dup2(inputEnd, STDIN_FILENO);
     dup2(out_.fd(), STDOUT_FILENO);
     dup2(err_.fd(), STDERR_FILENO);
-    // Whoever started the test may have left it some.
+    // The process that started the test may have left it some.
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     fcntl(STDOUT_FILENO, F_SETFL, O_APPEND);
     fcntl(STDERR_FILENO, F_SETFL, O_APPEND);
@@ -338,7 +338,7 @@ void Runner::_onEntry(pid_t pid, Tracee& tracee, const __ptrace_syscall_info& in
     const unsigned long number = info.entry.nr;
     const CallName* const call = findCall(number);
     if (!tracee.started) {
-        // The first thing that main does; what comes before is the dynamic linker's and the libraries'.
+        // The first thing that main does; earlier calls are those of the dynamic linker and the libraries.
         tracee.started =
             number == SYS_fcntl && info.entry.args[0] == STDIN_FILENO && info.entry.args[1] == F_GETFD;
         if (!tracee.started)
@@ -466,7 +466,7 @@ Outcome Runner::run()
     int ends[2] = {-1, -1};
     if (!launch_.inputIsFile) {
         check(pipe2(ends, O_CLOEXEC), "pipe2");
-        // What does not fit into the pipe comes as a file.
+        // Input that does not fit into the pipe comes as a file.
         fcntl(ends[1], F_SETPIPE_SZ, 1 << 20);
         fcntl(ends[1], F_SETFL, O_NONBLOCK);
         if (write(ends[1], launch_.input.data(), launch_.input.size()) !=

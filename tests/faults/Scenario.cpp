@@ -52,7 +52,7 @@ std::vector<Scenario> successes()
     };
 }
 
-/// What the input, or the command line, brings about.
+/// Failures caused by the input or the command line.
 std::vector<Scenario> refusals()
 {
     return {
@@ -69,7 +69,7 @@ std::vector<Scenario> refusals()
     };
 }
 
-/// What the state of the machine brings about.
+/// Failures caused by the state of the machine.
 std::vector<Scenario> failures()
 {
     const std::vector<std::string> arguments = {"-t", "domain-name"};

@@ -35,8 +35,8 @@ int processOf(const support::Command& command);
 /// Whether a child runs the service script, which is launched in another way than the others.
 bool isScript(int process);
 
-/// Runs `threeDomains` in a fresh world with that fault. When the run does not come to the place, since the
-/// order of signals is chance, a few more are tried.
+/// Runs `threeDomains` in a fresh world with that fault. If the run does not reach the place, because the
+/// order of signals is random, it is tried a few more times.
 Outcome strike(const Event& place, Effect effect, int error = 0);
 
 /// The same with a run of the scenario.

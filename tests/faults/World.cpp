@@ -174,7 +174,7 @@ void setUpMachine(const std::string& toolPath)
         fs::copy_file(tool, keptTools + ("/" + fs::path(tool).filename().string()));
     restoreMachine();
     startQmgr();
-    // What a run leaves behind becomes a child of this process.
+    // Processes that a run leaves behind become children of this process.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
 }
 

@@ -67,7 +67,7 @@ Snapshot snapshot();
 /// That of a machine on which the request was carried out.
 Snapshot snapshotAfter(const Request& request, size_t emptyLines = 1);
 
-/// How many empty lines stand after the foreign services.
+/// How many empty lines follow the foreign services.
 size_t emptyLinesNow();
 
 /// Keeps the real tools, installs the stand-ins and starts a "qmgr" for the program to find. Throws outside
@@ -83,7 +83,7 @@ void resetWorld();
 /// The same, and the stand-ins in place.
 void restoreMachine();
 
-/// The tools that were run since, without what else is noted; and with it.
+/// The tools that were run since then: only the commands, and with everything else that is recorded.
 std::vector<std::string> toolCalls();
 std::vector<std::string> toolNotes();
 

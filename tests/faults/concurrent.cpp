@@ -28,7 +28,7 @@ Request requestOf(int program)
     return request;
 }
 
-/// What may stand in master.cf after the foreign services and empty lines: nothing, the services of before
+/// What master.cf may hold after the foreign services and empty lines: nothing, the services of before
 /// all runs, or the first ones of one request.
 std::set<std::string> possibleServices()
 {
@@ -60,7 +60,7 @@ void requireLeftByOne(Problems& problems)
     problems.require(found == 1, "the state that " + std::to_string(found) + " of the requests ask for");
 }
 
-/// Runs the program in a process of its own, which ends with 0 when all is well.
+/// Runs the program in a process of its own, which exits with 0 when all is well.
 pid_t startProgram(int program)
 {
     const pid_t pid = fork();

@@ -210,7 +210,7 @@ void lowLimit(Report& report)
         const std::string reason = strerror(EMFILE);
         problems.require(!outcome.hung && outcome.childrenLeft == 0, "the run hangs, or left children");
         if (outcome.status == 0) {
-            // Even the restart's failure would not be one of the run's.
+            // Even a failed restart would not make the run fail.
             problems.require(snapshot() == snapshotAfter(threeDomains), "not the requested state");
         } else {
             problems.require(!succeeded, "a lower limit was enough");
@@ -258,7 +258,7 @@ void manyDescriptors(Report& report)
         const Outcome outcome = runWith(threeDomains, [] { openMany(1000); });
         Problems problems;
         requireSuccess(problems, threeDomains, outcome);
-        // They are the caller's, and all that the pipeline's tools may inherit.
+        // They belong to the caller; the tools in pipelines may inherit these and no others.
         std::string inherited;
         for (int fd = STDERR_FILENO + 1; fd <= 1000; ++fd)
             inherited += std::to_string(fd) + "=/dev/null,";
@@ -296,7 +296,7 @@ void masks(Report& report)
         problems.require(outcome.status == 0,
                          "wait status " + std::to_string(outcome.status) + ", " + outcome.err);
         const Snapshot found = snapshot();
-        // The other files are the tools', who have the mask, too.
+        // The other files are made by the tools, which inherit the mask.
         problems.requireEqual(masterCfPath, snapshotAfter(threeDomains).at(masterCfPath),
                               found.at(masterCfPath));
         problems.requireEqual(databasePath, threeDomains.records(), readFile(databasePath));

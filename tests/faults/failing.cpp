@@ -99,7 +99,7 @@ Expected expectOpen(const Event& place, int error, const char* reason)
 
 Expected expectWrite(const Event& place, const char* reason)
 {
-    // That is how the signal handler wakes the loop, which finds out without it, too.
+    // With this call the signal handler wakes the loop, which would find out without it as well.
     if (place.detail == "pipe, one byte")
         return tolerated();
     return place.detail == "pipe" ? systemError("write", reason) : fatal(streamFailure);
@@ -135,8 +135,8 @@ Expected expectOfProgram(const Event& place, int error)
 Expected expectOfChild(const Event& place, int error)
 {
     const std::string reason = strerror(error);
-    // The signals' state is a courtesy; the script's failure is its result, which does not decide about the
-    // run. Until its standard error is the pipe, what its child says is seen.
+    // The service script may start without its signals restored, and its failure does not make the run fail.
+    // What its child writes before standard error is the pipe is seen.
     const bool seen = place.call == "dup2" || (place.call == "close" && place.occurrence == 1);
     if (isScript(place.process) && seen)
         return {"fork_execv: dup() failed: " + reason + '\n', true, false, true};

@@ -44,8 +44,8 @@ Request manyDomains(size_t number)
     return request;
 }
 
-/// What a run on a full disk may say: the stream's failure, the failure to make a file, or a tool's own
-/// words.
+/// What a run on a full disk may report: a failure of the stream, a file that cannot be made, or the error
+/// output of a tool.
 bool isClearError(const std::string& text)
 {
     const std::string fatal = "Fatal error: ";
@@ -98,7 +98,7 @@ bool runOn(Report& report, const std::string& name, const char* directory, const
     return succeeded;
 }
 
-/// Doubles as the proof that the disk did fill: small ones must not be enough, and large ones must.
+/// Also proves that the disk did fill: small ones must not be enough, and large ones must.
 void fill(Report& report, const std::string& name, const char* directory, const Request& request, int first,
           int last, int step, const std::string& unit)
 {

@@ -163,7 +163,7 @@ void requireEither(Problems& problems, const Outcome& outcome, const Snapshot& b
     } else if (outcome.err.compare(0, parse.size(), parse) == 0) {
         requireNothingChanged(problems, outcome, before);
     } else {
-        // An empty domain or no address at all is found when the domain's turn comes.
+        // An empty domain, or no address at all, is found only when that domain is bound.
         problems.require(outcome.status == W_EXITCODE(1, 0) &&
                              outcome.err.find("Fatal error: zorvo::SystemError(") == 0,
                          "wait status " + std::to_string(outcome.status) + ", " + outcome.err);

@@ -1,4 +1,4 @@
-// Every system call that a signal may interrupt is interrupted, at every place where it stands in a run.
+// Every system call that a signal may interrupt is interrupted, each time that a run makes it.
 #include "Sweep.h"
 
 #include <cerrno>
@@ -41,8 +41,8 @@ void interrupt(Report& report, const Event& place, Effect effect)
     report.add(name, describe(outcome.target), problems);
 }
 
-/// The run ends as it does undisturbed: the report is whole on both streams, the same tools ran, the same is
-/// left.
+/// The run ends as an undisturbed one does: with the whole report on both streams, the same tool runs and the
+/// same files.
 void interruptReporting(Report& report, const Scenario& scenario, const Event& place, Effect effect,
                         const std::vector<std::string>& calls, const Snapshot& left)
 {

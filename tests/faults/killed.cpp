@@ -58,7 +58,7 @@ void killProgram(Report& report, const Event& place, Effect effect)
     problems.requireEqual("locks held", std::vector<std::string>(), heldLocks());
     std::vector<std::string> leftovers = strayFiles();
     countLeftovers(report, name, problems, leftovers);
-    // The table's source file is the next run's own, and goes away with it.
+    // The next run replaces the table's source file and removes it.
     requireNextRun(problems, leftovers);
     for (const std::string& path : strayFiles())
         problems.require(path != tableSourcePath, "the table's source file outlived the next run");

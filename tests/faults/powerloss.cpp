@@ -1,5 +1,5 @@
-// What stands on the disk after a power cut follows from the order of the calls: a file's bytes and mode are
-// made durable before the name that stands for the old file is given to it.
+// What is on the disk after a power cut follows from the order of the calls: a file's bytes and mode are made
+// durable before it is given the name of the old file.
 #include "Sweep.h"
 
 #include <algorithm>

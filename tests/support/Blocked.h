@@ -1,4 +1,4 @@
-// Blocked: seeing, without a clock, that another process waits for a lock.
+// Blocked: finds out, without a clock, that another process waits for a lock.
 #pragma once
 
 #include <poll.h>

@@ -1,4 +1,4 @@
-// Child: running test code in a process of its own, for what changes or ends a process.
+// Child: runs test code in a process of its own, for tests that change or end a process.
 #pragma once
 
 #include "support/Capture.h"

@@ -1,5 +1,5 @@
-// FixedPaths: what the program finds at fixed places of the system. scripts/sandbox has to make these places
-// private before a test changes them.
+// FixedPaths: the paths at which the program finds things. scripts/sandbox has to make them private before a
+// test changes them.
 #pragma once
 
 #include <string>

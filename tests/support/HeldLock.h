@@ -1,4 +1,4 @@
-// HeldLock: a flock(2) held by a test, and seeing from outside who holds or waits for one.
+// HeldLock: a flock(2) held by a test, and functions that tell who holds or waits for one.
 #pragma once
 
 #include "support/Blocked.h"

@@ -1,4 +1,4 @@
-// LibcFaults: making a call of the C library fail on purpose while a scope lasts.
+// LibcFaults: makes a call of the C library fail on purpose for a scope.
 //
 // The test program defines the functions below itself and passes them on (unit/common/LibcFaults.cpp), so the
 // code under test runs unchanged. Calls from inside libc are not affected, except for memory.

@@ -1,5 +1,5 @@
-// openFds: the open descriptors of this process, to prove that an owner leaves none behind; readAll: what
-// comes from one.
+// openFds: the open descriptors of this process, to prove that an owner leaves none behind; readAll: reads
+// one to its end.
 #pragma once
 
 #include <dirent.h>

@@ -1,4 +1,4 @@
-// RealPostfix: running Postfix's own tools, and other commands, to judge what the program made.
+// RealPostfix: runs Postfix's own tools, and other commands, to verify what the program made.
 #pragma once
 
 #include "support/FixedPaths.h"

@@ -13,7 +13,7 @@ struct Binding {
     std::string ip6;
 };
 
-/// The document for these domains; the strings stand in it as they are.
+/// The document for these domains; the strings are put in unchanged.
 inline std::string request(const std::vector<Binding>& bindings)
 {
     std::string text = "{\"domains\": [";

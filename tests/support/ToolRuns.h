@@ -40,7 +40,7 @@ inline bool readsInput(const Command& command)
                        [](const std::string& word) { return word == "-i" || word == "-"; });
 }
 
-/// What every run does first: it takes back what earlier runs set up.
+/// What every run does first: it removes what earlier runs set up.
 inline std::vector<Command> wipe()
 {
     std::vector<Command> runs = {askDirectory};

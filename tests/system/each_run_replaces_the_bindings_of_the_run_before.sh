@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Nothing of an earlier request survives a later one, of either kind.
+# Nothing of an earlier request remains after a later one, of either type.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

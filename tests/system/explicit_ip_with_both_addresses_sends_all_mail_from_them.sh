@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# The two addresses of an explicit-ip request are the source of everybody's mail.
+# All mail leaves from the two addresses of an explicit-ip request.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

@@ -2,7 +2,7 @@
 # Sourced by every system test: a real Postfix in the sandbox, the programs, and what a test asserts of them.
 #
 # A test is a bash script run as scripts/sandbox bash TEST.sh PROGRAM CHECK_PROGRAM. It ends with 0 (passed), 1 (failed:
-# the first assertion that does not hold ends it, and says everything that is known) or 77 (skipped, with the reason).
+# the first assertion that does not hold ends it and prints everything that is known) or 77 (skipped, with the reason).
 #
 # After every run of the program the framework itself asserts what always holds: no file is left beside those that the
 # program maintains, master.cf is one that Postfix can read, with its owner and mode.
@@ -30,6 +30,7 @@ umask 022
     main_cf=/etc/postfix/main.cf
     paths=${BASH_SOURCE[0]%/*}/../support/FixedPaths.h
     table=$(sed -n 's/.* tableType = "\(.*\)";/\1/p' "$paths")$(sed -n 's/.* tableSourcePath\[\] = "\(.*\)";/\1/p' "$paths")
+    database=${table#*:}.db # the file that postmap(1) makes of a "hash:" table
     zorvorc=/usr/local/maru/admin/sbin/zorvorc
     default_helo=sandbox.example
 }
@@ -113,7 +114,7 @@ run_program() {
     assert_standing_invariants
 }
 
-# bind ARGUMENT...: as run_program, but the program must succeed without a word.
+# bind ARGUMENT...: as run_program, but the program must succeed without output.
 bind() {
     run_program "$@"
     assert_equal "status of a run that should succeed" 0 "$status"
@@ -131,7 +132,7 @@ check() {
     assert_equal "files, locks and queue manager after a check" "$before" "$(state)"
 }
 
-# assert_checked STATUS REPORT ARGUMENT...: runs a check and asserts the whole of what it says.
+# assert_checked STATUS REPORT ARGUMENT...: runs a check and asserts its whole output.
 assert_checked() {
     local expected_status=$1 report=$2
     shift 2
@@ -141,7 +142,7 @@ assert_checked() {
     assert_equal "status of the check" "$expected_status" "$status"
 }
 
-# shellcheck disable=SC2034 # the end of a report that has nothing else to say of Postfix's default
+# shellcheck disable=SC2034 # the end of each report, because of Postfix's default
 enforce_off='warning: enforce-off
   If an address is taken off the host, Postfix logs a warning and sends from the default one.
   Set "smtp_bind_address_enforce = yes" in main.cf if such mail should wait in the queue instead.'
@@ -179,8 +180,8 @@ files_at_start=$(configuration_files)
 assert_standing_invariants() {
     local expected
     assert_equal "owner and mode of master.cf" "root:root 644" "$(stat -c '%U:%G %a' "$master_cf")"
-    expected=$(printf '%s\n' "$files_at_start" /var/spool/postfix/zorvo/sdd_transport_maps.db | sort -u)
-    if [[ ! -e /var/spool/postfix/zorvo/sdd_transport_maps.db ]]; then
+    expected=$(printf '%s\n' "$files_at_start" "$database" | sort -u)
+    if [[ ! -e $database ]]; then
         expected=$files_at_start # a run that was refused before anything was changed
     fi
     assert_equal "files" "$expected" "$(configuration_files)"

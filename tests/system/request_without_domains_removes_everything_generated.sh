@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# An empty list is a request like any other: no domain is bound afterwards.
+# An empty list is a valid request: no domain is bound afterwards.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# The restart is a real one: another master process runs afterwards.
+# Postfix is really restarted: another master process runs afterwards.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 

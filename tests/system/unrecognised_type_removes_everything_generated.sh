@@ -1,12 +1,12 @@
 # shellcheck shell=bash
-# A type that is none of the three removes all bindings; mail leaves as if there had never been one.
+# Any type but the three removes all bindings; mail leaves as if there had never been one.
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 
 start_receivers
 bind -t domain-ip < <(request one.example 127.0.0.2 "")
 assert_mail user@one.example 4 zorvo-127.0.0.2- 127.0.0.2 "$default_helo"
-# A word of the wrong case is no recognised type either.
+# A type in the wrong case is not recognised either.
 bind -t Domain-IP < <(request one.example 127.0.0.2 "")
 assert_equal "what binds" "" "$(bound)"
 assert_same_file "master.cf is the stock one again" "$stock" "$master_cf"

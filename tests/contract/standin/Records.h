@@ -1,7 +1,7 @@
 // Records: what passes between the tests and the stand-ins of Postfix's tools, as files.
 //
 // A test leaves answers in answerDirectory; every run of a stand-in leaves one call in callDirectory. A
-// record is a sequence of fields, each "LENGTH:" and as many bytes, so any byte can stand in a field.
+// record is a sequence of fields, each "LENGTH:" and as many bytes, so a field can hold any byte.
 #pragma once
 
 #include "support/HeldLock.h"

@@ -1,4 +1,4 @@
-// Stand-in of postconf, postmap and the service script: records how it was run and answers as a test wrote.
+// Stand-in for postconf, postmap and the service script: records how it was run and answers as a test wrote.
 //
 // Installed by the test under the very paths of these programs. Exits with status 99 and a message when it
 // cannot do its work, so that the run under test fails visibly.

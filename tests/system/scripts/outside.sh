@@ -18,7 +18,7 @@ sandbox=$project/scripts/sandbox
     exit 1
 }
 
-# A folder of the test's own, which goes with it.
+# A folder of the test's own, removed at its end.
 own=$(mktemp -d /tmp/zorvo-test.XXXXXX)
 trap 'rm -rf "$own"' EXIT
 
@@ -59,7 +59,7 @@ poll() {
     done
 }
 
-# machine_state: prints all of this machine that the sandbox must leave alone, processes apart.
+# machine_state: prints everything on this machine that the sandbox must leave alone, except processes.
 machine_state() {
     echo "mounts"
     cut -d ' ' -f 4- /proc/self/mountinfo

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# However the script is ended, nothing that ran in it goes on.
+# However the sandbox is killed, no process in it survives.
 # shellcheck source=outside.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/outside.sh"
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Every shell script of the project is clean.
+# No shell script has a finding of shellcheck.
 # shellcheck source=outside.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/outside.sh"
 

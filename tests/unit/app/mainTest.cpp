@@ -1,4 +1,4 @@
-// main: what each way to end do_main comes to, on both streams and as exit status.
+// main: the output on both streams and the exit status for each way in which do_main can end.
 #include "support/Child.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,4 @@
-// The request as bindings: what standard input gives is what the caller gets, or a report of the place of the
-// flaw.
+// readRequest: the bindings on standard input, or an error that names the place of the flaw.
 #include "app/request.h"
 
 #include "common/SystemError.h"
@@ -58,7 +57,7 @@ std::vector<std::string> read(const std::string& bytes)
     return lines;
 }
 
-/// What the std::runtime_error of a refusal says; SystemError is one, too, and counts as something else.
+/// The text of the std::runtime_error of a refusal. A SystemError, although derived from it, does not count.
 std::string refusalOf(const std::string& bytes)
 {
     try {
@@ -108,7 +107,7 @@ TEST(RequestTest, FlawIsReportedWithItsPlace)
                                                 "Error occured at offset 13, character '}'. ");
 }
 
-TEST(RequestTest, NothingAtAllIsRefused)
+TEST(RequestTest, EmptyInputIsRefused)
 {
     EXPECT_EQ(refusalOf(""), "can not parse data from stdin : JSON object is expected. "
                              "Error occured at offset 0, character '\\x00'. ");

@@ -286,7 +286,7 @@ TEST(ParseTransportInfoTest, StringsPointIntoTheText)
     EXPECT_TRUE(document.inText(document.info().entries[0].ip6_addr));
 }
 
-TEST(ParseTransportInfoTest, ValuesAreNotLookedAt)
+TEST(ParseTransportInfoTest, AnyStringIsTakenAsAValue)
 {
     EXPECT_THAT(entriesOf(domains({element("Example.COM ", "not an address", "::::")})),
                 ElementsAre(Entry("Example.COM ", "not an address", "::::")));
@@ -479,7 +479,7 @@ TEST(ParseTransportInfoErrorTest, OnlyUnknownMembersAreError14AtTheEnd)
     EXPECT_EQ((Rejection{14, 19}), rejectionOf("{\"x\":1,\"y\":{\"z\":2}}"));
 }
 
-TEST(ParseTransportInfoErrorTest, DomainsThatAreNoArrayAreError15)
+TEST(ParseTransportInfoErrorTest, DomainsThatAreNotAnArrayAreError15)
 {
     for (const char* const value : {"{}", "null", "\"[]\"", "5", "", "}"}) {
         SCOPED_TRACE(value);
@@ -542,7 +542,7 @@ TEST(ParseTransportInfoErrorTest, NullIsNotAString)
               rejectionOf("{\"domains\":[{\"domain\":\"\",\"ip4_addr\":\"\",\"ip6_addr\": null}]}"));
 }
 
-TEST(ParseTransportInfoErrorTest, OtherKindsAreNoStrings)
+TEST(ParseTransportInfoErrorTest, ValueThatIsNotAStringIsError7)
 {
     for (const char* const value : {"5", "true", "[]", "{}"}) {
         SCOPED_TRACE(value);

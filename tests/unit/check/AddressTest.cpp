@@ -1,4 +1,4 @@
-// What Postfix makes of a text that stands for an address, and how the text is spelled.
+// How Postfix reads the text of an address, and how the text is spelled.
 #include "check/Address.h"
 
 #include <gtest/gtest.h>
@@ -67,7 +67,7 @@ TEST(ReadAddressTest, Ip4IsReadAsInetAtonDoes)
     expectAddress(Family::Ip4, "192.0.2.08", Spelling::NotAnAddress, Scope::Host, "");
 }
 
-TEST(ReadAddressTest, AddressOfTheOtherFamilyIsKnown)
+TEST(ReadAddressTest, AddressOfTheOtherFamilyIsRecognised)
 {
     expectAddress(Family::Ip4, "2001:db8::1", Spelling::OtherFamily, Scope::Host, "");
     expectAddress(Family::Ip6, "192.0.2.1", Spelling::OtherFamily, Scope::Host, "");
@@ -81,7 +81,7 @@ TEST(ReadAddressTest, AnythingElseIsNotAnAddress)
     expectAddress(Family::Ip6, "IPv6:2001:db8::1", Spelling::NotAnAddress, Scope::Host, "");
 }
 
-TEST(ReadAddressTest, AddressesThatNoHostSendsFromAreKnown)
+TEST(ReadAddressTest, AddressesThatNoHostSendsFromAreRecognised)
 {
     expectAddress(Family::Ip4, "0.0.0.0", Spelling::Canonical, Scope::Unspecified, "0.0.0.0");
     expectAddress(Family::Ip6, "::", Spelling::Canonical, Scope::Unspecified, "::");

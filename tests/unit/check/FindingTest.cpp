@@ -45,7 +45,7 @@ TEST(FindingKindsTest, InfoIsThatOfTheKind)
     EXPECT_EQ(infoOf(Kind::AddressNotOnHost).gravity, Gravity::Problem);
 }
 
-TEST(GravityNameTest, EachHasItsWord)
+TEST(GravityNameTest, EachGravityHasItsName)
 {
     EXPECT_STREQ(gravityName(Gravity::Severe), "severe");
     EXPECT_STREQ(gravityName(Gravity::Problem), "problem");

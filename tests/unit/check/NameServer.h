@@ -1,5 +1,5 @@
-// NameServer: a real DNS server on a loopback address, for one test; one that never says a word; and which of
-// them this process asks.
+// NameServer: a real DNS server on a loopback address, for one test; a server that never answers; and the
+// choice of the server that this process asks.
 #pragma once
 
 #include "support/Child.h"
@@ -74,7 +74,7 @@ public:
 private:
     std::string log() const { return scratch_.file("log"); }
 
-    /// It says so after it has its sockets.
+    /// It reports this once it has its sockets.
     bool _started() const
     {
         int status = 0;

@@ -1,4 +1,4 @@
-// The progress line: when it is shown and how it goes.
+// The progress line: when it is shown and how it disappears.
 #include "check/ProgressLine.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@ namespace zorvo::check {
 
 using std::chrono::milliseconds;
 
-TEST(ProgressLineTest, FirstSecondIsSilent)
+TEST(ProgressLineTest, NothingIsShownInTheFirstSecond)
 {
     std::ostringstream terminal;
     {

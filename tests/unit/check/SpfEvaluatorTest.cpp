@@ -1,4 +1,4 @@
-// SPF records applied to an address, from made answers.
+// SPF records applied to an address, with made-up answers of the DNS.
 #include "check/SpfEvaluator.h"
 
 #include "check/hostsFile.h"
@@ -13,7 +13,8 @@ namespace zorvo::check {
 
 namespace {
 
-/// A DNS of what is put into it; everything else is not there, but for names that are missing.
+/// A DNS with the records that are put into it. Everything else does not exist, except that names in
+/// `missing` have no answer yet.
 class SpfEvaluatorTest : public ::testing::Test {
 protected:
     SpfEvaluatorTest()
@@ -49,7 +50,7 @@ protected:
 
 } // namespace
 
-TEST_F(SpfEvaluatorTest, EachResultIsTold)
+TEST_F(SpfEvaluatorTest, EachResultIsReported)
 {
     EXPECT_EQ(SpfResult::Pass, ofRecord("v=spf1 ip4:192.0.2.0/24 -all").result);
     EXPECT_EQ(SpfResult::Fail, ofRecord("v=spf1 -all").result);

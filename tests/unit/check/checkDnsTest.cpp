@@ -1,4 +1,4 @@
-// What receivers make of the DNS, from made facts.
+// What receivers conclude from the DNS, with made-up facts.
 #include "check/checkDns.h"
 
 #include "unit/check/CheckTestTools.h"
@@ -68,13 +68,13 @@ TEST_F(CheckDnsTest, RightRecordsHaveNoFindings)
     EXPECT_THAT(findings(), IsEmpty());
 }
 
-TEST_F(CheckDnsTest, NothingIsSaidAboutWhatWasNotAsked)
+TEST_F(CheckDnsTest, QuestionsThatWereNotAskedHaveNoFindings)
 {
     EXPECT_THAT(checkDns({{"one.example", "s", "192.0.2.1", "not one", "helo.example"}}, DnsFacts()),
                 IsEmpty());
 }
 
-TEST_F(CheckDnsTest, AddressWithoutPtr)
+TEST_F(CheckDnsTest, AddressWithoutPtrIsReported)
 {
     dns.names["192.0.2.1"] = notThere();
     EXPECT_THAT(findings(), ElementsAre(about(Kind::PtrMissing, {})));
@@ -88,7 +88,7 @@ TEST_F(CheckDnsTest, AddressesOfBothFamiliesAreCheckedEach)
                                         Finding{Kind::PtrMissing, "one.example", {{"IPv6", "2001:db8::1"}}}));
 }
 
-TEST_F(CheckDnsTest, PtrThatDoesNotLeadBack)
+TEST_F(CheckDnsTest, PtrThatDoesNotLeadBackIsReported)
 {
     dns.names["192.0.2.1"] = found({"a.example", "b.example"});
     dns.addresses[{Family::Ip4, "a.example"}] = found({"192.0.2.8"});
@@ -103,7 +103,7 @@ TEST_F(CheckDnsTest, OneNameThatLeadsBackIsEnough)
     EXPECT_THAT(findings(), IsEmpty());
 }
 
-TEST_F(CheckDnsTest, PtrThatIsNotKnown)
+TEST_F(CheckDnsTest, UnknownPtrIsReported)
 {
     dns.names["192.0.2.1"] = DnsAnswer();
     EXPECT_THAT(findings(), ElementsAre(about(Kind::PtrNotKnown, {})));
@@ -113,7 +113,7 @@ TEST_F(CheckDnsTest, PtrThatIsNotKnown)
     EXPECT_THAT(findings(), ElementsAre(about(Kind::PtrNotKnown, {{"names", "a.example, b.example"}})));
 }
 
-TEST_F(CheckDnsTest, HeloWithoutAddress)
+TEST_F(CheckDnsTest, HeloWithoutAddressIsReported)
 {
     dns.names["192.0.2.1"] = foundInHostsFile({"b.example"});
     dns.addresses[{Family::Ip4, "b.example"}] = found({"192.0.2.1"});
@@ -121,7 +121,7 @@ TEST_F(CheckDnsTest, HeloWithoutAddress)
     EXPECT_THAT(findings(), ElementsAre(about(Kind::HeloWithoutAddress, {{"HELO name", "mx.example"}})));
 }
 
-TEST_F(CheckDnsTest, HeloOfTheServiceThatLeadsElsewhere)
+TEST_F(CheckDnsTest, HeloThatLeadsElsewhereIsReported)
 {
     dns.addresses[{Family::Ip4, "one.example"}] = found({"192.0.2.7", "192.0.2.8"});
     EXPECT_THAT(checkDns({{"one.example", "s", "192.0.2.1", "", "One.Example"}}, dns),
@@ -138,14 +138,14 @@ TEST_F(CheckDnsTest, HostsFileIsNamedWhereItLeadsElsewhere)
                                                              {"according to", "/etc/hosts"}})));
 }
 
-TEST_F(CheckDnsTest, HeloThatIsNotKnown)
+TEST_F(CheckDnsTest, UnknownHeloIsReported)
 {
     dns.names.clear();
     dns.addresses[{Family::Ip4, "mx.example"}] = DnsAnswer();
     EXPECT_THAT(findings(), ElementsAre(about(Kind::HeloNotKnown, {{"HELO name", "mx.example"}})));
 }
 
-TEST_F(CheckDnsTest, SpfThatDoesNotPass)
+TEST_F(CheckDnsTest, SpfThatDoesNotPassIsReported)
 {
     setSpf(SpfResult::Fail);
     EXPECT_THAT(findings(), ElementsAre(about(Kind::SpfFail, {})));
@@ -157,7 +157,7 @@ TEST_F(CheckDnsTest, SpfThatDoesNotPass)
     EXPECT_THAT(findings(), ElementsAre(about(Kind::SpfUnusable, {{"because of", "Syntax error"}})));
 }
 
-TEST_F(CheckDnsTest, SpfThatIsNotThereOrNotKnown)
+TEST_F(CheckDnsTest, MissingOrUnknownSpfIsReported)
 {
     setSpf(SpfResult::None);
     EXPECT_THAT(findings(), ElementsAre(about(Kind::SpfMissing, {})));
@@ -172,7 +172,7 @@ TEST_F(CheckDnsTest, WholeServerHasNoDomainToAskFor)
                 ElementsAre(Finding{Kind::PtrMissing, "", {{"IPv4", "192.0.2.1"}}}));
 }
 
-TEST(CheckDnsGravityTest, WhatIsNotKnownIsOnlyAWarning)
+TEST(CheckDnsGravityTest, UnknownAnswersAreOnlyWarnings)
 {
     for (const Kind kind :
          {Kind::PtrNotKnown, Kind::HeloNotKnown, Kind::SpfNotKnown, Kind::SpfMissing, Kind::SpfNeutral})

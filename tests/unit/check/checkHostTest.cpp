@@ -1,4 +1,4 @@
-// What the host and inet_interfaces do to addresses that are bound, from made facts.
+// What the host and inet_interfaces do to bound addresses, with made-up facts.
 #include "check/checkHost.h"
 
 #include "unit/check/CheckTestTools.h"
@@ -15,7 +15,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-/// A host with 192.0.2.1/24 and 2001:db8::1, where nothing else can be bound, and a Postfix as it comes.
+/// A host with 192.0.2.1/24 and 2001:db8::1, where nothing else can be bound, and a Postfix with its
+/// defaults.
 class CheckHostTest : public ::testing::Test {
 protected:
     CheckHostTest()

@@ -1,4 +1,4 @@
-// Postfix held against a request, and its files against each other, from made facts.
+// Postfix compared with a request, and its files with each other, with made-up facts.
 #include "check/checkPostfix.h"
 
 #include "check/routes.h"
@@ -91,7 +91,7 @@ TEST_F(CheckPostfixTest, PostfixThatDoesNotRunIsNamed)
     EXPECT_THAT(heldAgainstItself(), ElementsAre(about(Kind::PostfixNotRunning, "", {})));
 }
 
-TEST_F(CheckPostfixTest, PostfixOfWhichNothingIsKnownIsNotBlamed)
+TEST_F(CheckPostfixTest, PostfixInAnUnknownStateHasNoFindings)
 {
     postfix.running.reset();
     postfix.started.reset();

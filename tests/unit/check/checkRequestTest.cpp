@@ -1,4 +1,4 @@
-// Each flaw that a request can have by itself, and what is not one.
+// Every flaw that a request can have, and what is not a flaw.
 #include "check/checkRequest.h"
 
 #include "unit/check/CheckTestTools.h"
@@ -52,7 +52,7 @@ Finding aboutIp6(Kind kind, const std::string& text)
     return {kind, "one.example", {{"IPv6", text}}};
 }
 
-/// The same of a text that stands for another address than it spells.
+/// The same finding, with the address as which Postfix reads the text.
 Finding readAs(Finding finding, const std::string& canonical)
 {
     finding.values.emplace_back("read as", canonical);
@@ -100,7 +100,7 @@ TEST(CheckRequestTest, DomainGivenTwiceWithOtherAddressesIsNamedWithTheLast)
                     Kind::DomainGivenTwice, "one.example", {{"last IPv4", "192.0.2.3"}, {"last IPv6", ""}}}));
 }
 
-TEST(CheckRequestTest, DomainBeyondAsciiIsToBeWrittenInItsAsciiForm)
+TEST(CheckRequestTest, NonAsciiDomainIsReported)
 {
     EXPECT_THAT(ofDomainIp({{"b\xc3\xbc"
                              "cher.example",
@@ -133,7 +133,7 @@ TEST(CheckRequestTest, LineFeedInDomainIsNamedOnce)
                 ElementsAre(Finding{Kind::DomainWithLineFeed, domain, {}}));
 }
 
-TEST(CheckRequestTest, DomainIsAHostNameByItsLettersAndLengths)
+TEST(CheckRequestTest, DomainThatIsNotAHostNameIsReported)
 {
     const std::string label(63, 'a');
     const std::string longest = label + "." + label + "." + label + "." + std::string(61, 'a');
@@ -178,7 +178,7 @@ TEST(CheckRequestTest, ServiceNameOfMoreThan99BytesStopsPostfix)
     EXPECT_THAT(ofDomainIp({{domain + "c", "192.0.2.1", ""}}), IsEmpty());
 }
 
-TEST(CheckRequestTest, SpellingsOfAddressesAreNamedForWhatTheyDo)
+TEST(CheckRequestTest, EachUnusualSpellingOfAnAddressHasItsFinding)
 {
     EXPECT_THAT(ofIp4("192.0.2.1\n"), ElementsAre(aboutIp4(Kind::AddressWithLineFeed, "192.0.2.1\n")));
     EXPECT_THAT(ofIp4("192.0.2.1 "), ElementsAre(aboutIp4(Kind::AddressWithBlank, "192.0.2.1 ")));
@@ -199,7 +199,7 @@ TEST(CheckRequestTest, SpellingsOfAddressesAreNamedForWhatTheyDo)
     EXPECT_THAT(ofIp4("one.example"), ElementsAre(aboutIp4(Kind::AddressNotAnAddress, "one.example")));
 }
 
-TEST(CheckRequestTest, AddressesThatNoMailCanLeaveFromAreNamed)
+TEST(CheckRequestTest, AddressesThatNoMailCanLeaveFromAreReported)
 {
     EXPECT_THAT(ofIp4("0.0.0.0"), ElementsAre(aboutIp4(Kind::AddressUnspecified, "0.0.0.0")));
     EXPECT_THAT(ofIp6("::"), ElementsAre(aboutIp6(Kind::AddressUnspecified, "::")));
@@ -209,14 +209,14 @@ TEST(CheckRequestTest, AddressesThatNoMailCanLeaveFromAreNamed)
     EXPECT_THAT(ofIp6("::ffff:192.0.2.1"), ElementsAre(aboutIp6(Kind::AddressIp4Mapped, "::ffff:192.0.2.1")));
 }
 
-TEST(CheckRequestTest, BothAddressesOfADomainAreLookedAt)
+TEST(CheckRequestTest, BothAddressesOfADomainAreChecked)
 {
     EXPECT_THAT(
         ofDomainIp({{"one.example", "0.0.0.0", "::"}}),
         ElementsAre(aboutIp4(Kind::AddressUnspecified, "0.0.0.0"), aboutIp6(Kind::AddressUnspecified, "::")));
 }
 
-TEST(CheckRequestTest, ExplicitAddressIsJudgedByPostfixAlone)
+TEST(CheckRequestTest, ExplicitAddressIsReportedAsPostfixReadsItInMainCf)
 {
     const auto about = [](Kind kind, const std::string& family, const std::string& text) {
         return Finding{kind, "", {{family, text}}};

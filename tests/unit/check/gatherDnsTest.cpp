@@ -151,7 +151,7 @@ TEST_F(GatherDnsTest, UnansweredQuestionsAreNotKnownWhileOthersAreFound)
     EXPECT_EQ(SpfResult::Pass, spfOf(facts, "two.example", "192.0.2.3"));
 }
 
-// dnsmasq refuses what it has neither records nor another server for.
+// dnsmasq refuses questions for which it has neither records nor another server.
 TEST_F(GatherDnsTest, RefusedQuestionsAndAbsentServersAreNotKnown)
 {
     const std::vector<Route> routes = {{"one.test", "s", "198.51.100.1", "", "helo.test"}};

@@ -1,4 +1,4 @@
-// What is gathered of a real host.
+// What is gathered from a real host.
 #include "check/gather.h"
 
 #include <gmock/gmock.h>
@@ -44,7 +44,7 @@ TEST(GatherHostTest, ZoneThatTheHostDoesNotHaveCannotBeBound)
                 UnorderedElementsAre(Pair("fe80::1%nosuch", EADDRNOTAVAIL)));
 }
 
-TEST(GatherHostTest, WhatCannotBeAHostsAddressIsNotTried)
+TEST(GatherHostTest, AddressThatNoHostCanHaveIsNotTried)
 {
     EXPECT_THAT(gatherHost({{"one.example", "", "0.0.0.0", "ff02::1", ""},
                             {"two.example", "", "nonsense", "192.0.2.1", ""}})

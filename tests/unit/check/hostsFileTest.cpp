@@ -1,4 +1,4 @@
-// /etc/hosts as answers.
+// The answers that /etc/hosts gives.
 #include "check/hostsFile.h"
 
 #include <gmock/gmock.h>

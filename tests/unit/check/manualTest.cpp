@@ -1,4 +1,4 @@
-// The manual page tells the same of each finding as the program, in the same order.
+// The manual page says the same about each finding as the program, in the same order.
 #include "check/Finding.h"
 
 #include "support/ScratchDir.h"

@@ -67,7 +67,7 @@ TEST(GiveUpPrivilegesTest, RootThatIsOnlySavedIsGivenUpAsWell)
     EXPECT_EQ("escaped: cannot give up privileges: setgroups: Operation not permitted\n", child.err);
 }
 
-TEST(GiveUpPrivilegesTest, AnotherUserOnlyLosesTheMeansToGainRights)
+TEST(GiveUpPrivilegesTest, OtherUserCanNoLongerGainPrivileges)
 {
     const support::ChildResult child = support::runInChild([] {
         if (::setgroups(0, nullptr) != 0 || ::setresgid(1, 1, 1) != 0 || ::setresuid(1, 1, 1) != 0)
@@ -82,7 +82,7 @@ TEST(GiveUpPrivilegesTest, AnotherUserOnlyLosesTheMeansToGainRights)
     EXPECT_TRUE(child.exitedWith(0));
 }
 
-// As a service manager may start it, a process keeps its capabilities when its user ids change.
+// A service manager may start a process so that it keeps its capabilities when its user ids change.
 TEST(GiveUpPrivilegesTest, ProcessThatCouldBecomeRootAgainIsRefused)
 {
     const support::ChildResult child = support::runInChild([] {

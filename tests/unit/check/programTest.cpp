@@ -53,7 +53,7 @@ void expectRefused(const support::ChildResult& result, const std::string& messag
 
 } // namespace
 
-TEST(CheckProgramTest, SoundRequestByItselfIsNothingWrong)
+TEST(CheckProgramTest, SoundRequestAloneHasNoFindings)
 {
     const auto result = check({"-t", "domain-name", "--request-only"}, oneDomain);
     EXPECT_TRUE(result.exitedWith(0));
@@ -82,7 +82,7 @@ TEST(CheckProgramTest, FaultyRequestIsOneProblem)
               "1 problem\n");
 }
 
-TEST(CheckProgramTest, WhatTheDnsLacksIsToldWithDns)
+TEST(CheckProgramTest, MissingDnsRecordsAreReportedWithDns)
 {
     if (!support::canMount())
         GTEST_SKIP() << "no mounts here";
@@ -123,7 +123,7 @@ TEST(CheckProgramTest, WhatTheDnsLacksIsToldWithDns)
         "3 problems\n");
 }
 
-// With no other user to become, it must not get as far as the first question.
+// Without a user to change to, the first question must not be asked.
 TEST(CheckProgramTest, RootIsGivenUpBeforeTheDnsIsAsked)
 {
     if (!support::canMount())
@@ -142,7 +142,7 @@ TEST(CheckProgramTest, RootIsGivenUpBeforeTheDnsIsAsked)
     EXPECT_TRUE(server.queries().empty());
 }
 
-TEST(CheckProgramTest, JsonIsADocument)
+TEST(CheckProgramTest, JsonOptionPrintsADocument)
 {
     const auto result = check({"-t", "domain-ip", "--request-only", "--json"}, R"({"domains": []})");
     EXPECT_TRUE(result.exitedWith(0));
@@ -150,7 +150,7 @@ TEST(CheckProgramTest, JsonIsADocument)
               "{\n  \"status\": 0,\n  \"routes\": [],\n  \"findings\": [],\n  \"kinds\": {}\n}\n");
 }
 
-TEST(CheckProgramTest, HostIsHeldAgainstTheRequest)
+TEST(CheckProgramTest, HostIsComparedWithTheRequest)
 {
     const auto result = check({"-t", "explicit-ip", "-4", "203.0.113.5"});
     EXPECT_TRUE(result.exitedWith(1));
@@ -187,7 +187,7 @@ TEST(CheckProgramTest, HostIsHeldAgainstTheRequest)
         "2 severe, 2 problems, 1 warning\n");
 }
 
-TEST(CheckProgramTest, NoColourIsSentToWhatIsNotATerminal)
+TEST(CheckProgramTest, OutputThatIsNotATerminalGetsNoColour)
 {
     ASSERT_EQ(::setenv("TERM", "xterm", 1), 0);
     EXPECT_EQ(check({}).out.find('\033'), std::string::npos);

@@ -33,7 +33,7 @@ Finding notOnHost(const std::string& domain)
 
 } // namespace
 
-TEST(WriteTableTest, SoundRoutesAreALineEach)
+TEST(WriteTableTest, EachSoundRouteIsALine)
 {
     EXPECT_EQ(table({{one, two}, {}}),
               "domain       service             IPv4       IPv6         HELO name     verdict\n"
@@ -43,7 +43,7 @@ TEST(WriteTableTest, SoundRoutesAreALineEach)
               "nothing wrong\n");
 }
 
-TEST(WriteTableTest, NothingBoundIsSaid)
+TEST(WriteTableTest, WithoutRoutesTheTextSaysSo)
 {
     EXPECT_EQ(table({}), "nothing is bound\n\nnothing wrong\n");
 }
@@ -174,7 +174,7 @@ TEST(WriteTableTest, DomainInAnyCaseFindsItsRow)
               std::string::npos);
 }
 
-TEST(WriteTableTest, NothingThatActsOnATerminalIsPrinted)
+TEST(WriteTableTest, ControlCharactersAreEscaped)
 {
     const std::string evil = "a\033[2J\x9b\x7f\n\\b";
     const std::string text =
@@ -265,7 +265,7 @@ TEST(WriteJsonTest, BytesBeyondAsciiAreEscapedOrReplaced)
     EXPECT_NE(text.find(R"("record": "\u001b\u007f\u00fc\ufffd")"), std::string::npos) << text;
 }
 
-TEST(ExitStatusTest, WarningsAreNothingWrong)
+TEST(ExitStatusTest, WarningsAloneAreStatusZero)
 {
     EXPECT_EQ(exitStatus({}), 0);
     EXPECT_EQ(exitStatus({{Kind::EnforceOff, "", {}}, {Kind::AddressNotCanonical, "one.example", {}}}), 0);

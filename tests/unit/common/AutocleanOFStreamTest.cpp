@@ -1,4 +1,4 @@
-// AutocleanOFStream: a file that ends with its stream.
+// AutocleanOFStream: a file that is removed with its stream.
 #include "common/AutocleanOFStream.h"
 
 #include "support/Capture.h"
@@ -207,7 +207,7 @@ TEST_F(AutocleanOFStreamTest, WritingToAFailedStreamCreatesNothing)
     EXPECT_THAT(scratch_.names(), IsEmpty());
 }
 
-// A symbolic link stands for the full disk: the link is what gets removed.
+// A symbolic link to /dev/full plays the full disk; the link itself is removed.
 TEST_F(AutocleanOFStreamTest, CloseOnAFullDiskSetsFailbit)
 {
     std::filesystem::create_symlink("/dev/full", file_);
@@ -292,7 +292,7 @@ TEST_F(AutocleanOFStreamTest, InterruptedOpenIsRepeated)
     EXPECT_TRUE(result.exitedWith(0)) << result.status;
 }
 
-// It would be repeated for ever.
+// It would be repeated forever.
 TEST_F(AutocleanOFStreamTest, OpenThatFailsOtherwiseIsNotRepeated)
 {
     errno = EINTR;

@@ -1,4 +1,4 @@
-// FormattedText: every growth, errno, and a text that is cut where memory ends.
+// FormattedText: every growth, errno, and a text that is cut because there is no memory.
 #include "common/FormattedText.h"
 
 #include "support/LibcFaults.h"

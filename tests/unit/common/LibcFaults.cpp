@@ -1,4 +1,4 @@
-// Definitions that stand in front of the C library's in this test program.
+// Definitions that replace those of the C library in this test program.
 // Declared here by their symbol names: the library's headers may define some of them inline.
 #include "support/LibcFaults.h"
 

@@ -20,7 +20,7 @@
 
 namespace locktest {
 
-/// What a child says and what it is told; made before it is forked.
+/// Messages from and to a child; made before it is forked.
 struct Pipes {
     int said[2];
     int told[2];

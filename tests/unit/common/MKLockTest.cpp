@@ -47,7 +47,7 @@ protected:
         return result;
     }
 
-    /// Takes the lock of file_ and never gives it back, for a process of its own.
+    /// Takes the lock of file_ and never releases it; for a process of its own.
     std::function<void()> taking(zorvo::FilenameFlag kind)
     {
         return [this, kind] { new MKLock(file_, kind, Blocking); };
@@ -349,7 +349,7 @@ TEST_F(MKLockTest, HandleThatCannotBeAllocatedThrowsENOMEM)
     EXPECT_EQ(ENOMEM, code);
 }
 
-// A failing close(2) is reported by the plain functions; nothing may leave a destructor.
+// A failing close(2) is reported by the plain functions; the destructor must not throw.
 TEST_F(MKLockTest, DestructorReportsAFailedCloseAndDoesNotThrow)
 {
     const std::string report = "An error occured during closing '" + file_ +

@@ -251,7 +251,7 @@ TEST(DemangleTest, EmptyTextStaysEmpty)
     EXPECT_EQ("", demangle(""));
 }
 
-TEST(DemangleTest, TextAfterTheSymbolIsNotLookedAt)
+TEST(DemangleTest, TextAfterTheSymbolIsIgnored)
 {
     EXPECT_EQ("std::ostream::operator<<(int)", demangle(std::string_view("_ZNSolsEi+0x1a", 9)));
 }

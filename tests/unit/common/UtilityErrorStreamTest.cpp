@@ -19,7 +19,7 @@ using zorvo::UtilityErrorStreamBuf;
 
 namespace {
 
-/// Stands in front of a standard stream and notes every write and flush in a common list. Meanwhile
+/// Sits in front of a standard stream and records every write and flush in a common list. Meanwhile
 /// std::cerr is not tied to std::cout, which would be flushed before each character.
 class Recorder : public std::streambuf {
 public:

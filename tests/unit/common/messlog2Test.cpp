@@ -1,4 +1,5 @@
-// messlog2 and its neighbours: the text on both streams, every growth of the buffer, the end of the process.
+// messlog2 and related functions: the text on both streams, every growth of the buffer, the end of the
+// process.
 #include "common/messlog2.h"
 
 #include "support/Capture.h"

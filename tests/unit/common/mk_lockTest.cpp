@@ -1,4 +1,4 @@
-// The plain lock functions: lock file paths, what an attempt leaves, other processes.
+// The plain lock functions: lock file paths, the result of an attempt, other processes.
 #include "common/mk_lock.h"
 
 #include "LockTools.h"
@@ -50,7 +50,7 @@ std::string withNul(const char* digest)
 
 class MkLockTest : public testing::Test {
 protected:
-    /// A lock on a plain file of this test; gone at the end of the scope.
+    /// A lock on a plain file of this test, released at the end of the scope.
     struct Release {
         void operator()(lock_handle* handle) const { rm_lock(handle); }
     };

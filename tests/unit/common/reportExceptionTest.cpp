@@ -61,7 +61,7 @@ Report reportOf(const std::exception& e)
     return report;
 }
 
-/// An exception whose run-time type bears a name that no compiler would make. Its table of virtual functions
+/// An exception whose run-time type has a name that no compiler would make. Its table of virtual functions
 /// is a copy of a real one with another type in it (the layout is that of the Itanium C++ ABI).
 class Nameless {
 public:
@@ -152,7 +152,7 @@ TEST(ReportExceptionTest, FramesReachStandardOutputToo)
     EXPECT_EQ(report.err, report.out);
 }
 
-// In a child: the copy for standard output is cut where the memory of earlier reports ends.
+// In a child: the copy for standard output is cut at the size of the buffer left by earlier reports.
 TEST(ReportExceptionTest, WithoutMemoryTheNameIsShownRawAndTheReportIsWhole)
 {
     if (!support::MemoryFault::available())

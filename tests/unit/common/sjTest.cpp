@@ -338,12 +338,12 @@ TEST(SjParseBoolean, WhitespaceBeforeTheWordIsSkipped)
     EXPECT_EQ((Int{1, 0, 7}), run(sj_parse_boolean, " \n\ttrue"));
 }
 
-TEST(SjParseBoolean, WhatFollowsTheWordIsNotLookedAt)
+TEST(SjParseBoolean, TextAfterTheWordIsIgnored)
 {
     EXPECT_EQ((Int{1, 0, 4}), run(sj_parse_boolean, "truex"));
 }
 
-TEST(SjParseBoolean, WhatFollowsFalseIsNotLookedAt)
+TEST(SjParseBoolean, TextAfterFalseIsIgnored)
 {
     EXPECT_EQ((Int{0, 0, 5}), run(sj_parse_boolean, "false1"));
 }
@@ -366,7 +366,7 @@ TEST(SjParseNull, WhitespaceBeforeTheWordIsSkipped)
     EXPECT_EQ((Int{0, 0, 6}), run(sj_parse_null, "\r null"));
 }
 
-TEST(SjParseNull, WhatFollowsTheWordIsNotLookedAt)
+TEST(SjParseNull, TextAfterTheWordIsIgnored)
 {
     EXPECT_EQ((Int{0, 0, 4}), run(sj_parse_null, "nullx"));
 }
@@ -942,7 +942,7 @@ TEST(SjParseObjectKey, EndOfTextInPlaceOfTheColonIsError12)
     EXPECT_EQ((String{"key", 12, 5}), readKey("\"key\""));
 }
 
-TEST(SjParseObjectKey, NoStringGivesNoName)
+TEST(SjParseObjectKey, KeyThatIsNotAStringGivesNoName)
 {
     EXPECT_EQ((String{"(null)", 7, 1}), readKey(" key:1"));
 }

@@ -1,4 +1,4 @@
-// writeText: one text in pieces, whole and at once, and silence about every failure.
+// writeText: one text in pieces, written completely and at once; failures are ignored.
 #include "common/writeText.h"
 
 #include "support/Capture.h"

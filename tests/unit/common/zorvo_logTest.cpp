@@ -1,4 +1,5 @@
-// The leveled logger: defaults, the console back end, the syslog back end over a real /dev/log, the level.
+// The logger with levels: defaults, the console back end, the syslog back end over a real /dev/log, the
+// level.
 #include "common/zorvo_log.h"
 
 #include "support/Child.h"

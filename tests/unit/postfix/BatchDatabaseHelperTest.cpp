@@ -1,4 +1,4 @@
-// BatchDatabaseHelper: what is passed on at once, what is gathered, and how it is committed.
+// BatchDatabaseHelper: what is passed on at once, what is collected, and how it is committed.
 #include "postfix/BatchDatabaseHelper.h"
 
 #include "postfix/PostfixError.h"
@@ -174,7 +174,7 @@ TEST_F(BatchDatabaseHelperTest, GatheredChangesRunNothingAndWriteNothing)
 TEST_F(BatchDatabaseHelperTest, CommitMergesTablesInTheOrderOfTheirNames)
 {
     BatchDatabaseHelper helper(true, false);
-    const std::string lateName = "lmdb:" + scratch_.file("0"), earlyName = "btree:" + scratch_.file("z");
+    const std::string lateName = "z:" + scratch_.file("0"), earlyName = "a:" + scratch_.file("z");
     add(helper, lateName, {{"l", "1"}});
     add(helper, b_, {{"b", "1"}});
     add(helper, a_, {{"a", "1"}});
@@ -213,8 +213,7 @@ TEST_F(BatchDatabaseHelperTest, CommitRebuildsEachTableFromItsRecords)
     EXPECT_TRUE(scratch_.names().empty());
 }
 
-// A table that only got empty ranges is one of the gathered: merging nothing runs nothing, replacing empties
-// it.
+// A table that only got empty ranges is committed, too: merging nothing runs nothing, replacing empties it.
 TEST_F(BatchDatabaseHelperTest, TableWithoutRecordsIsCommittedToo)
 {
     BatchDatabaseHelper merging(true, false);
@@ -228,7 +227,7 @@ TEST_F(BatchDatabaseHelperTest, TableWithoutRecordsIsCommittedToo)
     EXPECT_EQ("", sourceSeenBy(0, "a"));
 }
 
-// The caller's records may be gone by then.
+// The caller's records may no longer exist then.
 TEST_F(BatchDatabaseHelperTest, RecordsAreCopied)
 {
     BatchDatabaseHelper helper(true, false);
@@ -272,7 +271,7 @@ TEST_F(BatchDatabaseHelperTest, UncommittedChangesAreDropped)
     EXPECT_TRUE(scratch_.names().empty());
 }
 
-// What was gathered stays, the table that was done included.
+// Everything collected is kept, including the table that was written.
 TEST_F(BatchDatabaseHelperTest, FailedCommitStopsThereAndKeepsEverything)
 {
     BatchDatabaseHelper helper(true, false);

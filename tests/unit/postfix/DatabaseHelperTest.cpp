@@ -1,5 +1,5 @@
-// DatabaseHelper: which run of postmap(1) each change is, what it is fed, which files lie beside it, under
-// which lock, and how its end is judged.
+// DatabaseHelper: the run of postmap(1) for each change, its input, its files and its lock, and what counts
+// as its failure.
 #include "postfix/DatabaseHelper.h"
 
 #include "common/SystemError.h"
@@ -226,7 +226,7 @@ TEST_F(DatabaseHelperTest, FailedAdditionWithoutErrorOutputIsUnknown)
               exactMessageOf<PostfixConfigurationError>([this] { add(table_, twoRecords); }));
 }
 
-// Judged by the tool's end alone, unlike a removal.
+// Only the exit status counts, unlike for a removal.
 TEST_F(DatabaseHelperTest, AdditionWithToleratedErrorOutputStillFails)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: warning: x\n"));
@@ -257,7 +257,7 @@ TEST_F(DatabaseHelperTest, ToolThatSucceedsWithoutReadingFailsTheWrite)
     EXPECT_TRUE(support::hasNoChildren());
 }
 
-TEST_F(DatabaseHelperTest, ToolThatFailsWithoutReadingIsReportedInItsOwnWords)
+TEST_F(DatabaseHelperTest, ToolThatFailsWithoutReadingIsReportedWithItsErrorOutput)
 {
     RecordList many;
     for (int i = 0; i < 50000; ++i)
@@ -274,7 +274,7 @@ TEST_F(DatabaseHelperTest, ToolThatFailsWithoutReadingIsReportedInItsOwnWords)
     EXPECT_EQ("unknown error", exactMessageOf<PostfixConfigurationError>([&] { add(table_, many); }));
 }
 
-TEST_F(DatabaseHelperTest, RemovalThatFailsWithoutReadingIsReportedInItsOwnWords)
+TEST_F(DatabaseHelperTest, RemovalThatFailsWithoutReadingIsReportedWithItsErrorOutput)
 {
     std::list<std::string> keys;
     for (int i = 0; i < 50000; ++i)
@@ -352,8 +352,8 @@ TEST_F(DatabaseHelperTest, RemovalWithExitZeroSucceedsWhateverWasReported)
               messageOf<std::exception>([this] { DatabaseHelper::removeRecord(table_, "key"); }));
 }
 
-// Killed is failed, also without a word: no substitute text on this way.
-TEST_F(DatabaseHelperTest, KilledRemovalFailsWithItsOwnWords)
+// A killed tool is a failure even without output: there is no substitute text here.
+TEST_F(DatabaseHelperTest, KilledRemovalFailsWithItsErrorOutput)
 {
     tools_.answer(postmapPath, ToolAnswer::dies(SIGKILL, ""));
     EXPECT_EQ("",
@@ -393,7 +393,7 @@ TEST_F(DatabaseHelperTest, RemovingManyRunsUnderTheLock)
     EXPECT_TRUE(support::lockIsFree(lock_));
 }
 
-TEST_F(DatabaseHelperTest, RemovalOfManyIsJudgedLikeRemovalOfOne)
+TEST_F(DatabaseHelperTest, RemovalOfManyFailsAsRemovalOfOneDoes)
 {
     tools_.answer(postmapPath, ToolAnswer::fails(1, "postmap: warning: x\n"));
     EXPECT_EQ("(no exception)", messageOf<std::exception>([this] { remove(table_, {"a"}); }));
@@ -495,7 +495,7 @@ TEST_F(DatabaseHelperTest, RebuildingRunsUnderTheLock)
     EXPECT_TRUE(support::lockIsFree(lock_));
 }
 
-// Not even the source file is written before the lock is there.
+// Not even the source file is written before the lock is held.
 TEST_F(DatabaseHelperTest, RebuildingWaitsForTheLock)
 {
     support::HeldLock lock(lock_);
@@ -690,7 +690,7 @@ TEST_F(DatabaseHelperTest, OtherTypesKeepTheirDatabaseFiles)
     }
 }
 
-// A name that only contains the word is none of that type: its source file has a longer name.
+// A name that only contains "lmdb:" is not of that type: its source file has a longer name.
 TEST_F(DatabaseHelperTest, LmdbLaterInTheNameIsNotTheType)
 {
     const std::filesystem::path before = std::filesystem::current_path();
@@ -839,7 +839,7 @@ TEST_F(DatabaseHelperPostfixTest, RemovedRecordsAreGone)
     EXPECT_EQ("c\t3\n", content());
 }
 
-// postmap(1) exits with 1 without a word.
+// postmap(1) exits with 1 without any output.
 TEST_F(DatabaseHelperPostfixTest, RemovingAnAbsentKeySucceeds)
 {
     replace({{"a", "1"}});

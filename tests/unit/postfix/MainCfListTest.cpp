@@ -1,5 +1,5 @@
-// The list operations of MainCfManager: how a value is split, what is written back, and when nothing
-// is.
+// The list operations of MainCfManager: how a value is split, what is written back, and when nothing is
+// written.
 #include "postfix/MainCfManager.h"
 
 #include "postfix/PostfixError.h"
@@ -410,7 +410,7 @@ PROCESS_TEST_F(MainCfListTest, SameKeyWithAnotherValueIsAnotherElement)
     EXPECT_EQ(readAndWrite("k v w, k v"), runsOfCompound("k v w", "k", "v"));
 }
 
-// An element that is only words apart by blanks is one element here.
+// Words that are separated only by blanks are one element here.
 PROCESS_TEST_F(MainCfListTest, BlanksDoNotSeparateCompoundElements)
 {
     EXPECT_EQ(readAndWrite("a k v, k v"), runsOfCompound("a k v", "k", "v"));

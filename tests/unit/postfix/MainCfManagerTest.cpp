@@ -1,4 +1,4 @@
-// MainCfManager: which runs of postconf(1) each operation is, under which lock, and how they are judged.
+// MainCfManager: the runs of postconf(1) for each operation, their lock, and what counts as a failure.
 #include "postfix/MainCfManager.h"
 
 #include "common/SystemError.h"
@@ -48,7 +48,7 @@ protected:
         tools_.probeLock(mainCfLock);
     }
 
-    /// The instance, its own question forgotten.
+    /// The instance; the run with which it asked for the directory is forgotten.
     MainCfManager& manager()
     {
         tools_.answerOnce(postconfPath, ToolAnswer::directory());
@@ -86,7 +86,7 @@ PROCESS_TEST_F(MainCfManagerTest, FailedQuestionFallsBackToTheBuiltInDirectory)
     EXPECT_EQ((CommandLines{askDirectory, askDefaultDirectory}), tools_.commandLines());
 }
 
-// A killed tool and an output that is judged bad are failed questions too.
+// A killed tool and bad output are failed questions, too.
 PROCESS_TEST_F(MainCfManagerTest, KilledQuestionFallsBackToTheBuiltInDirectory)
 {
     tools_.answerOnce(postconfPath, ToolAnswer::dies(SIGKILL, ""));
@@ -140,7 +140,7 @@ PROCESS_TEST_F(MainCfManagerTest, FailedInstanceIsTriedAgainByTheNextCall)
 
 class MainCfManagerLaunchTest : public support::FreshProcessTest {};
 
-// Only Postfix's own word leads to the fallback: a tool that cannot be started does not.
+// Only an error of the tool leads to the fallback; a tool that cannot be started does not.
 PROCESS_TEST_F(MainCfManagerLaunchTest, ToolThatCannotBeStartedIsNamedWithItsReason)
 {
     support::ToolStandIns tools;
@@ -411,7 +411,7 @@ PROCESS_TEST_F(MainCfManagerTest, LockIsFreeAfterAFailedChange)
     EXPECT_TRUE(support::lockIsFree(mainCfLock));
 }
 
-// Nothing runs until whoever holds the lock is done.
+// Nothing runs until the lock is free.
 PROCESS_TEST_F(MainCfManagerTest, ChangeWaitsForTheLock)
 {
     MainCfManager& m = manager();
@@ -459,7 +459,7 @@ PROCESS_TEST_F(MainCfManagerTest, FailedChangeWithoutErrorOutputIsUnknown)
     EXPECT_EQ("unknown error", exactMessageOf<PostfixConfigurationError>([&] { m.removeKey("x"); }));
 }
 
-// A change is judged by the tool's end alone.
+// Only the exit status decides whether a change succeeded.
 PROCESS_TEST_F(MainCfManagerTest, ErrorOutputOfASuccessfulChangeIsIgnored)
 {
     MainCfManager& m = manager();

@@ -71,7 +71,7 @@ TEST(MasterCfContentTest, NewServiceBecomesLastLine)
     EXPECT_EQ((Lines{"# above", "smtp inet n - n - - smtpd", "# below", "cleanup text"}), content.rawLines());
 }
 
-// The text is the caller's; it is not made from the entry.
+// The text comes from the caller; it is not made from the entry.
 TEST(MasterCfContentTest, ServiceIsReturnedWithItsOwnText)
 {
     MasterCfContent content;
@@ -86,7 +86,7 @@ TEST(MasterCfContentTest, ServiceIsReturnedWithItsOwnText)
     EXPECT_EQ(&content.rawLines().front(), &found.second);
 }
 
-// A known service is replaced where it stands: data, text, not its place, not the number of lines.
+// A known service is replaced in its place: data and text change, the number of lines does not.
 TEST(MasterCfContentTest, KnownServiceIsReplacedInPlace)
 {
     MasterCfContent content;
@@ -141,7 +141,7 @@ TEST(MasterCfContentTest, RemovingOneTypeLeavesTheOther)
     EXPECT_EQ(Lines{"unix text"}, content.rawLines());
 }
 
-// Of two equal lines the service's own one goes.
+// Of two equal lines, the one of the service is removed.
 TEST(MasterCfContentTest, RemovingServiceRemovesItsLineOnly)
 {
     MasterCfContent content;

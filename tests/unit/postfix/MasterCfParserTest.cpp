@@ -118,7 +118,7 @@ TEST_F(MasterCfParserTest, CommentLinesKeepTheirText)
               load("#\n  \t# text #  \n#\r\n#smtp inet n - n - - smtpd").rawLines());
 }
 
-// Any byte except the line feed may stand in a comment.
+// A comment may hold any byte except the line feed.
 TEST_F(MasterCfParserTest, CommentsHoldEveryByte)
 {
     std::string comment = "#";
@@ -201,7 +201,7 @@ TEST_F(MasterCfParserTest, CommentAfterTheCommandNeedsAContinuation)
     EXPECT_EQ((Words{"smtpd", "-o", "a=b"}), content.modules().front().command);
 }
 
-// The sign needs no blank before it; it is in no word.
+// The sign needs no blank before it; no word contains it.
 TEST_F(MasterCfParserTest, CommentEndsAWord)
 {
     EXPECT_EQ((Words{"smtpd", "-v"}), service("smtp inet n - n - - smtpd#comment\n -v\n").command);
@@ -223,7 +223,7 @@ TEST_F(MasterCfParserTest, BlankLineAtTheEndIsNotAContinuation)
 
 // --- names
 
-TEST_F(MasterCfParserTest, EveryByteInAServiceNameIsJudged)
+TEST_F(MasterCfParserTest, EveryByteAsAServiceNameIsReadOrRefused)
 {
     const std::string allowed = "-abcdefghijklmnopqrstuvwxyz0123456789_:.";
     for (int code = 0; code < 256; ++code) {
@@ -247,7 +247,7 @@ TEST_F(MasterCfParserTest, EveryByteInAServiceNameIsJudged)
     }
 }
 
-TEST_F(MasterCfParserTest, EveryByteInsideAServiceNameIsJudged)
+TEST_F(MasterCfParserTest, EveryByteInsideAServiceNameIsReadOrRefused)
 {
     const std::string allowed = "-abcdefghijklmnopqrstuvwxyz0123456789_:.";
     for (int code = 0; code < 256; ++code) {
@@ -338,7 +338,7 @@ TEST_F(MasterCfParserTest, OtherYesNoValuesAreRefused)
     }
 }
 
-// What one entry set is not left over for the next one.
+// The values of one entry are not left over for the next one.
 TEST_F(MasterCfParserTest, EachEntryStartsFromDefaults)
 {
     const MasterCfContent& content = load("a pass y y y 60? 5 first -v\nb unix - - - - - second\n");
@@ -458,7 +458,7 @@ bool isCommandCharacter(char c)
     return c > ' ' && c <= '~' && c != '#';
 }
 
-TEST_F(MasterCfParserTest, EveryByteAsACommandWordIsJudged)
+TEST_F(MasterCfParserTest, EveryByteAsACommandWordIsReadOrRefused)
 {
     for (int code = 0; code < 256; ++code) {
         const char c = static_cast<char>(code);
@@ -473,7 +473,7 @@ TEST_F(MasterCfParserTest, EveryByteAsACommandWordIsJudged)
     }
 }
 
-TEST_F(MasterCfParserTest, EveryByteInsideACommandWordIsJudged)
+TEST_F(MasterCfParserTest, EveryByteInsideACommandWordIsReadOrRefused)
 {
     for (int code = 0; code < 256; ++code) {
         const char c = static_cast<char>(code);
@@ -608,7 +608,7 @@ TEST_F(MasterCfParserTest, DeviceCannotBeOpened)
     expectUnableToOpen("/dev/zero");
 }
 
-// Opening a FIFO without a writer would wait for ever: a signal then ends the test.
+// Opening a FIFO without a writer would block forever: a signal then ends the test.
 TEST_F(MasterCfParserTest, FifoCannotBeOpenedAndIsNotWaitedFor)
 {
     ASSERT_EQ(0, ::mkfifo(path_.c_str(), 0644));
@@ -684,7 +684,7 @@ TEST_F(MasterCfParserTest, LoadingLeavesNoDescriptorAndTheFileAlone)
     EXPECT_EQ(std::set<std::string>{"master.cf"}, scratch_.names());
 }
 
-// No lock is taken: somebody else's does not matter.
+// No lock is taken; one held by another process does not matter.
 TEST_F(MasterCfParserTest, LoadingDoesNotWaitForTheLock)
 {
     const support::HeldLock lock(support::lockFileOf(path_));

@@ -142,7 +142,7 @@ TEST_F(StoreMasterCfTest, ReplacedFileHasItsModeWhateverItWas)
     }
 }
 
-// The old file is replaced, not written to: whoever has it open reads on undisturbed.
+// The old file is replaced, not written to: a process that has it open can read it to the end.
 TEST_F(StoreMasterCfTest, OldFileStaysWholeForItsReaders)
 {
     support::writeFile(path_, "old\n");
@@ -272,7 +272,7 @@ TEST_F(StoreMasterCfTest, RenameOntoADirectoryIsNamed)
     EXPECT_TRUE(support::lockIsFree(support::lockFileOf(path_)));
 }
 
-/// Tries to store in a process where the given system calls fail; prints what came of it.
+/// Tries to store in a process in which the given system calls fail; prints the result.
 support::ChildResult storeWithFailing(const std::vector<unsigned>& calls, unsigned error,
                                       const std::string& path)
 {
@@ -328,7 +328,7 @@ TEST_F(StoreMasterCfTest, FailedRenameIsNamedWithItsReason)
     EXPECT_EQ(std::set<std::string>{"master.cf"}, scratch_.names());
 }
 
-// What is lost at the close counts as a failed replacement.
+// Data lost at the close is a failed replacement.
 TEST_F(StoreMasterCfTest, FailedCloseKeepsTheOldFile)
 {
     support::writeFile(path_, "old\n");
@@ -472,7 +472,7 @@ PROCESS_TEST_F(ModuleManagerTest, ForcedLoadReadsAgainAndDropsEdits)
         EXPECT_FALSE(m.hasModule(gone, ModuleType::Unix, indeterminate)) << gone;
 }
 
-// The dropped edits are forgotten as such: nothing is written.
+// Dropped edits no longer count as edits: nothing is written.
 PROCESS_TEST_F(ModuleManagerTest, ForcedLoadClearsBothChangeMarks)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "c unix - - n - - x\n");
@@ -530,7 +530,7 @@ PROCESS_TEST_F(ModuleManagerTest, ForcedLoadWithABrokenDisabledFileReplacesTheEn
     EXPECT_TRUE(m.hasModule("c", ModuleType::Unix, false));
 }
 
-// Taken for absent, it would be replaced by the next store.
+// If it counted as absent, the next store would replace it.
 PROCESS_TEST_F(ModuleManagerTest, DisabledFileThatCannotBeReachedIsAnErrorAfterMasterCf)
 {
     std::filesystem::create_symlink(disabledPath, disabledPath);
@@ -598,7 +598,7 @@ PROCESS_TEST_F(ModuleManagerTest, AbsentDisabledFileMeansNoDisabledServices)
     EXPECT_FALSE(hasDisabledFile());
 }
 
-// Written never, it stays as it is.
+// It is never written, so it stays as it is.
 PROCESS_TEST_F(ModuleManagerTest, EmptyDisabledFileMeansNoDisabledServices)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n", "");
@@ -1009,7 +1009,7 @@ PROCESS_TEST_F(ModuleManagerTest, DisablingADisabledOrUnknownServiceChangesNothi
     EXPECT_EQ(disabledBefore, inode(disabledPath));
 }
 
-// Not even an empty disabled set comes of it.
+// Not even an empty set of disabled services results.
 PROCESS_TEST_F(ModuleManagerTest, DisablingAnUnknownServiceMakesNoDisabledFile)
 {
     ModuleManager& m = loaded("a unix - - n - - x\n");

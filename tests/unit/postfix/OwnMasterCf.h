@@ -27,7 +27,7 @@ protected:
     const std::string path_ = scratch_.file("master.cf");
 };
 
-/// With postmap replaced too. Each run of a tool notes master.cf and the table's source file.
+/// With postmap replaced too. Each run of a tool records master.cf and the table's source file.
 class OwnMasterCfAndTableTest : public OwnMasterCfTest {
 protected:
     OwnMasterCfAndTableTest()

@@ -1,11 +1,7 @@
-// Parameters and services as postconf shows them: the runs of the tool and what is made of its output.
+// Parameters and services as postconf shows them: the runs of the tool, and how its output is read.
 #include "postfix/PostconfReader.h"
 
-#include "postfix/PostfixError.h"
-#include "unit/postfix/ToolStandIns.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "unit/postfix/ReaderTest.h"
 
 namespace zorvo::mail::postfix {
 
@@ -13,16 +9,13 @@ namespace {
 
 using support::postconfPath;
 using support::ToolAnswer;
-using support::ToolStandIns;
 using ::testing::ElementsAre;
 using ::testing::Pair;
 using ::testing::SizeIs;
 
-class PostconfReaderTest : public ::testing::Test {
+class PostconfReaderTest : public support::ReaderTest {
 protected:
-    PostconfReaderTest() { tools.replace(postconfPath); }
-
-    ToolStandIns tools;
+    PostconfReaderTest() : ReaderTest(postconfPath) {}
 };
 
 } // namespace
@@ -38,7 +31,7 @@ TEST_F(PostconfReaderTest, ReadsAllParametersInOneRun)
                                                               "smtp_bind_address", "maps", "unknown")));
 }
 
-TEST_F(PostconfReaderTest, RefusedMainCfThrowsTheToolsWords)
+TEST_F(PostconfReaderTest, RefusedMainCfThrowsTheToolsErrorOutput)
 {
     tools.answer(postconfPath, ToolAnswer::fails(1, "postconf: fatal: open main.cf: no\n"));
     try {

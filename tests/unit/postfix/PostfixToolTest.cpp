@@ -155,7 +155,7 @@ TEST(CheckOutputTest, OneBadLineOfManyFails)
     expectJudged(true, false, {"postmap: warning: a: b\npostmap: note: c\npostmap: warning: d"});
 }
 
-// Lines are judged one by one: a name on one line and a level on the next are not a diagnostic.
+// Each line is judged separately: a name on one line and a level on the next are not a diagnostic.
 TEST(CheckOutputTest, DiagnosticDoesNotSpanLines)
 {
     expectJudged(true, true, {"postmap:\nfatal: x", "postmap: fatal\n:", "postmap: f\n: x"});

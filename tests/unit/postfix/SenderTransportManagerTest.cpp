@@ -1,5 +1,4 @@
-// SenderTransportManager: what each operation does to master.cf and to the lookup tableName, and in which
-// order.
+// SenderTransportManager: what each operation does to master.cf and to the lookup table, and in which order.
 #include "postfix/SenderTransportManager.h"
 
 #include "common/SystemError.h"
@@ -299,7 +298,7 @@ PROCESS_TEST_F(SenderTransportManagerTest, IPv6TransportsAreRemovedByTheirEnd)
               masterCf());
 }
 
-// The beginning decides here too, so a longer domain goes as well.
+// Only the beginning is compared here, too, so the service of a longer domain is removed as well.
 PROCESS_TEST_F(SenderTransportManagerTest, DomainTransportsAreRemovedByTheirBeginning)
 {
     load(manyServices);
@@ -396,7 +395,7 @@ protected:
     SenderTransportManagerPostfixTest()
     {
         support::ageMainCf();
-        // An empty tableName, as the cleanup of every run leaves it.
+        // An empty table, as the cleanup of every run leaves it.
         support::outputOf(support::postmapPath + std::string(" -r -i ") + tableName + " </dev/null");
     }
 

@@ -214,7 +214,7 @@ TEST(SameTransportTest, WithoutIPv4TheEndDecides)
     EXPECT_FALSE(transport.sameTransport(""));
 }
 
-// The address is compared as it stands in names.
+// The address is compared in the form that it has in names.
 TEST(SameTransportTest, ColonsAreComparedAsDashes)
 {
     EXPECT_TRUE(IpSenderTransport("", "a:b", "").sameTransport("zorvo-a-b-"));
@@ -230,7 +230,7 @@ TEST(SameTransportTest, EveryTransportIsTheSameAsItself)
         EXPECT_TRUE(transport.sameTransport(transport.name));
 }
 
-// The message is what it is; the reason is errno at that moment.
+// The message is fixed; the reason is errno at that moment.
 TEST(SameTransportTest, WithoutAnyAddressTheCurrentErrorIsReported)
 {
     const IpSenderTransport transport("example.org", "", "");

@@ -1,5 +1,5 @@
-// ServiceManager and its neighbours: which script run each operation is, and how Postfix's own processes
-// decide.
+// ServiceManager and related functions: the script run for each operation, and what Postfix's own processes
+// say.
 #include "postfix/ServiceManager.h"
 
 #include "unit/postfix/PostfixTestTools.h"
@@ -157,7 +157,7 @@ TEST_F(ServiceManagerTest, ExitCodeOfTheScriptIsReturned)
     }
 }
 
-TEST_F(ServiceManagerTest, FailureIsSilent)
+TEST_F(ServiceManagerTest, FailureIsNotReported)
 {
     ToolAnswer answer = ToolAnswer::fails(3, "error text\n");
     answer.out = "output text\n";
@@ -210,7 +210,7 @@ TEST_F(ServiceManagerTest, SuccessIsSilentWhateverTheScriptPrinted)
     EXPECT_EQ(0, kept);
 }
 
-// A killed script is logged, on both streams, whoever asked for silence.
+// A killed script is logged on both streams, even if silence was asked for.
 TEST_F(ServiceManagerTest, KilledScriptIsLogged)
 {
     tools_.answer(serviceScriptPath, ToolAnswer::dies(SIGKILL, ""));
@@ -252,7 +252,7 @@ TEST_F(ServiceManagerTest, ServiceIsRegisteredByItsTool)
               tools_.commandLines());
 }
 
-TEST_F(ServiceManagerTest, FailureToRegisterIsSilent)
+TEST_F(ServiceManagerTest, FailureToRegisterIsNotReported)
 {
     tools_.replace(registerServicePath);
     ToolAnswer answer = ToolAnswer::fails(4, "error text\n");
@@ -430,7 +430,7 @@ TEST_F(ServiceManagerTest, OtherNamesAreNotTheQueueManager)
     }
 }
 
-// A queue manager of somebody else, or further down, does not count.
+// A queue manager of another parent, or a grandchild, does not count.
 TEST_F(ServiceManagerTest, QueueManagerOfAnotherParentIsNotThisOne)
 {
     writePidFile(ownPid());
@@ -445,7 +445,7 @@ TEST_F(ServiceManagerTest, QueueManagerIsLookedForUnderThePidOfTheFile)
     EXPECT_EQ(1, ServiceManager::statusServer(0));
 }
 
-// All the other processes are passed over: it is found wherever it stands in the table.
+// All other processes are passed over; it is found at any place in the table.
 TEST_F(ServiceManagerTest, QueueManagerIsFoundAmongOtherChildren)
 {
     const NamedProcess before("pickup");
@@ -480,7 +480,7 @@ TEST_F(ServiceManagerTest, NegativeAttemptsLookOnce)
     EXPECT_EQ(1, looks.count());
 }
 
-TEST_F(ServiceManagerTest, AttemptsAreLooksAfterTheFirst)
+TEST_F(ServiceManagerTest, AttemptsAreCountedAfterTheFirstLook)
 {
     writePidFile(ownPid());
     OpenCounter looks(pidFilePath);
@@ -498,7 +498,7 @@ TEST_F(ServiceManagerTest, FirstSuccessfulLookIsTheLast)
 }
 
 // The file appears after the first look: a helper writes it as soon as that was made.
-TEST_F(ServiceManagerTest, MasterThatComesUpBetweenLooksIsNoticed)
+TEST_F(ServiceManagerTest, MasterThatComesUpBetweenLooksIsFound)
 {
     const NamedProcess qmgr("qmgr");
     writePidFile("letters\n");
@@ -536,7 +536,7 @@ TEST_F(ServiceManagerTest, StartRunsTheScriptAndFindsTheServer)
     EXPECT_EQ(one("postfix", "start"), tools_.commandLines());
 }
 
-// The one look is the one before the script.
+// The only look is the one before the script.
 TEST_F(ServiceManagerTest, FailedStartIsReturnedAtOnce)
 {
     writePidFile(ownPid());
@@ -629,7 +629,7 @@ TEST_F(ServiceManagerTest, MilterOperationsReturnTheScriptsResult)
     EXPECT_EQ(9, ServiceManager::statusMilter());
 }
 
-TEST_F(ServiceManagerTest, OperationsAreSilentWhenTheScriptFails)
+TEST_F(ServiceManagerTest, OperationsDoNotReportAFailureOfTheScript)
 {
     const NamedProcess qmgr("qmgr");
     writePidFile(ownPid());
@@ -720,7 +720,7 @@ TEST_F(ServiceManagerPostfixTest, ReloadKeepsTheMaster)
     EXPECT_EQ(master, ServiceManager::getMasterPid());
 }
 
-// The script is satisfied with a master, although no queue manager comes up.
+// For the script a running master is enough, although no queue manager comes up.
 TEST_F(ServiceManagerPostfixTest, MasterWithoutQueueManagerServiceIsAFailedStart)
 {
     support::outputOf("sed -i '/^qmgr /d' /etc/postfix/master.cf");

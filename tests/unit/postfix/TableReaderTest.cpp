@@ -1,11 +1,7 @@
-// Tables read through postmap: the runs of the tool and what is made of its output.
+// Tables read through postmap: the runs of the tool, and how its output is read.
 #include "postfix/TableReader.h"
 
-#include "postfix/PostfixError.h"
-#include "unit/postfix/ToolStandIns.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "unit/postfix/ReaderTest.h"
 
 namespace zorvo::mail::postfix {
 
@@ -13,17 +9,14 @@ namespace {
 
 using support::postmapPath;
 using support::ToolAnswer;
-using support::ToolStandIns;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Pair;
 using ::testing::UnorderedElementsAre;
 
-class TableReaderTest : public ::testing::Test {
+class TableReaderTest : public support::ReaderTest {
 protected:
-    TableReaderTest() { tools.replace(postmapPath); }
-
-    ToolStandIns tools;
+    TableReaderTest() : ReaderTest(postmapPath) {}
 };
 
 } // namespace
@@ -43,7 +36,7 @@ TEST_F(TableReaderTest, EmptyTableHasNoRecords)
     EXPECT_THAT(TableReader::readAll("hash:/table"), IsEmpty());
 }
 
-TEST_F(TableReaderTest, TableThatCannotBeReadThrowsTheToolsWords)
+TEST_F(TableReaderTest, UnreadableTableThrowsTheToolsErrorOutput)
 {
     tools.answer(postmapPath, ToolAnswer::fails(1, "postmap: fatal: open database /table.db: no\n"));
     try {
@@ -65,19 +58,19 @@ TEST_F(TableReaderTest, LooksUpAllKeysInOneRun)
     EXPECT_EQ(calls[0].input, "@one.example\n@two.example\n");
 }
 
-TEST_F(TableReaderTest, NoKeysNeedNoRun)
+TEST_F(TableReaderTest, LookupWithoutKeysRunsNothing)
 {
     EXPECT_THAT(TableReader::lookUp("hash:/table", {""}), IsEmpty());
     EXPECT_THAT(tools.commandLines(), IsEmpty());
 }
 
-TEST_F(TableReaderTest, KeysThatAreNotFoundAreNoFailure)
+TEST_F(TableReaderTest, KeysThatAreNotFoundAreNotAFailure)
 {
     tools.answer(postmapPath, ToolAnswer::fails(1, ""));
     EXPECT_THAT(TableReader::lookUp("hash:/table", {"@one.example"}), IsEmpty());
 }
 
-TEST_F(TableReaderTest, LookupThatFailsThrowsTheToolsWords)
+TEST_F(TableReaderTest, FailedLookupThrowsTheToolsErrorOutput)
 {
     tools.answer(postmapPath, ToolAnswer::fails(1, "postmap: fatal: open /table: no\n"));
     try {
@@ -88,7 +81,7 @@ TEST_F(TableReaderTest, LookupThatFailsThrowsTheToolsWords)
     }
 }
 
-TEST_F(TableReaderTest, LookupThatIsKilledThrows)
+TEST_F(TableReaderTest, KilledLookupThrows)
 {
     tools.answer(postmapPath, ToolAnswer::dies(9, ""));
     EXPECT_THROW((void)TableReader::lookUp("hash:/table", {"@one.example"}), PostfixDatabaseError);

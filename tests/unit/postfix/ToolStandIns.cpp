@@ -113,7 +113,7 @@ Fields chooseAnswer(const std::string& state, const std::string& program,
     return chosen;
 }
 
-// What a test is told of this run: the arguments, the files and locks it asked about, the input.
+// What the test learns about this run: the arguments, the files and locks it asked about, the input.
 Fields observe(const std::string& state, const std::string& program, const std::vector<std::string>& argv)
 {
     Fields record{{"program", program}};

@@ -142,7 +142,7 @@ PROCESS_TEST_F(CleanTransportsTest, PrefixIsCaseSensitive)
     EXPECT_EQ("# top\nZorvo-x unix - - n - - smtp\nZORVO-x unix - - n - - smtp\n", masterCf());
 }
 
-// A service of another type in master.cf does not cost a disabled one of its name.
+// A service of another type in master.cf does not remove a disabled one of its name.
 PROCESS_TEST_F(CleanTransportsTest, DisabledNamesakeStays)
 {
     support::writeFile(disabledPath, "zorvo-x unix - - n - - smtp\n");

@@ -1,4 +1,4 @@
-// The definitions below take the place of the C library's in this program.
+// The definitions below replace those of the C library in this program.
 #include "unit/process/FailingCall.h"
 
 #include <dirent.h>

@@ -190,7 +190,7 @@ TEST(PipeParametersTest, AllTenStringsCount)
     EXPECT_THAT(process.arguments, ElementsAre("0", "1", "2", "3", "4", "5", "6", "7", "8", "9"));
 }
 
-TEST(PipeParametersTest, RoomForTenIsReserved)
+TEST(PipeParametersTest, CapacityForTenIsReserved)
 {
     EXPECT_GE(Process("x").arguments.capacity(), 10U);
 }
@@ -415,7 +415,7 @@ TEST_F(PipeTest, ChunksHaveAtMost1024Bytes)
     EXPECT_THAT(sizes, ElementsAre(1024, 1024, 1024, 1024, 904));
 }
 
-TEST_F(PipeTest, ReceiverIsNotCalledForSilence)
+TEST_F(PipeTest, ReceiverIsNotCalledWithoutOutput)
 {
     int calls = 0;
     Pipe pipe;
@@ -439,7 +439,7 @@ TEST_F(PipeTest, PipeWithoutAReceiverFailsAtTheFirstOutput)
     EXPECT_EQ(thrownBy([&err] { err.run(); }), failure);
 }
 
-TEST_F(PipeTest, PipeWithoutAReceiverIsNotAFailureForSilence)
+TEST_F(PipeTest, PipeWithoutAReceiverSucceedsWithoutOutput)
 {
     Pipe pipe;
     pipe.processes().push_back(shell("exit 3"));
@@ -721,8 +721,8 @@ struct Fed {
 
 } // namespace
 
-// Nine in ten end before the first byte is written, the others when they like.
-TEST_F(PipeTest, ProcessThatFailsWithoutReadingSpeaksForItself)
+// Nine in ten end before the first byte is written, the others at any time.
+TEST_F(PipeTest, ProcessThatFailsWithoutReadingIsNotAFailedWrite)
 {
     for (int i = 0; i < 100; ++i) {
         Fed fed("echo 'tool: fatal: no space' >&2; exit 1", "short\n", i % 10 != 0);
@@ -735,7 +735,7 @@ TEST_F(PipeTest, ProcessThatFailsWithoutReadingSpeaksForItself)
     }
 }
 
-TEST_F(PipeTest, ProcessThatIsKilledWithoutReadingSpeaksForItself)
+TEST_F(PipeTest, ProcessThatIsKilledWithoutReadingIsNotAFailedWrite)
 {
     for (int i = 0; i < 20; ++i) {
         Fed fed("printf last >&2; kill -KILL $$", "short\n", i % 2 != 0);
@@ -746,7 +746,7 @@ TEST_F(PipeTest, ProcessThatIsKilledWithoutReadingSpeaksForItself)
     }
 }
 
-TEST_F(PipeTest, ProcessThatFailsAmidMuchInputSpeaksForItself)
+TEST_F(PipeTest, ProcessThatFailsAmidMuchInputIsNotAFailedWrite)
 {
     Fed fed("head -c 1 >/dev/null; echo 'tool: fatal: enough' >&2; exit 75", std::string(2000000, 'x'),
             false);
@@ -756,7 +756,7 @@ TEST_F(PipeTest, ProcessThatFailsAmidMuchInputSpeaksForItself)
     EXPECT_EQ(fed.err, "tool: fatal: enough\n");
 }
 
-// What it has to say after it closed its input is waited for.
+// Its output after it has closed its input is waited for.
 TEST_F(PipeTest, OutputOfAProcessThatClosesItsInputIsCollectedToTheEnd)
 {
     Fed fed("exec <&-; sleep 0.1; echo early >&2; sleep 0.1; echo late >&2; exit 3", std::string(200000, 'x'),
@@ -767,7 +767,7 @@ TEST_F(PipeTest, OutputOfAProcessThatClosesItsInputIsCollectedToTheEnd)
     EXPECT_EQ(fed.err, "early\nlate\n");
 }
 
-// Also what it said is there then, and its status.
+// Its output and its status are there as well.
 TEST_F(PipeTest, ProcessThatSucceedsWithoutReadingIsAFailedWrite)
 {
     Fed fed("echo 'all is well' >&2", "text", true);
@@ -787,8 +787,8 @@ TEST_F(PipeTest, ProcessThatSucceedsButStopsReadingIsAFailedWrite)
     EXPECT_EQ(thrownBy([&pipe] { pipe.run(); }), "zorvo::SystemError(32): write: Broken pipe");
 }
 
-// It is the end of the process that was fed that counts, not that of the last one.
-TEST_F(PipeTest, InAPipelineTheFirstProcessAnswersForItsInput)
+// What counts is how the process that was fed ended, not the last one.
+TEST_F(PipeTest, InAPipelineTheStatusOfTheFirstProcessDecidesOnRefusedInput)
 {
     for (const int code : {0, 4}) {
         SCOPED_TRACE(code);
@@ -838,7 +838,7 @@ TEST_F(PipeTest, FiftyMebibytesPassThroughTwoProcesses)
     EXPECT_THAT(statusesOf(pipe), ElementsAre(0, 0));
 }
 
-// What goes in comes out again at the same time: neither side may wait for the other.
+// Input and output flow at the same time: neither side may wait for the other.
 TEST_F(PipeTest, FiftyMebibytesComeBackUnchangedFromThreeProcesses)
 {
     LongReceiver receiver;
@@ -1025,7 +1025,7 @@ TEST_F(PipeTest, MissingDirectoryIsNamed)
     EXPECT_EQ(thrownBy([&pipe] { pipe.run(); }), childSystemError("cwd chdir", ENOENT));
 }
 
-// The odd one: only a process that has an environment of its own gets the pipe's instead.
+// Surprising, but so it is: only a process that has an environment of its own gets the pipe's instead.
 TEST_F(PipeTest, EnvironmentOfThePipeReplacesOnlyAProcessesOwn)
 {
     const char* const ofPipe[] = {"WHOSE=pipe", nullptr};
@@ -1346,13 +1346,13 @@ TEST_F(PipeTest, EachFailingSelectIsNamedAndLeavesNothing)
     EXPECT_THAT(labelsOf(Call::select, EBADF), ElementsAre("select"));
 }
 
-// The handler's wake-up byte is written, too: without it the run ends all the same.
+// The handler's wake-up byte is a write, too; without it the run still ends.
 TEST_F(PipeTest, EachFailingWriteIsNamedAndLeavesNothing)
 {
     EXPECT_THAT(labelsOf(Call::write, EIO), ElementsAre("write", "nothing"));
 }
 
-// The catcher's own pipe is read, too; failures there are nobody's business.
+// The catcher's own pipe is read, too; failures there are ignored.
 TEST_F(PipeTest, EachFailingReadIsNamedAndLeavesNothing)
 {
     const std::vector<std::string> labels = labelsOf(Call::read, EIO);
@@ -1418,7 +1418,7 @@ TEST_F(PipeTest, InterruptedCallsAreRepeated)
         }
 }
 
-// ---- Odd surroundings
+// ---- Unusual environments
 
 /// SIGCHLD and SIGPIPE as a caller may have them.
 static void enterState(unsigned variant)
@@ -1485,7 +1485,7 @@ TEST_F(PipeTest, RefusedInputIsTheSameWhateverTheCallersSignalsAre)
             pipe.stdoutFd = kDevNullFd;
             EXPECT_EQ(thrownBy([&pipe] { pipe.run(); }), systemError("write", EPIPE));
             EXPECT_EQ(ownSignals(), before);
-            // No SIGPIPE is left to strike when it is unblocked.
+            // No SIGPIPE is pending that would be delivered when it is unblocked.
             sigset_t pending;
             ASSERT_EQ(::sigpending(&pending), 0);
             EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
@@ -1561,7 +1561,7 @@ TEST_F(PipeTest, RunsWithoutStandardDescriptors)
 }
 
 // select(2) cannot watch descriptors from 1024 on: a clear error instead of a write beyond its sets.
-TEST_F(PipeTest, DescriptorNumbersBeyondSelectAreAnError)
+TEST_F(PipeTest, DescriptorNumbersTooLargeForSelectAreAnError)
 {
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -1635,8 +1635,8 @@ TEST_F(PipeTest, LaunchAllEndsWhatItStartedAfterAFailure)
     catcher.remove(true);
 }
 
-// A caller may use its array again: what stands in it goes when the slot's turn comes, and not before.
-TEST_F(PipeTest, LaunchAllReplacesALaunchWhenItsTurnComes)
+// A caller may use its array again: a slot is replaced in its turn, and not before.
+TEST_F(PipeTest, LaunchAllReplacesAnEarlierLaunchOnlyInItsTurn)
 {
     boost::scoped_ptr<ProcessLaunch> launches[3];
     const ProcessLaunch* before[3];

@@ -251,7 +251,7 @@ void writeToControlPipe(const std::string& bytes)
 
 // ---- Selectors
 
-TEST(ProcessLaunchSelectorTest, StdinRefusesWhatIsNotASelectorForIt)
+TEST(ProcessLaunchSelectorTest, StdinRefusesOtherSelectors)
 {
     for (const int selector : {-1, static_cast<int>(kSameAsStdoutFd), -6, std::numeric_limits<int>::min()}) {
         SCOPED_TRACE(selector);
@@ -261,7 +261,7 @@ TEST(ProcessLaunchSelectorTest, StdinRefusesWhatIsNotASelectorForIt)
     }
 }
 
-TEST(ProcessLaunchSelectorTest, StdoutRefusesWhatIsNotASelectorForIt)
+TEST(ProcessLaunchSelectorTest, StdoutRefusesOtherSelectors)
 {
     for (const int selector : {-1, static_cast<int>(kSameAsStdoutFd), -6, std::numeric_limits<int>::min()}) {
         SCOPED_TRACE(selector);
@@ -272,7 +272,7 @@ TEST(ProcessLaunchSelectorTest, StdoutRefusesWhatIsNotASelectorForIt)
     }
 }
 
-TEST(ProcessLaunchSelectorTest, StderrRefusesWhatIsNotASelectorForIt)
+TEST(ProcessLaunchSelectorTest, StderrRefusesOtherSelectors)
 {
     for (const int selector : {-1, -6, std::numeric_limits<int>::min()}) {
         SCOPED_TRACE(selector);
@@ -407,7 +407,7 @@ TEST(ProcessLaunchSelectorTest, CallersDescriptorInItsOwnPlaceIsInherited)
     EXPECT_EQ(result.err, "error\n");
 }
 
-// As in a shell's 2>&1: standard error 1 is what has become of 1, because it comes after standard output.
+// As in a shell's 2>&1: 1 for standard error means the new standard output, which is set up before it.
 TEST(ProcessLaunchSelectorTest, StderrOneIsTheChildsStdout)
 {
     Launch launch = Launch::shell("echo output; echo error >&2");
@@ -574,7 +574,7 @@ TEST(ProcessLaunchParentFailureTest, PipeThatCannotBeMadeIsNamed)
     }
 }
 
-// The same labels come from a real lack of descriptors: with room for more and more of them, a later and
+// The same labels come from a real lack of descriptors: with space for more and more of them, a later and
 // later one fails.
 TEST(ProcessLaunchParentFailureTest, LackOfDescriptorsIsNamedStepByStep)
 {
@@ -588,8 +588,8 @@ TEST(ProcessLaunchParentFailureTest, LackOfDescriptorsIsNamedStepByStep)
         rlimit limit{};
         ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
         std::vector<std::string> thrown;
-        for (int room = 0; room < 8; ++room) {
-            const rlimit narrow{static_cast<rlim_t>(highest + 1 + room), limit.rlim_max};
+        for (int spare = 0; spare < 8; ++spare) {
+            const rlimit narrow{static_cast<rlim_t>(highest + 1 + spare), limit.rlim_max};
             ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &narrow), 0);
             Launch launch;
             launch.in = launch.out = launch.err = kPipeFd;
@@ -619,7 +619,7 @@ TEST(ProcessLaunchParentFailureTest, FailedForkIsNamed)
     EXPECT_TRUE(hasNoChildren());
 }
 
-// The child exists by then: nothing of it may be left either. Each close after the fork fails in turn.
+// The child exists by then, and must not be left either. Each close after the fork fails in turn.
 TEST(ProcessLaunchParentFailureTest, FailedCloseIsNamedAndLeavesNoChild)
 {
     for (int nth = 1; nth <= 4; ++nth) {
@@ -870,7 +870,7 @@ TEST(ProcessLaunchChildFailureTest, LongTextArrivesWhole)
     EXPECT_TRUE(failure == "std::runtime_error: " + text + "; 66");
 }
 
-TEST(ProcessLaunchChildFailureTest, HookThatEndsTheChildIsNoFailureOfTheLaunch)
+TEST(ProcessLaunchChildFailureTest, HookThatEndsTheChildIsNotAFailureOfTheLaunch)
 {
     Launch launch;
     launch.hook = [] { ::_exit(5); };
@@ -1187,7 +1187,7 @@ TEST(RethrowReportTest, EmptyOrMissingTextBecomesAStandardOne)
               "zorvo::SystemError(2): an error in child process: No such file or directory");
 }
 
-TEST(RethrowReportTest, WithoutATypeTheOthersMeanNothing)
+TEST(RethrowReportTest, RecordsWithoutATypeMeanSuccess)
 {
     EXPECT_EQ(reportOf(records({"EM: text", "EC: 13"})), "nothing");
 }

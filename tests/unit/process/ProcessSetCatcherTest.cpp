@@ -1,4 +1,4 @@
-// ProcessSetCatcher: children that end are entered in the table and wake whoever watches the control pipe.
+// ProcessSetCatcher: children that end are entered in the table and wake a reader of the control pipe.
 //
 // Signals come when a test says so: SIGCHLD is blocked until the children have ended, so the handler runs
 // within the call that unblocks it, or the test calls it by hand.
@@ -724,7 +724,7 @@ TEST_F(ProcessSetCatcherTest, FailedCloseDoesNotPreventRemoval)
     }
 }
 
-TEST_F(ProcessSetCatcherTest, FailedCloseOnDestructionIsSilentWhileAnExceptionIsInFlight)
+TEST_F(ProcessSetCatcherTest, FailedCloseOnDestructionIsNotThrownWhileAnExceptionIsInFlight)
 {
     EXPECT_EQ(thrownBy([] {
                   std::optional<FailingCall> failing;

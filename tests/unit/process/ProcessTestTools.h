@@ -112,8 +112,8 @@ inline bool isBlocked(int signal)
 }
 
 /// Puts this process into a state that takeOverSignals() has to change in every way: SIGCHLD ignored and
-/// blocked, SIGPIPE blocked, and SIGUSR1 blocked, which is none of its business. Returns the state; it is
-/// taken over.
+/// blocked, SIGPIPE blocked, and SIGUSR1 blocked, which it must leave alone. Calls that function and returns
+/// the state before.
 inline support::Signals takeOverOddSignals()
 {
     ::signal(SIGCHLD, SIG_IGN);

@@ -65,7 +65,7 @@ InputSource once(const std::string& text)
 
 } // namespace
 
-TEST_F(PumpTest, WithNothingToDoItReturns)
+TEST_F(PumpTest, ReturnsAtOnceWithNothingToDo)
 {
     pump_.run(catcher_);
     EXPECT_FALSE(pump_.inputRefused());

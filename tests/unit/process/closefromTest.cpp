@@ -94,7 +94,7 @@ TEST_F(ClosefromTest, ThroughProcCloses)
 }
 
 // The walk's own descriptor is below: it is neither counted among the lower ones nor left open.
-TEST_F(ClosefromTest, ThroughProcLeavesItsOwnDescriptorToItself)
+TEST_F(ClosefromTest, ThroughProcClosesItsOwnDescriptorOnce)
 {
     inOwnProcess([] {
         closeAllButStandard();
@@ -106,7 +106,7 @@ TEST_F(ClosefromTest, ThroughProcLeavesItsOwnDescriptorToItself)
     });
 }
 
-TEST_F(ClosefromTest, ThroughProcGivesUpOnANumberBeyondTheTable)
+TEST_F(ClosefromTest, ThroughProcFailsOnANumberOutsideTheTable)
 {
     inOwnProcess([] {
         closeAllButStandard();
@@ -127,7 +127,7 @@ TEST_F(ClosefromTest, ThroughProcGivesUpOnANumberBeyondTheTable)
 }
 
 // At most a tenth of the table's size of names is looked at, but always a hundred.
-TEST_F(ClosefromTest, ThroughProcGivesUpOnTooManyNames)
+TEST_F(ClosefromTest, ThroughProcFailsOnTooManyNames)
 {
     inOwnProcess([] {
         rlimit limit{};
@@ -190,7 +190,7 @@ static std::vector<int> closedByNames(const std::vector<std::string>& names)
     return result;
 }
 
-TEST_F(ClosefromTest, ThroughProcBelievesOnlyPlainNumbersAndItsOwnDescriptor)
+TEST_F(ClosefromTest, ThroughProcFailsUnlessItFindsOnlyNumbersAndItsOwnDescriptor)
 {
     if (!support::canMount())
         GTEST_SKIP() << "no private mounts here";
@@ -206,7 +206,7 @@ TEST_F(ClosefromTest, ThroughProcBelievesOnlyPlainNumbersAndItsOwnDescriptor)
     }
 }
 
-TEST_F(ClosefromTest, ThroughProcWithoutItsOwnDescriptorIsNotToBeReliedUpon)
+TEST_F(ClosefromTest, ThroughProcFailsWithoutItsOwnDescriptor)
 {
     if (!support::canMount())
         GTEST_SKIP() << "no private mounts here";
@@ -268,7 +268,7 @@ TEST_F(ClosefromTest, MaxClosesTheSameWithoutCloseRange)
     });
 }
 
-TEST_F(ClosefromTest, MaxTriesNoNumberBeyondTheTableSize)
+TEST_F(ClosefromTest, MaxStopsAtTheTableSize)
 {
     inOwnProcess([] {
         closeAllButStandard();

@@ -35,27 +35,9 @@
 #include <utility>
 #include <vector>
 
-using faults::Call;
-using faults::FailingCall;
-using faults::ScriptedWait;
-using faults::Who;
-using support::ChildResult;
-using support::runInChild;
-using support::ScratchDir;
-using support::Signals;
-using support::signalsIn;
-using tools::Arguments;
-using tools::end;
-using tools::inOwnProcess;
-using tools::NothingLeftTest;
-using tools::numbers;
-using tools::openNumbers;
-using tools::script;
-using tools::see;
-using tools::Seen;
-using tools::sh;
-using tools::taken;
-using tools::targetOf;
+using namespace faults;
+using namespace support;
+using namespace tools;
 
 namespace {
 
@@ -227,7 +209,7 @@ TEST_F(ForkExecWaitpidTest, InterruptedWaitIsRepeated)
     EXPECT_EQ(seen.out, "");
 }
 
-// Priority 3 for what went wrong here, 4 for what became of the child.
+// Priority 3 for failures of this process, 4 for those of the child.
 TEST_F(ForkExecWaitpidTest, PrioritiesAreErrorAndWarning)
 {
     inOwnProcess([] {
@@ -309,8 +291,8 @@ TEST_F(ForkExecvPipesTest, GivenDescriptorsAreUsedAndStayOpen)
     EXPECT_EQ(support::readFile(scratch.file("err")), "error\n");
 }
 
-// Each is closed at its old number before the next one's turn.
-TEST_F(ForkExecvPipesTest, DescriptorGivenTwiceIsGoneAtItsSecondTurn)
+// Each is closed at its old number before the next one is moved.
+TEST_F(ForkExecvPipesTest, DescriptorGivenTwiceIsABadOneAtItsSecondUse)
 {
     const ScratchDir scratch;
     Arguments arguments = script("echo > " + scratch.file("ran"));
@@ -379,7 +361,7 @@ TEST_F(ForkExecvPipesTest, ReturnsThePidWithoutWaiting)
     EXPECT_EQ(support::waitFor(child), 7 << 8);
 }
 
-TEST_F(ForkExecvPipesTest, MissingProgramIsToldByTheChild)
+TEST_F(ForkExecvPipesTest, MissingProgramIsReportedByTheChild)
 {
     Arguments arguments = {"program"};
     const Seen seen = see([&arguments] {
@@ -391,7 +373,7 @@ TEST_F(ForkExecvPipesTest, MissingProgramIsToldByTheChild)
     EXPECT_EQ(seen.err, "fork_execv: execv(\"/no/such/program\") failed: No such file or directory\n");
 }
 
-TEST_F(ForkExecvPipesTest, BadDescriptorIsToldByTheChild)
+TEST_F(ForkExecvPipesTest, BadDescriptorIsReportedByTheChild)
 {
     Arguments arguments = script("exit 0");
     for (int place = 0; place < 2; ++place) {
@@ -411,7 +393,7 @@ TEST_F(ForkExecvPipesTest, BadDescriptorIsToldByTheChild)
     EXPECT_EQ(seen.err, "fork_execv: dup() failed: Bad file descriptor\n");
 }
 
-TEST_F(ForkExecvPipesTest, DevNullThatCannotBeOpenedIsToldByTheChild)
+TEST_F(ForkExecvPipesTest, DevNullThatCannotBeOpenedIsReportedByTheChild)
 {
     Arguments arguments = script("exit 0");
     const FailingCall failing(Call::open, 1, ENOENT, Who::child);
@@ -551,7 +533,7 @@ TEST_F(ForkExecvGetouterrTest, BothStreamsAreCaptured)
     EXPECT_EQ(got.ownErr, "");
 }
 
-TEST_F(ForkExecvGetouterrTest, SilenceGivesNull)
+TEST_F(ForkExecvGetouterrTest, NoOutputGivesNull)
 {
     const Got got = getouterr("exit 0");
     EXPECT_EQ(got.result, 0);
@@ -559,7 +541,7 @@ TEST_F(ForkExecvGetouterrTest, SilenceGivesNull)
     EXPECT_EQ(got.err, "(null)");
 }
 
-TEST_F(ForkExecvGetouterrTest, OneSilentStreamGivesNull)
+TEST_F(ForkExecvGetouterrTest, StreamWithoutOutputGivesNull)
 {
     Got got = getouterr("echo output");
     EXPECT_EQ(got.out, "output\n");
@@ -797,7 +779,7 @@ TEST_F(ForkExecvGetoutTest, StdoutIsCapturedAndStderrPassesThrough)
     EXPECT_EQ(seen.err, "error\n");
 }
 
-TEST_F(ForkExecvGetoutTest, SilenceGivesNull)
+TEST_F(ForkExecvGetoutTest, NoOutputGivesNull)
 {
     char* out = reinterpret_cast<char*>(1);
     Arguments arguments = script("exit 0");
@@ -828,7 +810,7 @@ TEST_F(ForkExecvGetoutTest, GrandchildThatHoldsThePipeIsNotWaitedFor)
     EXPECT_EQ(taken(out), "output\n");
 }
 
-TEST_F(ForkExecvGetoutTest, MissingProgramTellsOnStderr)
+TEST_F(ForkExecvGetoutTest, MissingProgramIsReportedOnStderr)
 {
     char* out = nullptr;
     const Seen seen = see([&] { return fork_execl_getout(&out, "/no/such/program", "program", end); });
@@ -1052,7 +1034,7 @@ TEST_F(ReadToBufTest, BufferGrowsOnlyWhenAtMost2048BytesAreLeft)
     }
 }
 
-TEST_F(ReadToBufTest, RoomForANulIsLeft)
+TEST_F(ReadToBufTest, SpaceForANulIsLeft)
 {
     Reading reading(5000);
     reading.preset(4097, 100);
@@ -1094,7 +1076,7 @@ TEST_F(ReadToBufTest, NothingToReadYetChangesNothing)
     EXPECT_EQ(seen.err, "");
 }
 
-TEST_F(ReadToBufTest, FailureIsToldAndClosesTheDescriptorAndClearsErrno)
+TEST_F(ReadToBufTest, FailureIsReportedAndClosesTheDescriptorAndClearsErrno)
 {
     Reading reading;
     const int fd = reading.fd;
@@ -1197,7 +1179,7 @@ Seen execFd(const char* path, Arguments arguments)
 
 } // namespace
 
-TEST_F(ForkExecvFdTest, DeathByASignalIsTold)
+TEST_F(ForkExecvFdTest, DeathByASignalIsReported)
 {
     for (const auto& [name, number] :
          std::initializer_list<std::pair<std::string, int>>{{"KILL", 9}, {"TERM", 15}, {"SEGV", 11}}) {
@@ -1212,7 +1194,7 @@ TEST_F(ForkExecvFdTest, DeathByASignalIsTold)
     }
 }
 
-TEST_F(ForkExecvFdTest, StopIsTold)
+TEST_F(ForkExecvFdTest, StopIsReported)
 {
     const ScratchDir scratch;
     const Seen seen = execFd(sh, script("echo $$ > " + scratch.file("pid") + "; kill -STOP $$"));
@@ -1223,7 +1205,7 @@ TEST_F(ForkExecvFdTest, StopIsTold)
     endStoppedChild(pid);
 }
 
-TEST_F(ForkExecvFdTest, MissingProgramIsTold)
+TEST_F(ForkExecvFdTest, MissingProgramIsReported)
 {
     const Seen seen = execFd("/no/such/program", {"program"});
     EXPECT_EQ(seen.result, -1);
@@ -1231,7 +1213,7 @@ TEST_F(ForkExecvFdTest, MissingProgramIsTold)
     EXPECT_EQ(seen.err, "Error occured during execv():\nNo such file or directory");
 }
 
-TEST_F(ForkExecvFdTest, FailedForkIsTold)
+TEST_F(ForkExecvFdTest, FailedForkIsReported)
 {
     const FailingCall failing(Call::fork, 1, EAGAIN);
     const Seen seen = execFd(sh, script("exit 0"));
@@ -1240,7 +1222,7 @@ TEST_F(ForkExecvFdTest, FailedForkIsTold)
     EXPECT_EQ(seen.err, "Error occured during fork():\nResource temporarily unavailable");
 }
 
-TEST_F(ForkExecvFdTest, FailedPipeIsTold)
+TEST_F(ForkExecvFdTest, FailedPipeIsReported)
 {
     const FailingCall failing(Call::pipe, 1, EMFILE);
     const Seen seen = execFd(sh, script("exit 0"));
@@ -1249,7 +1231,7 @@ TEST_F(ForkExecvFdTest, FailedPipeIsTold)
     EXPECT_EQ(seen.err, "fork_exec_fd pipe(): Too many open files");
 }
 
-TEST_F(ForkExecvFdTest, FailedWaitIsTold)
+TEST_F(ForkExecvFdTest, FailedWaitIsReported)
 {
     const ScratchDir scratch;
     const FailingCall failing(Call::waitpid, 1, ECHILD);

@@ -1,5 +1,5 @@
-// iterateProcesses: what a walk over /proc tells of processes, real ones and ones made up in an empty file
-// system mounted at /proc.
+// iterateProcesses: what a walk over /proc reports about real processes, and about made-up ones in an empty
+// file system mounted at /proc.
 #include "process/iterateProcesses.h"
 
 #include "common/zorvo_log.h"
@@ -196,7 +196,7 @@ TEST_F(IterateProcessesTest, EveryProcessIsVisitedOnce)
     EXPECT_EQ(std::set<int>(pids.begin(), pids.end()).size(), pids.size());
 }
 
-TEST_F(IterateProcessesTest, NothingIsFilledThatWasNotAskedFor)
+TEST_F(IterateProcessesTest, OnlyRequestedFieldsAreFilled)
 {
     const Record record = recordOf(::getpid(), 0);
     EXPECT_THAT(record.parent, testing::AnyOf(0, -1));
@@ -399,7 +399,7 @@ TEST_F(IterateProcessesTest, ProcessThatVanishesDuringTheWalkIsPassedOver)
     }
 }
 
-// The owner is no reason to pass a process over: it is told as unknown.
+// A process is not passed over because of its owner, which is reported as unknown.
 TEST_F(IterateProcessesTest, OwnerOfAVanishedProcessIsMinusOne)
 {
     Vanishing children;
@@ -506,7 +506,7 @@ TEST_F(IterateMadeUpProcessesTest, AllFieldsComeFromTheirFiles)
     });
 }
 
-// Each file is needed only for what it holds.
+// Each file is needed only for the fields that come from it.
 TEST_F(IterateMadeUpProcessesTest, ProcessWithoutARequestedFileIsPassedOver)
 {
     const std::map<std::string, unsigned> flags = {{"stat", PROCESS_INFO_PARENT | PROCESS_INFO_COMMAND},

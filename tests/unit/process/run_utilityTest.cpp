@@ -35,23 +35,9 @@
 #include <utility>
 #include <vector>
 
-using faults::Call;
-using faults::FailingCall;
-using support::ChildResult;
-using support::ownSignals;
-using support::runInChild;
-using support::ScratchDir;
-using support::Signals;
-using support::signalsIn;
-using tools::Arguments;
-using tools::end;
-using tools::inOwnProcess;
-using tools::NothingLeftTest;
-using tools::numbers;
-using tools::see;
-using tools::Seen;
-using tools::sh;
-using tools::taken;
+using namespace faults;
+using namespace support;
+using namespace tools;
 
 namespace {
 
@@ -322,7 +308,7 @@ TEST_F(PopenExecTest, OutputIsGiven)
     EXPECT_EQ(seen.err, "error\n");
 }
 
-TEST_F(PopenExecTest, SilenceGivesNull)
+TEST_F(PopenExecTest, NoOutputGivesNull)
 {
     char* out = reinterpret_cast<char*>(1);
     EXPECT_EQ(popen_exec_getoutput("exit 0", &out), 0);
@@ -382,7 +368,8 @@ TEST_F(PopenExecTest, FailureWithInputIsReported)
     EXPECT_EQ(seen.err, "input\n" + seen.out);
 }
 
-// More than a pipe holds, and nobody reads it. SIGPIPE must not end this program, whoever had it how.
+// More than a pipe holds, and nobody reads it. SIGPIPE must not end this program, whatever its disposition
+// was.
 TEST_F(PopenExecTest, InputThatIsNotReadIsReported)
 {
     const std::string input(1000000, 'i');

@@ -1,5 +1,5 @@
-// signals: a signal is blocked or ignored within a scope, all is as before after it, and launched programs
-// see nothing of it.
+// signals: a signal is blocked or ignored for a scope, everything is as before afterwards, and launched
+// programs see nothing of it.
 #include "process/signals.h"
 
 #include "unit/process/FailingCall.h"
@@ -129,7 +129,7 @@ TEST(SigBlockerTest, MaskThatCannotBeRestoredThrows)
     });
 }
 
-TEST(SigBlockerTest, MaskThatCannotBeRestoredIsSilentWhileAnExceptionIsInFlight)
+TEST(SigBlockerTest, MaskThatCannotBeRestoredIsNotThrownWhileAnExceptionIsInFlight)
 {
     inOwnProcess([] {
         const std::string thrown = thrownBy([] {
@@ -198,7 +198,7 @@ Signals restoredInChild()
 
 } // namespace
 
-TEST(TakeOverSignalsTest, LaunchingWorksAndALostReaderDoesNotKill)
+TEST(TakeOverSignalsTest, LaunchingWorksAndTheProcessSurvivesALostReader)
 {
     for (unsigned variant = 0; variant < 16; ++variant) {
         SCOPED_TRACE(variant);
@@ -347,7 +347,7 @@ TEST(LaunchSignalsTest, RecordOfTheStartCountsWithinAndAfterItsScope)
     });
 }
 
-TEST(LaunchSignalsTest, ChangesNothingItself)
+TEST(LaunchSignalsTest, ConstructionChangesNoSignal)
 {
     inOwnProcess([] {
         enterState(15);
@@ -376,7 +376,7 @@ TEST(LaunchSignalsTest, InnerScopeChangesNothingOfTheOuterOnesRecord)
     });
 }
 
-TEST(LaunchSignalsTest, AdaptedProcessCanLaunchAndALostReaderDoesNotKill)
+TEST(LaunchSignalsTest, AdaptedProcessCanLaunchAndSurvivesALostReader)
 {
     for (unsigned variant = 0; variant < 16; ++variant) {
         SCOPED_TRACE(variant);
@@ -437,7 +437,7 @@ TEST(LaunchSignalsTest, BlockedSigpipeIsNotLeftPending)
     });
 }
 
-// At every step of the way back, in a process that has SIGPIPE blocked but not ignored.
+// At every step of restoring, in a process that has SIGPIPE blocked but not ignored.
 TEST(LaunchSignalsTest, SigpipeWhileAllIsPutBackDoesNotKill)
 {
     int steps = 0;

@@ -1,4 +1,4 @@
-// When a process was started, read from made texts and from a real child.
+// When a process was started, read from made-up texts and from a real child.
 #include "process/startTime.h"
 
 #include <gtest/gtest.h>

@@ -1,0 +1,24 @@
+# shellcheck shell=bash
+# Mail of a domain whose service is in the file of disabled ones waits in the queue.
+# shellcheck source=framework.sh source-path=SCRIPTDIR
+. "${BASH_SOURCE[0]%/*}/framework.sh"
+
+one_domain() { request one.example 192.0.2.2 ""; }
+
+start_receivers
+bind -t domain-ip < <(one_domain)
+grep '^zorvo-192' "$master_cf" >/var/spool/postfix/zorvo/master.cf.disabled
+sed -i '/^zorvo-192/d' "$master_cf"
+reload_postfix
+assert_checked 1 "domain       service           IPv4       IPv6  HELO name        verdict
+one.example  zorvo-192.0.2.2-  192.0.2.2  -     sandbox.example  service-disabled
+
+problem: service-disabled
+    one.example: service zorvo-192.0.2.2-
+  The service is among the disabled ones, which Postfix does not read, and mail that the table gives to it waits in the queue (\"mail transport unavailable\").
+  Run zorvo-smtp-bind again with the whole request.
+
+$enforce_off
+
+1 problem, 1 warning" -t domain-ip < <(one_domain)
+assert_deferred user@one.example 4 "mail transport unavailable"
