@@ -161,7 +161,7 @@ const char jsonReport[] = R"({
     "record-differs": {
       "gravity": "problem",
       "consequence": "The table gives the domain's mail to another service than the one asked for.",
-      "remedy": "Run zorvo-smtp-bind again with the whole request."
+      "remedy": "Run zorvo-smtp-bind with the whole request."
     }
   }
 }
@@ -194,13 +194,13 @@ TEST_F(CheckTest, ProblemIsStatusOne)
                         "problem: record-missing\n"
                         "    two.example: service zorvo-127.0.0.3-\n"
                         "  The table does not name the domain, so its mail leaves as if it were not bound.\n"
-                        "  Run zorvo-smtp-bind again with the whole request.\n"
+                        "  Run zorvo-smtp-bind with the whole request.\n"
                         "\n"
                         "problem: service-missing\n"
                         "    two.example: service zorvo-127.0.0.3-\n"
                         "  The service is not in master.cf, and mail that the table gives to it waits in the "
                         "queue (\"mail transport unavailable\").\n"
-                        "  Run zorvo-smtp-bind again with the whole request.\n"
+                        "  Run zorvo-smtp-bind with the whole request.\n"
                         "\n"
                         "2 problems\n"));
 }
@@ -216,7 +216,7 @@ TEST_F(CheckTest, WarningAloneIsStatusZero)
                         "warning: service-left-over\n"
                         "    service zorvo-127.0.0.3-\n"
                         "  No record names the service, and no mail uses it.\n"
-                        "  Run zorvo-smtp-bind again with the whole request, which removes it.\n"
+                        "  Run zorvo-smtp-bind with the whole request, which removes it.\n"
                         "\n"
                         "1 warning\n"));
 }
@@ -363,7 +363,7 @@ TEST_F(CheckTest, ControlBytesOfTheTableAreShownEscaped)
                         "    one\\x1b]0;x\\x07: service zorvo-\\r\n"
                         "  The service is not in master.cf, and mail that the table gives to it waits in the "
                         "queue (\"mail transport unavailable\").\n"
-                        "  Run zorvo-smtp-bind again with the whole request.\n"
+                        "  Run zorvo-smtp-bind with the whole request.\n"
                         "\n"
                         "1 problem\n"));
 }

@@ -21,7 +21,7 @@ assert_checked 1 "domain          service  IPv4       IPv6  HELO name        ver
 problem: bind-address-differs
     smtp_bind_address 192.0.2.3, asked for 192.0.2.2
   main.cf names another address than the one asked for, and mail in this family leaves from it.
-  Run zorvo-smtp-bind again with the whole request.
+  Run zorvo-smtp-bind with the whole request.
 
 $enforce_off
 

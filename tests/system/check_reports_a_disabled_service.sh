@@ -16,7 +16,7 @@ one.example  zorvo-192.0.2.2-  192.0.2.2  -     sandbox.example  service-disable
 problem: service-disabled
     one.example: service zorvo-192.0.2.2-
   The service is among the disabled ones, which Postfix does not read, and mail that the table gives to it waits in the queue (\"mail transport unavailable\").
-  Run zorvo-smtp-bind again with the whole request.
+  Run zorvo-smtp-bind with the whole request.
 
 $enforce_off
 

@@ -13,7 +13,7 @@ one.example  zorvo-192.0.2.2-  192.0.2.2  -     sandbox.example  ok
 problem: record-left-over
     record @two.example, in the table zorvo-192.0.2.3-:
   The table binds a domain that the request does not name, and its mail leaves as this record says.
-  Run zorvo-smtp-bind again with the whole request.
+  Run zorvo-smtp-bind with the whole request.
 
 $enforce_off
 

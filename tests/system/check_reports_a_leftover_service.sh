@@ -15,7 +15,7 @@ one.example  zorvo-192.0.2.2-  192.0.2.2  -     sandbox.example  ok
 warning: service-left-over
     service zorvo-192.0.2.9-
   No record names the service, and no mail uses it.
-  Run zorvo-smtp-bind again with the whole request, which removes it.
+  Run zorvo-smtp-bind with the whole request, which removes it.
 
 $enforce_off
 

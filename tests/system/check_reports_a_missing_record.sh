@@ -15,7 +15,7 @@ two.example  zorvo-192.0.2.3-  192.0.2.3  -     sandbox.example  ok
 problem: record-missing
     one.example: service zorvo-192.0.2.2-
   The table does not name the domain, so its mail leaves as if it were not bound.
-  Run zorvo-smtp-bind again with the whole request.
+  Run zorvo-smtp-bind with the whole request.
 
 $enforce_off
 
@@ -28,7 +28,7 @@ two.example  zorvo-192.0.2.3-  192.0.2.3  -     sandbox.example  ok
 warning: service-left-over
     service zorvo-192.0.2.2-
   No record names the service, and no mail uses it.
-  Run zorvo-smtp-bind again with the whole request, which removes it.
+  Run zorvo-smtp-bind with the whole request, which removes it.
 
 $enforce_off
 

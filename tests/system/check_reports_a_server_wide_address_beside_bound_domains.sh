@@ -15,7 +15,7 @@ one.example  zorvo-192.0.2.2-  192.0.2.2  -     sandbox.example  ok
 problem: bind-address-beside-domains
     smtp_bind_address 192.0.2.3
   Mail of all domains that are not bound leaves from this address instead of the host's default one.
-  Run zorvo-smtp-bind again, which takes the parameter out of main.cf.
+  Run zorvo-smtp-bind, which takes the parameter out of main.cf.
 
 $enforce_off
 

@@ -8,7 +8,7 @@ rest="-o smtp_bind_address6= -o smtp_address_preference=ipv4 -o inet_protocols=i
 service_differs="problem: service-differs
     one.example: service zorvo-192.0.2.2-, in master.cf \"smtp -o smtp_bind_address=192.0.2.3 $rest\", asked for \"smtp -o smtp_bind_address=192.0.2.2 $rest\"
   The service in master.cf is not as zorvo-smtp-bind sets it up, and mail leaves as master.cf says.
-  Run zorvo-smtp-bind again with the whole request."
+  Run zorvo-smtp-bind with the whole request."
 
 start_receivers
 bind -t domain-ip < <(one_domain)

@@ -15,7 +15,7 @@ one.example  zorvo-192.0.2.2-  192.0.2.2  -     sandbox.example  table-unavailab
 severe: table-unavailable
     table $table
   Postfix defers all mail, of other domains as well, because a lookup in the table fails.
-  Run zorvo-smtp-bind again with the whole request.
+  Run zorvo-smtp-bind with the whole request.
 
 $enforce_off
 

@@ -97,7 +97,7 @@ TEST(WriteTableTest, FindingsFollowTheGravestFirst)
         "problem: record-missing\n"
         "    two.example: service zorvo--2001-db8--2\n"
         "  The table does not name the domain, so its mail leaves as if it were not bound.\n"
-        "  Run zorvo-smtp-bind again with the whole request.\n"
+        "  Run zorvo-smtp-bind with the whole request.\n"
         "\n"
         "warning: enforce-off\n"
         "  If an address is taken off the host, Postfix logs a warning and sends from the default one.\n"
@@ -140,7 +140,7 @@ TEST(WriteTableTest, TenEqualFindingsAreOneLineAndNineAreNot)
               "problem: record-missing\n"
               "    10 times: d0.example, d1.example, d2.example and 7 more\n"
               "  The table does not name the domain, so its mail leaves as if it were not bound.\n"
-              "  Run zorvo-smtp-bind again with the whole request.\n"
+              "  Run zorvo-smtp-bind with the whole request.\n"
               "\n"
               "10 problems\n");
 }
