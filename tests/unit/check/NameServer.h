@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <fstream>
 #include <set>
 #include <stdexcept>
@@ -30,7 +31,8 @@ inline sockaddr_in loopback(const char* address, uint16_t port)
     return result;
 }
 
-/// dnsmasq on 127.0.0.53, with the settings it is given and nothing else.
+/// dnsmasq on 127.0.0.53, with the settings it is given and nothing else. In debug mode, because otherwise it
+/// forks for a question over TCP, and that child can keep the port for a moment longer than the test.
 class NameServer {
 public:
     explicit NameServer(const std::vector<std::string>& settings)
@@ -42,9 +44,13 @@ public:
             text += setting + "\n";
         support::writeFile(scratch_.file("conf"), text);
         const std::string conf = "--conf-file=" + scratch_.file("conf");
-        process_ = support::forkChild([&conf] {
+        const std::string errors = scratch_.file("errors");
+        process_ = support::forkChild([&] {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            ::execl("/usr/sbin/dnsmasq", "dnsmasq", "--keep-in-foreground", conf.c_str(), nullptr);
+            // It repeats its log there.
+            if (!::freopen(errors.c_str(), "w", stderr))
+                return 126;
+            ::execl("/usr/sbin/dnsmasq", "dnsmasq", "--no-daemon", conf.c_str(), nullptr);
             return 127;
         });
         while (!_started())
@@ -79,10 +85,14 @@ private:
     {
         int status = 0;
         if (::waitpid(process_, &status, WNOHANG) != 0)
-            throw std::runtime_error("dnsmasq does not start");
-        std::ifstream file(log());
-        const std::string text{std::istreambuf_iterator<char>(file), {}};
-        return text.find(": started, version") != std::string::npos;
+            throw std::runtime_error("dnsmasq does not start: " + _contents("errors"));
+        return _contents("log").find(": started, version") != std::string::npos;
+    }
+
+    std::string _contents(const char* name) const
+    {
+        std::ifstream file(scratch_.file(name));
+        return {std::istreambuf_iterator<char>(file), {}};
     }
 
     support::ScratchDir scratch_;
