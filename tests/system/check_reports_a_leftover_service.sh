@@ -3,8 +3,6 @@
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 
-one_domain() { request one.example 192.0.2.2 ""; }
-
 start_receivers
 bind -t domain-ip < <(one_domain)
 echo 'zorvo-192.0.2.9- unix - - n - - smtp -o smtp_bind_address=192.0.2.9' >>"$master_cf"

@@ -3,8 +3,6 @@
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 
-two_domains() { request one.example 192.0.2.2 "" two.example 192.0.2.3 ""; }
-
 start_receivers
 bind -t domain-ip < <(two_domains)
 postmap -d @one.example "$table"

@@ -3,7 +3,6 @@
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 
-one_domain() { request one.example 192.0.2.2 ""; }
 rest="-o smtp_bind_address6= -o smtp_address_preference=ipv4 -o inet_protocols=ipv4"
 service_differs="problem: service-differs
     one.example: service zorvo-192.0.2.2-, in master.cf \"smtp -o smtp_bind_address=192.0.2.3 $rest\", asked for \"smtp -o smtp_bind_address=192.0.2.2 $rest\"

@@ -3,8 +3,6 @@
 # shellcheck source=framework.sh source-path=SCRIPTDIR
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 
-one_domain() { request one.example 192.0.2.2 ""; }
-
 start_receivers
 bind -t domain-ip < <(one_domain)
 mv "$database" "$scratch/"

@@ -4,8 +4,6 @@
 . "${BASH_SOURCE[0]%/*}/framework.sh"
 
 needs_ipv6
-one_domain() { request one.example 192.0.2.2 ""; }
-
 start_receivers
 postconf -e 'inet_interfaces=127.0.0.1, [::1]'
 bind -t domain-ip < <(one_domain)

@@ -173,6 +173,9 @@ request() {
     done
     echo ']}'
 }
+# The requests of most checks.
+one_domain() { request one.example 192.0.2.2 ""; }
+two_domains() { request one.example 192.0.2.2 "" two.example 192.0.2.3 ""; }
 
 configuration_files() { find /etc/postfix /var/spool/postfix/zorvo | sort; }
 files_at_start=$(configuration_files)
